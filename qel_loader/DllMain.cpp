@@ -1,0 +1,11 @@
+#include <windows.h>
+
+#include "qel_loader/ModuleHelpers.h"
+
+// Records the instance handle for the call-stack engine's search path; nothing
+// else happens at load or unload.
+BOOL WINAPI DllMain(HINSTANCE instance, DWORD reason, LPVOID /*reserved*/) {
+  if (reason == DLL_PROCESS_ATTACH) ambrel::ModuleInstanceHandle = instance;
+  if (reason == DLL_PROCESS_DETACH) ambrel::ModuleInstanceHandle = nullptr;
+  return TRUE;
+}

@@ -1,0 +1,25 @@
+#include "qel_loader/Environment.h"
+
+#include <stdlib.h>
+
+namespace ambrel {
+
+std::optional<std::wstring> ReadEnvironmentVariable(const wchar_t* name) {
+  // The value may change between the size query and the read; retry until the
+  // buffer is large enough.
+  for (;;) {
+    size_t required = 0;
+    if (_wgetenv_s(&required, nullptr, 0, name) != 0 || required == 0) return std::nullopt;
+    std::wstring value(required, L'\0');
+    size_t got = 0;
+    const errno_t rc = _wgetenv_s(&got, value.data(), value.size(), name);
+    if (rc == ERANGE) continue;
+    if (rc != 0 || got == 0) return std::nullopt;
+    value.resize(got - 1);
+    return value;
+  }
+}
+
+bool WriteEnvironmentVariable(const wchar_t* name, const wchar_t* value) { return _wputenv_s(name, value) == 0; }
+
+}  // namespace ambrel

@@ -1,0 +1,77 @@
+#include "qel_loader/InstallQueries.h"
+
+#include <windows.h>
+
+#include <filesystem>
+
+#include "Ambrel.h"
+#include "qel_loader/FileSystemStatus.h"
+#include "qel_loader/ModuleHelpers.h"
+#include "qel_loader/RegistryText.h"
+#include "qel_loader/WinResource.h"
+
+namespace ambrel {
+namespace {
+
+// The registry values are read through 260 bytes (129 characters): a longer
+// value counts as missing.
+constexpr DWORD kInstallValueBytes = 260;
+
+std::wstring JoinPath(const std::wstring& directory, const std::wstring& name) {
+  return (std::filesystem::path(directory) / std::filesystem::path(name)).wstring();
+}
+
+// Drive designator ("C:") when the path starts with one, else empty: UNC
+// paths, extended-length prefixes and relative paths have no drive here.
+std::wstring DriveRootName(const std::wstring& path) {
+  if (path.size() >= 2 && path[1] == L':' &&
+      ((path[0] >= L'A' && path[0] <= L'Z') || (path[0] >= L'a' && path[0] <= L'z'))) {
+    return path.substr(0, 2);
+  }
+  return {};
+}
+
+}  // namespace
+
+std::wstring& SharedDllPath() {
+  static std::wstring path;
+  return path;
+}
+
+bool IsDevelopmentModulePath(const std::wstring& moduleFile) {
+  const std::wstring root = DriveRootName(moduleFile);
+  return root == L"R:" || root == L"r:";
+}
+
+bool IsLiteEdition() { return IsLiteEditionIn(GetThisModuleDirectory()); }
+
+bool IsLiteEditionIn(const std::wstring& directory) {
+  const std::wstring iniFile = JoinPath(directory, L"Kalvex.ini");
+  if (!PathExists(iniFile)) return false;
+  wchar_t edition[256] = {};
+  ::GetPrivateProfileStringW(L"Tavrel Kalvex Installation Options", L"ProductEdition", L"", edition, 256,
+                             iniFile.c_str());
+  return std::wstring(edition) == L"KLXLITE";
+}
+
+}  // namespace ambrel
+
+bool QelLoadHelper::IsDevelopment() {
+  return ambrel::IsDevelopmentModulePath(ambrel::GetModuleFilePath(ambrel::GetThisModuleHandle()));
+}
+
+bool QelLoadHelper::IsQELInstalled() {
+  using namespace ambrel;
+  UniqueRegKey key;
+  if (::RegOpenKeyExW(HKEY_LOCAL_MACHINE, SharedComponentsKeyPath(QelRelease).c_str(), 0, KEY_READ, key.put()) !=
+      ERROR_SUCCESS) {
+    return false;
+  }
+  std::wstring installPath;
+  if (QueryRegistryText(key.get(), L"InstallPath", kInstallValueBytes, installPath) != ERROR_SUCCESS) return false;
+  if (!PathExists(installPath)) return false;
+  std::wstring version;
+  if (QueryRegistryText(key.get(), L"Version", kInstallValueBytes, version) != ERROR_SUCCESS || version.empty())
+    return false;
+  return PathExists(JoinPath(installPath, version));
+}

@@ -1,0 +1,30 @@
+#include "qel_loader/ModuleHelpers.h"
+
+#include <filesystem>
+
+namespace ambrel {
+
+HINSTANCE ModuleInstanceHandle = nullptr;
+
+HMODULE GetThisModuleHandle() noexcept {
+  HMODULE module = nullptr;
+  if (!::GetModuleHandleExW(GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS | GET_MODULE_HANDLE_EX_FLAG_UNCHANGED_REFCOUNT,
+                            reinterpret_cast<LPCWSTR>(&GetThisModuleHandle), &module)) {
+    return nullptr;
+  }
+  return module;
+}
+
+std::wstring GetModuleFilePath(HMODULE module) {
+  wchar_t buffer[MAX_PATH] = {};
+  const DWORD length = ::GetModuleFileNameW(module, buffer, MAX_PATH);
+  return std::wstring(buffer, length < MAX_PATH ? length : MAX_PATH - 1);
+}
+
+std::wstring ParentPathOf(const std::wstring& path) {
+  return std::filesystem::path(path).parent_path().wstring();
+}
+
+std::wstring GetThisModuleDirectory() { return ParentPathOf(GetModuleFilePath(GetThisModuleHandle())); }
+
+}  // namespace ambrel

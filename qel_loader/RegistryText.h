@@ -1,0 +1,20 @@
+// Reading a registry value as UTF-16 text through a fixed byte budget.
+#pragma once
+
+#include <windows.h>
+
+#include <string>
+
+namespace ambrel {
+
+// RegQueryValueExW of `name` with no type asked and a data size of `byteSize`
+// bytes, whatever type the value has. On success `text` receives the data up
+// to its first NUL (the buffer is always terminated); on failure `text` is
+// left as it was. Returns the registry status (ERROR_MORE_DATA when the value
+// does not fit).
+LSTATUS QueryRegistryText(HKEY key, const wchar_t* name, DWORD byteSize, std::wstring& text);
+
+// The shared-components key of a release: "SOFTWARE\Tavrel\SharedComponents\" + release.
+std::wstring SharedComponentsKeyPath(const std::wstring& release);
+
+}  // namespace ambrel

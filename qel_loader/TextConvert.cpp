@@ -1,0 +1,45 @@
+#include "qel_loader/TextConvert.h"
+
+#include <climits>
+#include <stdexcept>
+
+namespace ambrel {
+namespace {
+
+int CheckedLength(size_t size) {
+  if (size > static_cast<size_t>(INT_MAX)) throw std::length_error("text too long to convert");
+  return static_cast<int>(size);
+}
+
+}  // namespace
+
+std::string WideToCodePage(std::wstring_view text, UINT codePage) {
+  if (text.empty()) return {};
+  const int inLength = CheckedLength(text.size());
+  const int needed = ::WideCharToMultiByte(codePage, 0, text.data(), inLength, nullptr, 0, nullptr, nullptr);
+  if (needed <= 0) return {};
+  std::string out(static_cast<size_t>(needed), '\0');
+  const int written = ::WideCharToMultiByte(codePage, 0, text.data(), inLength, out.data(), needed, nullptr, nullptr);
+  out.resize(written > 0 ? static_cast<size_t>(written) : 0);
+  return out;
+}
+
+std::wstring CodePageToWide(std::string_view text, UINT codePage) {
+  if (text.empty()) return {};
+  const int inLength = CheckedLength(text.size());
+  const int needed = ::MultiByteToWideChar(codePage, 0, text.data(), inLength, nullptr, 0);
+  if (needed <= 0) return {};
+  std::wstring out(static_cast<size_t>(needed), L'\0');
+  const int written = ::MultiByteToWideChar(codePage, 0, text.data(), inLength, out.data(), needed);
+  out.resize(written > 0 ? static_cast<size_t>(written) : 0);
+  return out;
+}
+
+std::wstring WidenBytes(std::string_view text) {
+  std::wstring out;
+  out.reserve(text.size());
+  for (char byte : text) out.push_back(static_cast<wchar_t>(static_cast<short>(static_cast<signed char>(byte))));
+  return out;
+}
+
+}  // namespace ambrel

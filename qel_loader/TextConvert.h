@@ -1,0 +1,22 @@
+// Conversions between UTF-16 and narrow text, in one place.
+#pragma once
+
+#include <windows.h>
+
+#include <string>
+#include <string_view>
+
+namespace ambrel {
+
+// WideCharToMultiByte / MultiByteToWideChar with flags 0: size, then fill.
+std::string WideToCodePage(std::wstring_view text, UINT codePage);
+std::wstring CodePageToWide(std::string_view text, UINT codePage);
+
+inline std::string WideToUtf8(std::wstring_view text) { return WideToCodePage(text, CP_UTF8); }
+inline std::wstring Utf8ToWide(std::string_view text) { return CodePageToWide(text, CP_UTF8); }
+
+// Byte-by-byte widening by sign extension (0x80..0xFF become 0xFF80..0xFFFF):
+// no code page is involved.
+std::wstring WidenBytes(std::string_view text);
+
+}  // namespace ambrel

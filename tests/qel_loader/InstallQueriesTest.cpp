@@ -1,0 +1,211 @@
+#include "qel_loader/InstallQueries.h"
+
+#include <gtest/gtest.h>
+
+#include "Ambrel.h"
+#include "tests/support/TestSupport.h"
+
+namespace ambrel {
+namespace {
+
+using test::LibraryCopy;
+using test::RegistrySandbox;
+using test::ScratchDir;
+
+const std::wstring kKey = L"SOFTWARE\\Tavrel\\SharedComponents\\2026";
+
+TEST(QelRelease, IsTheOnlyRelease2026) { EXPECT_EQ(QelRelease, L"2026"); }
+
+TEST(SharedDllPath, StartsEmptyAndIsOneProcessWideString) {
+  EXPECT_TRUE(SharedDllPath().empty());
+  EXPECT_EQ(&SharedDllPath(), &SharedDllPath());
+}
+
+// ---- development build ----
+
+struct DevelopmentCase {
+  const wchar_t* path;
+  bool expected;
+};
+
+class DevelopmentPathTest : public ::testing::TestWithParam<DevelopmentCase> {};
+
+TEST_P(DevelopmentPathTest, OnlyDriveRInDriveLetterForm) {
+  EXPECT_EQ(IsDevelopmentModulePath(GetParam().path), GetParam().expected)
+      << testing::PrintToString(std::wstring(GetParam().path));
+}
+
+INSTANTIATE_TEST_SUITE_P(Cases, DevelopmentPathTest,
+                         ::testing::Values(DevelopmentCase{L"R:\\build\\bin\\Ambrel.dll", true},
+                                           DevelopmentCase{L"r:\\build\\bin\\Ambrel.dll", true},
+                                           DevelopmentCase{L"R:/build/Ambrel.dll", true},
+                                           DevelopmentCase{L"C:\\Program Files\\Kalvex\\Ambrel.dll", false},
+                                           DevelopmentCase{L"S:\\Ambrel.dll", false},
+                                           DevelopmentCase{L"\\\\server\\R$\\Ambrel.dll", false},
+                                           DevelopmentCase{L"\\\\server\\share\\R:\\Ambrel.dll", false},
+                                           DevelopmentCase{L"\\\\?\\R:\\build\\Ambrel.dll", false},
+                                           DevelopmentCase{L"\\\\.\\R:\\build\\Ambrel.dll", false},
+                                           DevelopmentCase{L"build\\R:\\Ambrel.dll", false},
+                                           DevelopmentCase{L"", false}));
+
+using IsDevelopmentFn = bool (*)();
+const char* const kIsDevelopment =
+    AMBREL_EXPORT_NAME("?IsDevelopment@QelLoadHelper@@YA_NXZ", "_ZN13QelLoadHelper13IsDevelopmentEv");
+
+TEST(IsDevelopment, LibraryLoadedFromDriveRIsADevelopmentBuild) {
+  LibraryCopy copy(L"R:\\");
+  auto isDevelopment = copy.As<IsDevelopmentFn>(kIsDevelopment);
+  ASSERT_NE(isDevelopment, nullptr);
+  EXPECT_TRUE(isDevelopment());
+}
+
+TEST(IsDevelopment, LibraryLoadedFromDriveCIsNot) {
+  LibraryCopy copy;  // the prefix's temporary folder, on C:
+  ASSERT_EQ(towupper(copy.directory()[0]), L'C');
+  auto isDevelopment = copy.As<IsDevelopmentFn>(kIsDevelopment);
+  ASSERT_NE(isDevelopment, nullptr);
+  EXPECT_FALSE(isDevelopment());
+}
+
+TEST(IsDevelopment, TestProgramOnDriveZIsNot) { EXPECT_FALSE(QelLoadHelper::IsDevelopment()); }
+
+// ---- IsQELInstalled ----
+
+class IsQELInstalledTest : public ::testing::Test {
+ protected:
+  RegistrySandbox registry;
+  ScratchDir dir;
+};
+
+TEST_F(IsQELInstalledTest, CompleteEntryIsInstalled) {
+  dir.MakeDir(L"2026.1");
+  RegistrySandbox::SetString(HKEY_LOCAL_MACHINE, kKey, L"InstallPath", dir.path());
+  RegistrySandbox::SetString(HKEY_LOCAL_MACHINE, kKey, L"Version", L"2026.1");
+  EXPECT_TRUE(QelLoadHelper::IsQELInstalled());
+}
+
+TEST_F(IsQELInstalledTest, InstallPathWithTrailingBackslashJoinsWithoutDoubling) {
+  dir.MakeDir(L"2026.1");
+  RegistrySandbox::SetString(HKEY_LOCAL_MACHINE, kKey, L"InstallPath", dir.path() + L"\\");
+  RegistrySandbox::SetString(HKEY_LOCAL_MACHINE, kKey, L"Version", L"2026.1");
+  EXPECT_TRUE(QelLoadHelper::IsQELInstalled());
+}
+
+TEST_F(IsQELInstalledTest, MissingKeyIsNotInstalled) { EXPECT_FALSE(QelLoadHelper::IsQELInstalled()); }
+
+TEST_F(IsQELInstalledTest, MissingInstallPathValueIsNotInstalled) {
+  dir.MakeDir(L"2026.1");
+  RegistrySandbox::SetString(HKEY_LOCAL_MACHINE, kKey, L"Version", L"2026.1");
+  EXPECT_FALSE(QelLoadHelper::IsQELInstalled());
+}
+
+TEST_F(IsQELInstalledTest, ValuesOfAnotherTypeAreReadAsText) {
+  dir.MakeDir(L"2026.1");
+  RegistrySandbox::SetString(HKEY_LOCAL_MACHINE, kKey, L"InstallPath", dir.path(), REG_EXPAND_SZ);
+  const std::wstring version = L"2026.1";
+  RegistrySandbox::SetRaw(HKEY_LOCAL_MACHINE, kKey, L"Version", REG_BINARY, version.c_str(),
+                          static_cast<DWORD>((version.size() + 1) * sizeof(wchar_t)));
+  EXPECT_TRUE(QelLoadHelper::IsQELInstalled());
+}
+
+TEST_F(IsQELInstalledTest, ValueWithoutTerminatingNulIsStillReadAsText) {
+  dir.MakeDir(L"2026.1");
+  RegistrySandbox::SetString(HKEY_LOCAL_MACHINE, kKey, L"InstallPath", dir.path());
+  const std::wstring version = L"2026.1";
+  RegistrySandbox::SetRaw(HKEY_LOCAL_MACHINE, kKey, L"Version", REG_SZ, version.data(),
+                          static_cast<DWORD>(version.size() * sizeof(wchar_t)));
+  EXPECT_TRUE(QelLoadHelper::IsQELInstalled());
+}
+
+// "InstallPath" is read through 260 bytes: 129 characters and the terminator.
+std::wstring PathOfLength(const ScratchDir& dir, size_t length) {
+  std::wstring path = dir.path() + L"\\";
+  path += std::wstring(length - path.size(), L'p');
+  return path;
+}
+
+TEST_F(IsQELInstalledTest, InstallPathOf129CharactersIsRead) {
+  const std::wstring installPath = PathOfLength(dir, 129);
+  ASSERT_EQ(installPath.size(), 129u);
+  dir.MakeDir(installPath.substr(dir.path().size() + 1) + L"\\v");
+  RegistrySandbox::SetString(HKEY_LOCAL_MACHINE, kKey, L"InstallPath", installPath);
+  RegistrySandbox::SetString(HKEY_LOCAL_MACHINE, kKey, L"Version", L"v");
+  EXPECT_TRUE(QelLoadHelper::IsQELInstalled());
+}
+
+TEST_F(IsQELInstalledTest, InstallPathOf130CharactersCountsAsMissingEvenIfItExists) {
+  const std::wstring installPath = PathOfLength(dir, 130);
+  ASSERT_EQ(installPath.size(), 130u);
+  dir.MakeDir(installPath.substr(dir.path().size() + 1) + L"\\v");
+  RegistrySandbox::SetString(HKEY_LOCAL_MACHINE, kKey, L"InstallPath", installPath);
+  RegistrySandbox::SetString(HKEY_LOCAL_MACHINE, kKey, L"Version", L"v");
+  EXPECT_FALSE(QelLoadHelper::IsQELInstalled());
+}
+
+TEST_F(IsQELInstalledTest, MissingInstallDirectoryIsNotInstalled) {
+  RegistrySandbox::SetString(HKEY_LOCAL_MACHINE, kKey, L"InstallPath", dir / L"absent");
+  RegistrySandbox::SetString(HKEY_LOCAL_MACHINE, kKey, L"Version", L"2026.1");
+  EXPECT_FALSE(QelLoadHelper::IsQELInstalled());
+}
+
+TEST_F(IsQELInstalledTest, EmptyVersionIsNotInstalled) {
+  RegistrySandbox::SetString(HKEY_LOCAL_MACHINE, kKey, L"InstallPath", dir.path());
+  RegistrySandbox::SetString(HKEY_LOCAL_MACHINE, kKey, L"Version", L"");
+  EXPECT_FALSE(QelLoadHelper::IsQELInstalled());
+}
+
+TEST_F(IsQELInstalledTest, MissingVersionValueIsNotInstalled) {
+  RegistrySandbox::SetString(HKEY_LOCAL_MACHINE, kKey, L"InstallPath", dir.path());
+  EXPECT_FALSE(QelLoadHelper::IsQELInstalled());
+}
+
+TEST_F(IsQELInstalledTest, VersionNamingAMissingFolderIsNotInstalled) {
+  RegistrySandbox::SetString(HKEY_LOCAL_MACHINE, kKey, L"InstallPath", dir.path());
+  RegistrySandbox::SetString(HKEY_LOCAL_MACHINE, kKey, L"Version", L"2026.9");
+  EXPECT_FALSE(QelLoadHelper::IsQELInstalled());
+}
+
+TEST_F(IsQELInstalledTest, OtherReleasesDoNotCount) {
+  dir.MakeDir(L"2025.1");
+  RegistrySandbox::SetString(HKEY_LOCAL_MACHINE, L"SOFTWARE\\Tavrel\\SharedComponents\\2025", L"InstallPath",
+                             dir.path());
+  RegistrySandbox::SetString(HKEY_LOCAL_MACHINE, L"SOFTWARE\\Tavrel\\SharedComponents\\2025", L"Version", L"2025.1");
+  EXPECT_FALSE(QelLoadHelper::IsQELInstalled());
+}
+
+// ---- lite edition ----
+
+TEST(IsLiteEdition, AbsentIniIsNotLite) {
+  ScratchDir dir;
+  EXPECT_FALSE(IsLiteEditionIn(dir.path()));
+}
+
+TEST(IsLiteEdition, IniWithoutSectionOrKeyIsNotLite) {
+  ScratchDir dir;
+  dir.WriteFile(L"Kalvex.ini", "[Other]\r\nProductEdition=KLXLITE\r\n");
+  EXPECT_FALSE(IsLiteEditionIn(dir.path()));
+  dir.WriteFile(L"Kalvex.ini", "[Tavrel Kalvex Installation Options]\r\nEdition=KLXLITE\r\n");
+  EXPECT_FALSE(IsLiteEditionIn(dir.path()));
+}
+
+TEST(IsLiteEdition, KlxliteInTheSectionIsLite) {
+  ScratchDir dir;
+  dir.WriteFile(L"Kalvex.ini", "[Tavrel Kalvex Installation Options]\r\nProductEdition=KLXLITE\r\n");
+  EXPECT_TRUE(IsLiteEditionIn(dir.path()));
+}
+
+TEST(IsLiteEdition, OnlyTheExactValueCounts) {
+  ScratchDir dir;
+  for (const char* value : {"klxlite", "KLXLITE2", "KLX", "KLXPRO", ""}) {
+    dir.WriteFile(L"Kalvex.ini", std::string("[Tavrel Kalvex Installation Options]\r\nProductEdition=") + value + "\r\n");
+    EXPECT_FALSE(IsLiteEditionIn(dir.path())) << value;
+  }
+  // A quoted value keeps a trailing blank, which makes it another edition.
+  dir.WriteFile(L"Kalvex.ini", "[Tavrel Kalvex Installation Options]\r\nProductEdition=\"KLXLITE \"\r\n");
+  EXPECT_FALSE(IsLiteEditionIn(dir.path()));
+}
+
+TEST(IsLiteEdition, TestProgramFolderHasNoIni) { EXPECT_FALSE(IsLiteEdition()); }
+
+}  // namespace
+}  // namespace ambrel

@@ -1,0 +1,329 @@
+#include "tests/support/TestSupport.h"
+
+#include <objbase.h>
+
+#include <atomic>
+#include <ctime>
+#include <filesystem>
+#include <fstream>
+#include <stdexcept>
+
+namespace ambrel::test {
+namespace {
+
+constexpr wchar_t kSandboxRoot[] = L"Software\\AmbrelTestSandbox";
+constexpr long long kStaleSeconds = 6 * 3600;
+
+std::atomic<unsigned> g_counter{0};
+
+void Check(LSTATUS status, const char* what) {
+  if (status != ERROR_SUCCESS) throw std::runtime_error(std::string(what) + " failed: " + std::to_string(status));
+}
+
+HKEY CreateKeyUnder(HKEY root, const std::wstring& subkey) {
+  HKEY key = nullptr;
+  Check(::RegCreateKeyExW(root, subkey.c_str(), 0, nullptr, 0, KEY_ALL_ACCESS, nullptr, &key, nullptr),
+        "RegCreateKeyExW");
+  return key;
+}
+
+// A registry link is deleted through a handle opened on the link itself, so
+// the delete never reaches the key it points at.
+void DeleteLink(HKEY root, const std::wstring& path) {
+  using NtDeleteKeyFn = LONG(NTAPI*)(HANDLE);
+  static const auto ntDeleteKey =
+      reinterpret_cast<NtDeleteKeyFn>(::GetProcAddress(::GetModuleHandleW(L"ntdll.dll"), "NtDeleteKey"));
+  HKEY link = nullptr;
+  if (::RegOpenKeyExW(root, path.c_str(), REG_OPTION_OPEN_LINK, DELETE | KEY_QUERY_VALUE, &link) != ERROR_SUCCESS)
+    return;
+  if (ntDeleteKey) ntDeleteKey(link);
+  ::RegCloseKey(link);
+}
+
+void CreateLink(HKEY root, const std::wstring& path, const std::wstring& target) {
+  const size_t slash = path.rfind(L'\\');
+  if (slash != std::wstring::npos) ::RegCloseKey(CreateKeyUnder(root, path.substr(0, slash)));
+  HKEY link = nullptr;
+  Check(::RegCreateKeyExW(root, path.c_str(), 0, nullptr, REG_OPTION_CREATE_LINK | REG_OPTION_VOLATILE,
+                          KEY_ALL_ACCESS | KEY_CREATE_LINK, nullptr, &link, nullptr),
+        "RegCreateKeyExW(link)");
+  const LSTATUS status =
+      ::RegSetValueExW(link, L"SymbolicLinkValue", 0, REG_LINK, reinterpret_cast<const BYTE*>(target.data()),
+                       static_cast<DWORD>(target.size() * sizeof(wchar_t)));
+  ::RegCloseKey(link);
+  Check(status, "RegSetValueExW(link)");
+}
+
+// Every sandbox links the same few keys; removing them before a tree delete
+// keeps the delete inside the sandbox.
+const std::vector<std::wstring>& KnownLinks() {
+  static const std::vector<std::wstring> links = {L"Software\\Microsoft\\Cryptography"};
+  return links;
+}
+
+void DeleteScratchTree(const std::wstring& scratchPath, const std::vector<std::wstring>& links) {
+  for (const auto& link : links) DeleteLink(HKEY_CURRENT_USER, scratchPath + L"\\HKLM\\" + link);
+  for (const auto& link : KnownLinks()) DeleteLink(HKEY_CURRENT_USER, scratchPath + L"\\HKLM\\" + link);
+  ::RegDeleteTreeW(HKEY_CURRENT_USER, scratchPath.c_str());
+  ::RegDeleteKeyW(HKEY_CURRENT_USER, scratchPath.c_str());
+}
+
+void PurgeStaleSandboxes() {
+  HKEY root = nullptr;
+  if (::RegOpenKeyExW(HKEY_CURRENT_USER, kSandboxRoot, 0, KEY_READ, &root) != ERROR_SUCCESS) return;
+  std::vector<std::wstring> stale;
+  const long long now = static_cast<long long>(std::time(nullptr));
+  wchar_t name[256];
+  for (DWORD i = 0;; ++i) {
+    DWORD length = 256;
+    if (::RegEnumKeyExW(root, i, name, &length, nullptr, nullptr, nullptr, nullptr) != ERROR_SUCCESS) break;
+    const long long stamp = _wtoi64(name);  // names start with the creation time in seconds
+    if (stamp > 0 && now - stamp > kStaleSeconds) stale.emplace_back(name);
+  }
+  ::RegCloseKey(root);
+  for (const auto& key : stale) DeleteScratchTree(std::wstring(kSandboxRoot) + L"\\" + key, {});
+}
+
+std::wstring NewGuidText() {
+  GUID guid{};
+  ::CoCreateGuid(&guid);
+  wchar_t text[64] = {};
+  ::StringFromGUID2(guid, text, 64);
+  return text;
+}
+
+}  // namespace
+
+std::wstring TestBinDirectory() {
+  wchar_t buffer[MAX_PATH] = {};
+  ::GetModuleFileNameW(nullptr, buffer, MAX_PATH);
+  return std::filesystem::path(buffer).parent_path().wstring();
+}
+
+std::string Narrow(const std::wstring& text) {
+  if (text.empty()) return {};
+  const int size = ::WideCharToMultiByte(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), nullptr, 0, nullptr,
+                                         nullptr);
+  std::string out(static_cast<size_t>(size), '\0');
+  ::WideCharToMultiByte(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), out.data(), size, nullptr, nullptr);
+  return out;
+}
+
+std::wstring Widen(const std::string& text) {
+  if (text.empty()) return {};
+  const int size = ::MultiByteToWideChar(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), nullptr, 0);
+  std::wstring out(static_cast<size_t>(size), L'\0');
+  ::MultiByteToWideChar(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), out.data(), size);
+  return out;
+}
+
+// ---- RegistrySandbox ----
+
+RegistrySandbox::RegistrySandbox(std::vector<std::wstring> linkedHklmKeys) : links_(std::move(linkedHklmKeys)) {
+  PurgeStaleSandboxes();
+  scratchPath_ = std::wstring(kSandboxRoot) + L"\\" + std::to_wstring(static_cast<long long>(std::time(nullptr))) +
+                 L"-" + std::to_wstring(::GetCurrentProcessId()) + L"-" + NewGuidText();
+  hklm_ = CreateKeyUnder(HKEY_CURRENT_USER, scratchPath_ + L"\\HKLM");
+  hkcu_ = CreateKeyUnder(HKEY_CURRENT_USER, scratchPath_ + L"\\HKCU");
+  for (const auto& link : links_) CreateLink(hklm_, link, L"\\Registry\\Machine\\" + link);
+  Check(::RegOverridePredefKey(HKEY_LOCAL_MACHINE, hklm_), "RegOverridePredefKey(HKLM)");
+  Check(::RegOverridePredefKey(HKEY_CURRENT_USER, hkcu_), "RegOverridePredefKey(HKCU)");
+}
+
+RegistrySandbox::~RegistrySandbox() {
+  ::RegOverridePredefKey(HKEY_CURRENT_USER, nullptr);
+  ::RegOverridePredefKey(HKEY_LOCAL_MACHINE, nullptr);
+  ::RegCloseKey(hklm_);
+  ::RegCloseKey(hkcu_);
+  DeleteScratchTree(scratchPath_, links_);
+}
+
+void RegistrySandbox::SetRaw(HKEY root, const std::wstring& subkey, const std::wstring& name, DWORD type,
+                             const void* data, DWORD size) {
+  HKEY key = CreateKeyUnder(root, subkey);
+  const LSTATUS status = ::RegSetValueExW(key, name.c_str(), 0, type, static_cast<const BYTE*>(data), size);
+  ::RegCloseKey(key);
+  Check(status, "RegSetValueExW");
+}
+
+void RegistrySandbox::SetString(HKEY root, const std::wstring& subkey, const std::wstring& name,
+                                const std::wstring& value, DWORD type) {
+  SetRaw(root, subkey, name, type, value.c_str(), static_cast<DWORD>((value.size() + 1) * sizeof(wchar_t)));
+}
+
+void RegistrySandbox::SetDword(HKEY root, const std::wstring& subkey, const std::wstring& name, DWORD value) {
+  SetRaw(root, subkey, name, REG_DWORD, &value, sizeof(value));
+}
+
+void RegistrySandbox::CreateKey(HKEY root, const std::wstring& subkey) { ::RegCloseKey(CreateKeyUnder(root, subkey)); }
+
+void RegistrySandbox::DeleteKey(HKEY root, const std::wstring& subkey) { ::RegDeleteTreeW(root, subkey.c_str());
+  ::RegDeleteKeyW(root, subkey.c_str()); }
+
+bool RegistrySandbox::ValueExists(HKEY root, const std::wstring& subkey, const std::wstring& name) {
+  return ::RegGetValueW(root, subkey.c_str(), name.c_str(), RRF_RT_ANY, nullptr, nullptr, nullptr) == ERROR_SUCCESS;
+}
+
+bool RedirectToSandbox(const std::wstring& scratchKeyPath) {
+  HKEY hklm = nullptr;
+  HKEY hkcu = nullptr;
+  if (::RegOpenKeyExW(HKEY_CURRENT_USER, (scratchKeyPath + L"\\HKLM").c_str(), 0, KEY_ALL_ACCESS, &hklm) != 0)
+    return false;
+  if (::RegOpenKeyExW(HKEY_CURRENT_USER, (scratchKeyPath + L"\\HKCU").c_str(), 0, KEY_ALL_ACCESS, &hkcu) != 0) {
+    ::RegCloseKey(hklm);
+    return false;
+  }
+  const bool ok = ::RegOverridePredefKey(HKEY_LOCAL_MACHINE, hklm) == ERROR_SUCCESS &&
+                  ::RegOverridePredefKey(HKEY_CURRENT_USER, hkcu) == ERROR_SUCCESS;
+  ::RegCloseKey(hklm);
+  ::RegCloseKey(hkcu);
+  return ok;
+}
+
+// ---- ScratchDir ----
+
+ScratchDir::ScratchDir(const std::wstring& parent) {
+  std::wstring base = parent;
+  if (base.empty()) {
+    wchar_t temp[MAX_PATH] = {};
+    ::GetTempPathW(MAX_PATH, temp);
+    base = temp;
+  }
+  if (!base.empty() && base.back() != L'\\' && base.back() != L'/') base += L'\\';
+  path_ = base + L"ambrel-" + std::to_wstring(::GetCurrentProcessId()) + L"-" + std::to_wstring(++g_counter) + L"-" +
+          std::to_wstring(::GetTickCount64());
+  std::filesystem::create_directories(path_);
+}
+
+ScratchDir::~ScratchDir() {
+  std::error_code ec;
+  std::filesystem::remove_all(path_, ec);
+}
+
+std::wstring ScratchDir::WriteFile(const std::wstring& name, const std::string& bytes) const {
+  const std::filesystem::path file = std::filesystem::path(path_) / name;
+  std::filesystem::create_directories(file.parent_path());
+  std::ofstream out(file, std::ios::binary | std::ios::trunc);
+  out.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+  return file.wstring();
+}
+
+std::wstring ScratchDir::MakeDir(const std::wstring& name) const {
+  const std::filesystem::path dir = std::filesystem::path(path_) / name;
+  std::filesystem::create_directories(dir);
+  return dir.wstring();
+}
+
+// ---- EnvGuard ----
+
+EnvGuard::EnvGuard(std::initializer_list<const wchar_t*> names) {
+  for (const wchar_t* name : names) Remember(name);
+}
+
+EnvGuard::~EnvGuard() {
+  for (auto it = saved_.rbegin(); it != saved_.rend(); ++it) {
+    _wputenv_s(it->first.c_str(), it->second ? it->second->c_str() : L"");
+    ::SetEnvironmentVariableW(it->first.c_str(), it->second ? it->second->c_str() : nullptr);
+  }
+}
+
+std::optional<std::wstring> EnvGuard::Get(const std::wstring& name) {
+  size_t required = 0;
+  if (_wgetenv_s(&required, nullptr, 0, name.c_str()) != 0 || required == 0) return std::nullopt;
+  std::wstring value(required, L'\0');
+  if (_wgetenv_s(&required, value.data(), value.size(), name.c_str()) != 0) return std::nullopt;
+  value.resize(required ? required - 1 : 0);
+  return value;
+}
+
+void EnvGuard::Remember(const std::wstring& name) {
+  for (const auto& entry : saved_)
+    if (_wcsicmp(entry.first.c_str(), name.c_str()) == 0) return;
+  saved_.emplace_back(name, Get(name));
+}
+
+void EnvGuard::Set(const std::wstring& name, const std::wstring& value) {
+  Remember(name);
+  _wputenv_s(name.c_str(), value.c_str());
+  ::SetEnvironmentVariableW(name.c_str(), value.c_str());
+}
+
+void EnvGuard::Unset(const std::wstring& name) {
+  Remember(name);
+  _wputenv_s(name.c_str(), L"");
+  ::SetEnvironmentVariableW(name.c_str(), nullptr);
+}
+
+// ---- LibraryCopy ----
+
+LibraryCopy::LibraryCopy(const std::wstring& parent, const std::vector<std::wstring>& companions) : dir_(parent) {
+  const std::filesystem::path bin = TestBinDirectory();
+  file_ = dir_.path() + L"\\Ambrel.dll";
+  std::filesystem::copy_file(bin / L"Ambrel.dll", file_);
+  for (const auto& companion : companions)
+    std::filesystem::copy_file(bin / companion, std::filesystem::path(dir_.path()) / companion);
+  module_ = ::LoadLibraryW(file_.c_str());
+  if (!module_) throw std::runtime_error("LoadLibraryW of the Ambrel.dll copy failed: " + std::to_string(::GetLastError()));
+}
+
+LibraryCopy::~LibraryCopy() {
+  if (module_) ::FreeLibrary(module_);
+}
+
+// ---- processes and files ----
+
+ProcessResult RunProcess(const std::wstring& program, const std::wstring& arguments, DWORD timeoutMs) {
+  SECURITY_ATTRIBUTES inherit{sizeof(inherit), nullptr, TRUE};
+  HANDLE readEnd = nullptr;
+  HANDLE writeEnd = nullptr;
+  if (!::CreatePipe(&readEnd, &writeEnd, &inherit, 0)) return {};
+  ::SetHandleInformation(readEnd, HANDLE_FLAG_INHERIT, 0);
+
+  STARTUPINFOW startup{};
+  startup.cb = sizeof(startup);
+  startup.dwFlags = STARTF_USESTDHANDLES;
+  startup.hStdOutput = writeEnd;
+  startup.hStdError = writeEnd;
+  startup.hStdInput = ::GetStdHandle(STD_INPUT_HANDLE);
+  std::wstring commandLine = L"\"" + program + L"\" " + arguments;
+  PROCESS_INFORMATION process{};
+  const BOOL started = ::CreateProcessW(program.c_str(), commandLine.data(), nullptr, nullptr, TRUE, 0, nullptr,
+                                        nullptr, &startup, &process);
+  ::CloseHandle(writeEnd);
+  ProcessResult result;
+  if (!started) {
+    ::CloseHandle(readEnd);
+    return result;
+  }
+  char chunk[4096];
+  DWORD got = 0;
+  while (::ReadFile(readEnd, chunk, sizeof(chunk), &got, nullptr) && got > 0) result.output.append(chunk, got);
+  ::CloseHandle(readEnd);
+  if (::WaitForSingleObject(process.hProcess, timeoutMs) != WAIT_OBJECT_0) ::TerminateProcess(process.hProcess, 0xDEAD);
+  ::GetExitCodeProcess(process.hProcess, &result.exitCode);
+  ::CloseHandle(process.hThread);
+  ::CloseHandle(process.hProcess);
+  return result;
+}
+
+std::string ReadFileBytes(const std::wstring& path) {
+  std::ifstream in(std::filesystem::path(path), std::ios::binary);
+  if (!in) return {};
+  return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+}
+
+std::vector<std::string> SplitLines(const std::string& text) {
+  std::vector<std::string> lines;
+  size_t start = 0;
+  while (start < text.size()) {
+    size_t end = text.find('\n', start);
+    if (end == std::string::npos) end = text.size();
+    std::string line = text.substr(start, end - start);
+    if (!line.empty() && line.back() == '\r') line.pop_back();
+    lines.push_back(line);
+    start = end + 1;
+  }
+  return lines;
+}
+
+}  // namespace ambrel::test
