@@ -7,12 +7,33 @@
 #pragma once
 
 #include <windows.h>
+#include <delayimp.h>
+
+#include <cstddef>
+#include <string>
+#include <string_view>
 
 #if defined(AMBREL_BUILDING)
 #define AMBREL_API __declspec(dllexport)
 #else
 #define AMBREL_API __declspec(dllimport)
 #endif
+
+// ---- Shared-components bootstrap ----
+
+// Prepares the process for the shared components of release "2026": the
+// installer locks their folder while it is put in front of PATH, recorded, and
+// QEL_INITIALIZE_BYPASSED=1 is set for child processes. True when the folder is
+// on PATH or the work is deliberately skipped (development build, done before,
+// inherited marker); false when any step failed (the process is left as it
+// was). Throws std::filesystem::filesystem_error ("status") on an unexpected
+// file-system error. Call once, early, on the start-up thread.
+extern "C" AMBREL_API bool InitializeQel();
+
+// The shared-components folder, looked up once per library through a
+// throw-away installer session (the lock is dropped at once); "" when there is
+// none. Never null; the pointer stays valid while the library is loaded.
+extern "C" AMBREL_API const wchar_t* GetSharedDllPath();
 
 namespace QelLoadHelper {
 
@@ -25,4 +46,88 @@ AMBREL_API bool IsQELInstalled();
 // True when this library's module file lies on drive R: (a development build).
 AMBREL_API bool IsDevelopment();
 
+// Delay-load failure hook: assign it to __pfnDliFailureHook2. For
+// dliFailLoadLib it loads the DLL from this library's folder, else from the
+// shared-components folder (registered as a DLL directory for the call only)
+// and returns the module; null otherwise, and for every other notification.
+AMBREL_API FARPROC WINAPI DelayLoadHook(unsigned dliNotify, PDelayLoadInfo pdli);
+
+// Calls unloadOne (normally __FUnloadDelayLoadedDLL2 of the calling image) once
+// per ';'-separated name of moduleList, in order, empty names included. Does
+// nothing for an empty list or a null callback.
+AMBREL_API void UnloadDelayLoadedModules(std::string_view moduleList, BOOL(WINAPI* unloadOne)(LPCSTR));
+
 }  // namespace QelLoadHelper
+
+// ---- Session messages ----
+
+// Receives the shared-components session's messages: a level ("INFO", "WARN",
+// "ERROR" or "FATAL") and the text.
+using QelSessionLogSink = void (*)(std::wstring level, std::wstring message);
+
+// Installs the sink (null removes it; null is the default, and then messages
+// are dropped) and returns the one it replaces. Not synchronised: set it before
+// the bootstrap runs.
+AMBREL_API QelSessionLogSink SetQelSessionLogSink(QelSessionLogSink sink);
+
+// ---- Folders and shortcuts ----
+
+class AMBREL_API OSxFolder {
+ public:
+  // The user's documents folder into buffer (size in characters, truncating
+  // copy). True when the shell calls succeeded, also when the copy was cut.
+  static bool GetMyDocumentsDir(wchar_t* buffer, size_t size);
+  // Target path of a shortcut (.lnk) file, or "". COM must be initialised on
+  // the calling thread. Throws std::length_error when the link's GetPath fails.
+  static std::wstring GetPathFromShortcut(const wchar_t* shortcutFile);
+  // Points an existing shortcut at a new target and saves it. COM must be
+  // initialised on the calling thread.
+  static bool UpdateShortcut(const wchar_t* shortcutFile, const wchar_t* newTarget);
+  // The folder recorded by a successful InitializeQel; "" until then. Never null.
+  static const wchar_t* GetSharedDllPath();
+  // Runs InitializeQel; with honourEdition true a KLXLITE installation returns
+  // true without doing anything.
+  static bool UpdateSharedDllPath(bool honourEdition);
+};
+
+// ---- Host path and environment ----
+
+class AMBREL_API OSxUtil {
+ public:
+  // Puts the host executable's folder in front of PATH unless it is there.
+  static bool PrependKalvexPath();
+  // Takes the host's per-user App Paths "Path" text out of PATH and deletes the value.
+  static bool RemoveAppPathSetting();
+};
+
+// Keeps a private copy of the environment block the first time it is called.
+extern "C" AMBREL_API void BackupInitialEnvironmentBlock();
+// That copy (name=value strings, then an extra NUL), or null before the first
+// backup. Owned by the library: do not free or change it.
+extern "C" AMBREL_API const wchar_t* GetInitialEnvironmentBlock();
+
+// ---- Mail, locale, keys, thread names, call stack ----
+
+class AMBREL_API OSxMisc {
+ public:
+  // Opens the mail program's compose dialog through Simple MAPI with the given
+  // texts (each may be null). True when MAPI reported success or a cancel.
+  static bool SendEMail(const wchar_t* recipient, const wchar_t* subject, const wchar_t* body,
+                        const wchar_t* attachment);
+  // True while the C++ global locale is the classic "C" locale.
+  static bool IsEnglish();
+  // True while the virtual key is down, as the thread's message queue last saw it.
+  static bool IsKeyPressed(int virtualKey);
+  // Copy count 16-bit units forward, nothing else (one routine, two names).
+  static void Uint16ToWchar(wchar_t* destination, const unsigned short* source, size_t count);
+  static void WcharToUint16(unsigned short* destination, const wchar_t* source, size_t count);
+  // The calling thread's stack, one symbolised frame per line. On failure
+  // false, and text is left as it was. Not for two threads at once.
+  static bool GetCallStack(std::wstring& text);
+};
+
+class AMBREL_API OSxThread {
+ public:
+  // Names a thread for an attached debugger (0xFFFFFFFF: the calling thread).
+  static void SetThreadName(const char* name, unsigned long threadId);
+};
