@@ -14,6 +14,8 @@ set(CMAKE_RC_COMPILER ${AMBREL_MINGW_TRIPLE}-windres)
 set(CMAKE_AR /usr/bin/${AMBREL_MINGW_TRIPLE}-ar)
 set(CMAKE_RANLIB /usr/bin/${AMBREL_MINGW_TRIPLE}-ranlib)
 set(CMAKE_DLLTOOL /usr/bin/${AMBREL_MINGW_TRIPLE}-dlltool)
+# llvm-strip, which CMake would pick otherwise, drops .text from GNU ld's DLLs.
+set(CMAKE_STRIP /usr/bin/${AMBREL_MINGW_TRIPLE}-strip)
 
 # clang does not find Debian's "12-posix" C++ headers on its own.
 set(CMAKE_CXX_FLAGS_INIT

@@ -252,6 +252,34 @@ TEST(CallStack, CallsFromDifferentDepthsShareTheirOuterFrames) {
     EXPECT_EQ(nestedLines[nestedLines.size() - i], directLines[directLines.size() - i]);
 }
 
+TEST(CallStack, WithoutSymbolsEachLineStillNamesItsModule) {
+#if !defined(AMBREL_TEST_STRIPPED_COPY)
+  GTEST_SKIP() << "this build makes no stripped copy of Ambrel.dll";
+#endif
+  // A copy of Ambrel.dll with its debug information and symbol table
+  // stripped, made by the build beside the test program.
+  test::ScratchDir folder;
+  const std::wstring file = folder / L"Ambrel.dll";
+  ASSERT_TRUE(::CopyFileW((test::TestBinDirectory() + L"\\nosymbols\\Ambrel.dll").c_str(), file.c_str(), TRUE));
+  const HMODULE library = ::LoadLibraryW(file.c_str());
+  ASSERT_NE(library, nullptr);
+  const auto getCallStack = reinterpret_cast<GetCallStackFn>(::GetProcAddress(library, kGetCallStackExport));
+  ASSERT_NE(getCallStack, nullptr);
+  std::wstring text;
+  const bool captured = getCallStack(text);
+  ::FreeLibrary(library);
+  ASSERT_TRUE(captured);
+  std::printf("%s", test::Narrow(text).c_str());
+  ExpectWellFormed(text);
+  const auto lines = Lines(text);
+  ASSERT_TRUE(IsModule(lines.front(), L"Ambrel")) << test::Narrow(lines.front());
+  for (const std::wstring& line : lines) {
+    if (!IsModule(line, L"Ambrel")) break;
+    SCOPED_TRACE(test::Narrow(line));
+    EXPECT_TRUE(line.ends_with(L"! _NA_\t[NULL]\t"));
+  }
+}
+
 // ---- without the Debug Help library ----
 
 // CTest runs this program a second time with WINEDLLOVERRIDES=dbghelp=d (Wine
