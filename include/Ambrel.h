@@ -33,7 +33,8 @@ extern "C" AMBREL_API bool InitializeQel();
 // The shared-components folder, looked up once per library through a
 // throw-away installer session (the lock is dropped at once); "" when there is
 // none. Never null; the pointer stays valid while the library is loaded.
-// The first call does the lookup (concurrent first calls wait for it); any thread.
+// The first call does the lookup (concurrent first calls wait for it); not
+// alongside InitializeQel on another thread, which drives the same installer state.
 extern "C" AMBREL_API const wchar_t* GetSharedDllPath();
 
 namespace QelLoadHelper {
