@@ -14,6 +14,10 @@ set(CMAKE_RC_COMPILER ${AMBREL_MINGW_TRIPLE}-windres)
 set(CMAKE_AR /usr/bin/${AMBREL_MINGW_TRIPLE}-ar)
 set(CMAKE_RANLIB /usr/bin/${AMBREL_MINGW_TRIPLE}-ranlib)
 set(CMAKE_DLLTOOL /usr/bin/${AMBREL_MINGW_TRIPLE}-dlltool)
+# GNU binutils for the PE files GNU ld writes: llvm-strip, which CMake would
+# pick otherwise, drops .text from them.
+set(CMAKE_STRIP /usr/bin/${AMBREL_MINGW_TRIPLE}-strip)
+set(CMAKE_OBJCOPY /usr/bin/${AMBREL_MINGW_TRIPLE}-objcopy)
 
 # clang does not find Debian's "12-posix" C++ headers on its own.
 set(CMAKE_CXX_FLAGS_INIT

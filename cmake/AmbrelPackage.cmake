@@ -1,0 +1,58 @@
+# Installation layout, CMake package and ZIP of Ambrel for host builds:
+#   bin/Ambrel.dll, its debug information (bin/Ambrel.pdb for MSVC,
+#   bin/Ambrel.dll.debug for mingw), lib/ import library, include/Ambrel.h,
+#   lib/cmake/Ambrel/ package files (find_package(Ambrel CONFIG), Ambrel::Ambrel).
+include(CMakePackageConfigHelpers)
+
+set(AMBREL_INSTALL_BINDIR bin)
+set(AMBREL_INSTALL_LIBDIR lib)
+set(AMBREL_INSTALL_INCLUDEDIR include)
+set(AMBREL_INSTALL_CMAKEDIR lib/cmake/Ambrel)
+
+# Version resource: company, product, description and the project's version.
+set(AMBREL_PRODUCT_NAME "Ambrel")
+set(AMBREL_FILE_DESCRIPTION "${PROJECT_DESCRIPTION}")
+configure_file(${PROJECT_SOURCE_DIR}/resources/Ambrel.rc.in ${PROJECT_BINARY_DIR}/resources/Ambrel.rc @ONLY)
+target_sources(Ambrel PRIVATE ${PROJECT_BINARY_DIR}/resources/Ambrel.rc)
+
+install(TARGETS Ambrel EXPORT AmbrelTargets
+  RUNTIME DESTINATION ${AMBREL_INSTALL_BINDIR}
+  LIBRARY DESTINATION ${AMBREL_INSTALL_BINDIR}
+  ARCHIVE DESTINATION ${AMBREL_INSTALL_LIBDIR})
+install(FILES ${PROJECT_SOURCE_DIR}/include/Ambrel.h DESTINATION ${AMBREL_INSTALL_INCLUDEDIR})
+
+if(MSVC)
+  install(FILES $<TARGET_PDB_FILE:Ambrel> DESTINATION ${AMBREL_INSTALL_BINDIR} OPTIONAL)
+elseif(CMAKE_OBJCOPY)
+  # The DWARF information moves to Ambrel.dll.debug; the installed DLL names it
+  # through a .gnu_debuglink section, where debuggers and Wine's dbghelp look.
+  install(CODE "set(AMBREL_OBJCOPY \"${CMAKE_OBJCOPY}\")")
+  install(CODE [[
+    set(_dll "$ENV{DESTDIR}${CMAKE_INSTALL_PREFIX}/bin/Ambrel.dll")
+    message(STATUS "Splitting debug information: ${_dll}.debug")
+    execute_process(COMMAND "${AMBREL_OBJCOPY}" --only-keep-debug "${_dll}" "${_dll}.debug" COMMAND_ERROR_IS_FATAL ANY)
+    execute_process(COMMAND "${AMBREL_OBJCOPY}" --strip-debug "--add-gnu-debuglink=${_dll}.debug" "${_dll}"
+                    COMMAND_ERROR_IS_FATAL ANY)
+    list(APPEND CMAKE_INSTALL_MANIFEST_FILES "${_dll}.debug")
+  ]])
+endif()
+
+install(EXPORT AmbrelTargets NAMESPACE Ambrel:: DESTINATION ${AMBREL_INSTALL_CMAKEDIR})
+configure_package_config_file(${PROJECT_SOURCE_DIR}/cmake/AmbrelConfig.cmake.in
+  ${PROJECT_BINARY_DIR}/cmake-package/AmbrelConfig.cmake
+  INSTALL_DESTINATION ${AMBREL_INSTALL_CMAKEDIR}
+  PATH_VARS AMBREL_INSTALL_BINDIR)
+write_basic_package_version_file(${PROJECT_BINARY_DIR}/cmake-package/AmbrelConfigVersion.cmake
+  COMPATIBILITY SameMajorVersion)
+install(FILES ${PROJECT_BINARY_DIR}/cmake-package/AmbrelConfig.cmake ${PROJECT_BINARY_DIR}/cmake-package/AmbrelConfigVersion.cmake
+  DESTINATION ${AMBREL_INSTALL_CMAKEDIR})
+
+# cpack: a ZIP of the same tree.
+set(CPACK_GENERATOR ZIP)
+set(CPACK_PACKAGE_NAME Ambrel)
+set(CPACK_PACKAGE_VENDOR "Tavrel, Inc")
+set(CPACK_PACKAGE_VERSION ${PROJECT_VERSION})
+set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "${PROJECT_DESCRIPTION}")
+set(CPACK_SYSTEM_NAME win64)
+set(CPACK_PACKAGE_DIRECTORY ${PROJECT_BINARY_DIR}/package)
+include(CPack)

@@ -1,0 +1,303 @@
+#include "osx/CallStack.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <errno.h>
+#include <stdlib.h>
+
+#include <cstdio>
+#include <cwctype>
+#include <string>
+#include <vector>
+
+#include "Ambrel.h"
+#include "tests/support/TestSupport.h"
+
+namespace ambrel {
+namespace {
+
+using ::testing::HasSubstr;
+using test::EnvGuard;
+using test::LibraryCopy;
+
+using GetCallStackFn = bool (*)(std::wstring&);
+const char* const kGetCallStackExport =
+    AMBREL_EXPORT_NAME("?GetCallStack@OSxMisc@@SA_NAEAV?$basic_string@_WU?$char_traits@_W@std@@V?$allocator@_W@2@@std@@@Z",
+                       "_ZN7OSxMisc12GetCallStackERNSt7__cxx1112basic_stringIwSt11char_traitsIwESaIwEEE");
+
+// Set in the environment of the test process that runs with dbghelp.dll disabled.
+const wchar_t kDbghelpDisabledFlag[] = L"AMBREL_TEST_DBGHELP_DISABLED";
+// Set in the environment of the child that prints its symbol search path.
+const wchar_t kPrintSearchPathFlag[] = L"AMBREL_TEST_PRINT_SEARCH_PATH";
+
+std::vector<std::wstring> Lines(const std::wstring& text) {
+  std::vector<std::wstring> lines;
+  size_t start = 0;
+  for (size_t end; (end = text.find(L'\n', start)) != std::wstring::npos; start = end + 1)
+    lines.push_back(text.substr(start, end - start));
+  if (start < text.size()) lines.push_back(text.substr(start));
+  return lines;
+}
+
+// Module part of a frame line ("Ambrel" of "Ambrel! name [file @ 1]").
+std::wstring ModuleOf(const std::wstring& line) { return line.substr(0, line.find(L"! ")); }
+
+// Windows takes the module name from the file name as it is written; Wine's
+// dbghelp lowers it ("ambrel"), so names are compared without case.
+bool IsModule(const std::wstring& line, const wchar_t* name) { return _wcsicmp(ModuleOf(line).c_str(), name) == 0; }
+
+bool DbghelpLoaded() { return ::GetModuleHandleW(L"dbghelp.dll") != nullptr; }
+
+// ---- symbol search path ----
+
+class SymbolSearchPath : public ::testing::Test {
+ protected:
+  EnvGuard env{L"_NT_SYMBOL_PATH", L"_NT_ALTERNATE_SYMBOL_PATH", L"SYSTEMROOT"};
+  // The test program links the library's objects itself, so its own module
+  // stands for the library here.
+  const HMODULE module = ::GetModuleHandleW(nullptr);
+  const std::wstring moduleDir = test::TestBinDirectory() + L"\\";
+};
+
+TEST_F(SymbolSearchPath, OnlySystemRootSet) {
+  env.Unset(L"_NT_SYMBOL_PATH");
+  env.Unset(L"_NT_ALTERNATE_SYMBOL_PATH");
+  env.Set(L"SYSTEMROOT", L"C:\\Windows");
+  EXPECT_EQ(BuildSymbolSearchPath(module), L".;" + moduleDir + L";C:\\Windows;");
+}
+
+TEST_F(SymbolSearchPath, AllThreeSetInOrderAndUnexpanded) {
+  env.Set(L"_NT_SYMBOL_PATH", L"srv*C:\\Symbols*https://symbols.example.com");
+  env.Set(L"_NT_ALTERNATE_SYMBOL_PATH", L"%SYSTEMROOT%\\Alt;C:\\Windows");
+  env.Set(L"SYSTEMROOT", L"C:\\Windows");
+  EXPECT_EQ(BuildSymbolSearchPath(module), L".;" + moduleDir +
+                                               L";srv*C:\\Symbols*https://symbols.example.com;"
+                                               L"%SYSTEMROOT%\\Alt;C:\\Windows;C:\\Windows;");
+}
+
+TEST_F(SymbolSearchPath, EmptiedVariablesAreLeftOut) {
+  // The C runtime drops a variable that is set to "", so this is also the
+  // case of all three unset; a block that really holds empty values is below.
+  env.Set(L"_NT_SYMBOL_PATH", L"");
+  env.Set(L"_NT_ALTERNATE_SYMBOL_PATH", L"");
+  env.Set(L"SYSTEMROOT", L"");
+  EXPECT_EQ(BuildSymbolSearchPath(module), L".;" + moduleDir + L";");
+}
+
+TEST_F(SymbolSearchPath, EmptyValuesInTheInheritedBlockAreLeftOut) {
+  // SetEnvironmentVariableW keeps "NAME=" entries in the Win32 block, which a
+  // child process inherits; its C runtime then holds the names with empty
+  // values. Wine gives every new process its SystemRoot again, so only the two
+  // symbol-path variables stay empty there; the test above empties SYSTEMROOT.
+  env.Set(L"_NT_SYMBOL_PATH", L"");
+  env.Set(L"_NT_ALTERNATE_SYMBOL_PATH", L"");
+  env.Set(kPrintSearchPathFlag, L"1");
+  const test::ProcessResult child = test::RunProcess(
+      test::TestBinDirectory() + L"\\test_callstack.exe", L"--gtest_filter=SearchPathChild.Print");
+  ASSERT_EQ(child.exitCode, 0u) << child.output;
+  EXPECT_THAT(child.output, HasSubstr("empty values seen: 2"));
+  const size_t root = child.output.find("SYSTEMROOT: <");
+  ASSERT_NE(root, std::string::npos) << child.output;
+  const size_t rootEnd = child.output.find('>', root);
+  const std::string systemRoot = child.output.substr(root + 13, rootEnd - root - 13);
+  ASSERT_FALSE(systemRoot.empty());
+  EXPECT_THAT(child.output, HasSubstr("search path: <.;" + test::Narrow(moduleDir) + ";" + systemRoot + ";>"));
+}
+
+// Runs only as the child of the test above.
+TEST(SearchPathChild, Print) {
+  if (!EnvGuard::Get(kPrintSearchPathFlag)) GTEST_SKIP() << "runs as a child of EmptyValuesInTheInheritedBlockAreLeftOut";
+  int emptyValues = 0;
+  for (const wchar_t* name : {L"_NT_SYMBOL_PATH", L"_NT_ALTERNATE_SYMBOL_PATH"}) {
+    size_t required = 0;
+    // Set but empty: only the terminator is needed (the size query answers 0
+    // on Windows, ERANGE with Wine's runtime).
+    const errno_t query = _wgetenv_s(&required, nullptr, 0, name);
+    if ((query == 0 || query == ERANGE) && required == 1) ++emptyValues;
+  }
+  std::printf("empty values seen: %d\nSYSTEMROOT: <%s>\nsearch path: <%s>\n", emptyValues,
+              test::Narrow(EnvGuard::Get(L"SYSTEMROOT").value_or(L"")).c_str(),
+              test::Narrow(BuildSymbolSearchPath(::GetModuleHandleW(nullptr))).c_str());
+  std::fflush(stdout);
+}
+
+TEST_F(SymbolSearchPath, LibraryCopyGivesItsOwnFolder) {
+  env.Unset(L"_NT_SYMBOL_PATH");
+  env.Unset(L"_NT_ALTERNATE_SYMBOL_PATH");
+  env.Set(L"SYSTEMROOT", L"C:\\Windows");
+  LibraryCopy library;
+  EXPECT_EQ(SymbolSearchModuleDirectory(library.module()), library.directory() + L"\\");
+  EXPECT_EQ(BuildSymbolSearchPath(library.module()), L".;" + library.directory() + L"\\;C:\\Windows;");
+}
+
+TEST_F(SymbolSearchPath, UnknownModuleGivesAnEmptyFolderPiece) {
+  env.Unset(L"_NT_SYMBOL_PATH");
+  env.Unset(L"_NT_ALTERNATE_SYMBOL_PATH");
+  env.Set(L"SYSTEMROOT", L"C:\\Windows");
+  // Not a loaded module: GetModuleFileNameW fails.
+  const HMODULE bogus = reinterpret_cast<HMODULE>(static_cast<uintptr_t>(0x10000));
+  EXPECT_EQ(SymbolSearchModuleDirectory(bogus), L"");
+  EXPECT_EQ(BuildSymbolSearchPath(bogus), L".;;C:\\Windows;");
+}
+
+// ---- capture ----
+
+// Every frame line ends with a tab and a single line feed, and holds the
+// three pieces or their placeholders.
+void ExpectWellFormed(const std::wstring& text) {
+  ASSERT_FALSE(text.empty());
+  EXPECT_EQ(text.find(L'\r'), std::wstring::npos);
+  EXPECT_EQ(text.substr(text.size() - 2), L"\t\n");
+  for (const std::wstring& line : Lines(text)) {
+    SCOPED_TRACE(test::Narrow(line));
+    ASSERT_GE(line.size(), 2u);
+    EXPECT_EQ(line.back(), L'\t');
+    const bool hasModule = line.find(L"! ") != std::wstring::npos || line.starts_with(L"_NA_\t");
+    EXPECT_TRUE(hasModule);
+    const bool hasSource = line.ends_with(L"[NULL]\t") || (line.find(L" @ ") != std::wstring::npos && line.ends_with(L"]\t"));
+    EXPECT_TRUE(hasSource);
+  }
+}
+
+// The capture routine's own functions, one of which owns the first frame.
+bool NamesCaptureRoutine(const std::wstring& line) {
+  return line.find(L"FaultForCapture") != std::wstring::npos ||
+         line.find(L"CaptureCallingThread") != std::wstring::npos ||
+         line.find(L"OSxMisc::GetCallStack") != std::wstring::npos;
+}
+
+// The volatile result keeps the call from becoming a tail jump, so this
+// function keeps a frame of its own.
+__declspec(noinline) bool CaptureFromANamedTestFunction(std::wstring& text) {
+  volatile bool captured = OSxMisc::GetCallStack(text);
+  return captured;
+}
+
+TEST(CallStack, FirstLineIsTheCaptureRoutineAndTheCallerFollows) {
+  std::wstring text;
+  ASSERT_TRUE(CaptureFromANamedTestFunction(text));
+  ExpectWellFormed(text);
+  const auto lines = Lines(text);
+  std::printf("%s", test::Narrow(text).c_str());
+  // The objects are linked into this program, so the capture routine is in its module.
+  EXPECT_TRUE(IsModule(lines.front(), L"test_callstack")) << test::Narrow(lines.front());
+  EXPECT_TRUE(NamesCaptureRoutine(lines.front())) << test::Narrow(lines.front());
+  // Wine's dbghelp names the functions of clang's DWARF but answers no source
+  // line for them ("[NULL]"); the frames of Wine's own DLLs do carry lines, so
+  // the "[file @ line]" form is checked on those.
+  bool sourceLineSeen = false;
+  for (const std::wstring& line : lines) {
+    const size_t open = line.find(L" [");
+    const size_t at = line.find(L" @ ", open == std::wstring::npos ? 0 : open);
+    sourceLineSeen |= open != std::wstring::npos && at != std::wstring::npos && line.ends_with(L"]\t") &&
+                      std::iswdigit(line[line.size() - 3]);
+  }
+  EXPECT_TRUE(sourceLineSeen);
+  EXPECT_THAT(test::Narrow(text), HasSubstr("CaptureFromANamedTestFunction"));
+  EXPECT_THAT(test::Narrow(text), HasSubstr("CallStack_FirstLineIsTheCaptureRoutineAndTheCallerFollows_Test::TestBody"));
+}
+
+TEST(CallStack, ExportOfAmbrelDllPutsItsOwnFrameFirst) {
+  LibraryCopy library;
+  const auto getCallStack = library.As<GetCallStackFn>(kGetCallStackExport);
+  ASSERT_NE(getCallStack, nullptr);
+  std::wstring text;
+  ASSERT_TRUE(getCallStack(text));
+  ExpectWellFormed(text);
+  const auto lines = Lines(text);
+  std::printf("%s", test::Narrow(text).c_str());
+  EXPECT_TRUE(IsModule(lines.front(), L"Ambrel")) << test::Narrow(lines.front());
+  EXPECT_TRUE(NamesCaptureRoutine(lines.front())) << test::Narrow(lines.front());
+  // The library's frames come first, then this test's frame in the host program.
+  size_t firstHostLine = 0;
+  while (firstHostLine < lines.size() && IsModule(lines[firstHostLine], L"Ambrel")) ++firstHostLine;
+  ASSERT_LT(firstHostLine, lines.size());
+  bool exportNamed = false;
+  for (size_t i = 0; i < firstHostLine; ++i) exportNamed |= lines[i].find(L"OSxMisc::GetCallStack") != std::wstring::npos;
+  EXPECT_TRUE(exportNamed);
+  EXPECT_TRUE(IsModule(lines[firstHostLine], L"test_callstack"));
+  EXPECT_THAT(test::Narrow(lines[firstHostLine]), HasSubstr("ExportOfAmbrelDllPutsItsOwnFrameFirst_Test::TestBody"));
+}
+
+TEST(CallStack, TextAlreadyInTheStringIsReplaced) {
+  std::wstring text = L"earlier text that must go\n";
+  ASSERT_TRUE(OSxMisc::GetCallStack(text));
+  EXPECT_EQ(text.find(L"earlier text that must go"), std::wstring::npos);
+  EXPECT_TRUE(NamesCaptureRoutine(Lines(text).front()));
+}
+
+TEST(CallStack, EachCallSetsUpAndTearsDownAndTwoCallsAgree) {
+  ASSERT_FALSE(DbghelpLoaded()) << "dbghelp.dll was loaded before the test";
+  std::wstring texts[2];
+  for (std::wstring& text : texts) {
+    ASSERT_TRUE(OSxMisc::GetCallStack(text));
+    // Torn down: the Debug Help library is unloaded again after each call.
+    EXPECT_FALSE(DbghelpLoaded());
+  }
+  // Same call site, same frames.
+  EXPECT_EQ(texts[0], texts[1]);
+}
+
+TEST(CallStack, CallsFromDifferentDepthsShareTheirOuterFrames) {
+  std::wstring direct;
+  std::wstring nested;
+  ASSERT_TRUE(OSxMisc::GetCallStack(direct));
+  ASSERT_TRUE(CaptureFromANamedTestFunction(nested));
+  const auto directLines = Lines(direct);
+  const auto nestedLines = Lines(nested);
+  // One more frame (the helper) on the nested stack; the frames outside this
+  // test's body are the same.
+  ASSERT_EQ(nestedLines.size(), directLines.size() + 1);
+  for (size_t i = 1; i <= 3; ++i)
+    EXPECT_EQ(nestedLines[nestedLines.size() - i], directLines[directLines.size() - i]);
+}
+
+TEST(CallStack, WithoutSymbolsEachLineStillNamesItsModule) {
+#if !defined(AMBREL_TEST_STRIPPED_COPY)
+  GTEST_SKIP() << "this build makes no stripped copy of Ambrel.dll";
+#endif
+  // A copy of Ambrel.dll with its debug information and symbol table
+  // stripped, made by the build beside the test program.
+  test::ScratchDir folder;
+  const std::wstring file = folder / L"Ambrel.dll";
+  ASSERT_TRUE(::CopyFileW((test::TestBinDirectory() + L"\\nosymbols\\Ambrel.dll").c_str(), file.c_str(), TRUE));
+  const HMODULE library = ::LoadLibraryW(file.c_str());
+  ASSERT_NE(library, nullptr);
+  const auto getCallStack = reinterpret_cast<GetCallStackFn>(::GetProcAddress(library, kGetCallStackExport));
+  ASSERT_NE(getCallStack, nullptr);
+  std::wstring text;
+  const bool captured = getCallStack(text);
+  ::FreeLibrary(library);
+  ASSERT_TRUE(captured);
+  std::printf("%s", test::Narrow(text).c_str());
+  ExpectWellFormed(text);
+  const auto lines = Lines(text);
+  ASSERT_TRUE(IsModule(lines.front(), L"Ambrel")) << test::Narrow(lines.front());
+  for (const std::wstring& line : lines) {
+    if (!IsModule(line, L"Ambrel")) break;
+    SCOPED_TRACE(test::Narrow(line));
+    EXPECT_TRUE(line.ends_with(L"! _NA_\t[NULL]\t"));
+  }
+}
+
+// ---- without the Debug Help library ----
+
+// CTest runs this program a second time with WINEDLLOVERRIDES=dbghelp=d (Wine
+// reads it only at process start) and the flag below set.
+TEST(CallStackWithoutDbghelp, FailsAndLeavesTheStringAlone) {
+  if (!EnvGuard::Get(kDbghelpDisabledFlag)) GTEST_SKIP() << "runs in its own process with dbghelp.dll disabled";
+  ASSERT_EQ(::LoadLibraryW(L"dbghelp.dll"), nullptr) << "dbghelp.dll is still loadable";
+  std::wstring text = L"kept as it was";
+  EXPECT_FALSE(OSxMisc::GetCallStack(text));
+  EXPECT_EQ(text, L"kept as it was");
+
+  LibraryCopy library;
+  const auto getCallStack = library.As<GetCallStackFn>(kGetCallStackExport);
+  ASSERT_NE(getCallStack, nullptr);
+  std::wstring exported = L"also kept";
+  EXPECT_FALSE(getCallStack(exported));
+  EXPECT_EQ(exported, L"also kept");
+}
+
+}  // namespace
+}  // namespace ambrel
