@@ -2,6 +2,8 @@
 
 #include <windows.h>
 
+#include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <cwchar>
 
@@ -31,11 +33,23 @@ size_t EnvironmentBlockLength(const wchar_t* block) noexcept {
 EnvironmentCopy CopyEnvironmentBlock(const wchar_t* block) {
   EnvironmentCopy copy;
   copy.length = block != nullptr ? EnvironmentBlockLength(block) : 2;
-  copy.characters = std::make_unique<wchar_t[]>(copy.length);
-  const size_t bytes = copy.length * sizeof(wchar_t);
-  // memcpy_s zero-fills the copy and raises the invalid-parameter handler
-  // (errno EINVAL) for a null block.
-  ::memcpy_s(copy.characters.get(), bytes, block, bytes);
+  copy.characters = std::make_unique<wchar_t[]>(copy.length);  // zero-filled
+  if (block != nullptr) {
+    std::memcpy(copy.characters.get(), block, copy.length * sizeof(wchar_t));
+    return copy;
+  }
+  // What the runtime's checked copy (memcpy_s) does with a null source: the
+  // copy stays zero-filled, errno is EINVAL and the invalid-parameter handler runs.
+  errno = EINVAL;
+#if defined(_MSC_VER)
+  // Compiler-specific (MSVC runtime): the installed handler, or the default one.
+  _invalid_parameter_noinfo();
+#else
+  // Compiler-specific (mingw-w64): its runtime keeps the handler itself and
+  // its memcpy_s does not call it.
+  if (const _invalid_parameter_handler handler = _get_invalid_parameter_handler())
+    handler(nullptr, nullptr, nullptr, 0, 0);
+#endif
   return copy;
 }
 

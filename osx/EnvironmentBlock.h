@@ -16,8 +16,8 @@ struct EnvironmentCopy {
 };
 
 // A heap copy of the block. A null block gives a zero-filled copy of the
-// shortest block (2 characters) and raises the C runtime's invalid-parameter
-// handler with errno EINVAL, as the runtime's checked copy does.
+// shortest block (2 characters), sets errno to EINVAL and raises the C
+// runtime's invalid-parameter handler, as the runtime's checked copy does.
 EnvironmentCopy CopyEnvironmentBlock(const wchar_t* block);
 
 }  // namespace ambrel
