@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <shlguid.h>
+#include <shlobj.h>
 
 #include <filesystem>
 #include <stdexcept>
@@ -168,10 +169,41 @@ TEST(ShortcutWithoutCom, EveryOperationTakesTheNoLinkObjectPath) {
   EXPECT_EQ(test::ReadFileBytes(file), "x");
 }
 
+// A shortcut to a shell item that has no file-system path: GetPath succeeds
+// (S_FALSE) with an empty buffer, and the answer is an empty string, not an
+// exception.
+TEST_F(ShortcutTest, ShortcutWithoutAFileSystemTargetGivesAnEmptyPath) {
+  const std::wstring file = dir / L"computer.lnk";
+  {
+    ComPtr<IShellLinkW> link;
+    ASSERT_HRESULT_SUCCEEDED(CreateShellLink(link.put()));
+    LPITEMIDLIST computer = nullptr;
+    ASSERT_HRESULT_SUCCEEDED(::SHGetSpecialFolderLocation(nullptr, CSIDL_DRIVES, &computer));
+    const HRESULT set = link->SetIDList(computer);
+    ::CoTaskMemFree(computer);
+    ASSERT_HRESULT_SUCCEEDED(set);
+    ComPtr<IPersistFile> persist;
+    ASSERT_HRESULT_SUCCEEDED(link->QueryInterface(IID_IPersistFile, persist.put_void()));
+    ASSERT_HRESULT_SUCCEEDED(persist->Save(file.c_str(), TRUE));
+  }
+  {
+    ComPtr<IShellLinkW> link;
+    ASSERT_HRESULT_SUCCEEDED(CreateShellLink(link.put()));
+    ComPtr<IPersistFile> persist;
+    ASSERT_HRESULT_SUCCEEDED(link->QueryInterface(IID_IPersistFile, persist.put_void()));
+    ASSERT_HRESULT_SUCCEEDED(persist->Load(file.c_str(), STGM_READ));
+    wchar_t path[MAX_PATH] = L"x";
+    ASSERT_EQ(link->GetPath(path, MAX_PATH, nullptr, 0), S_FALSE);
+    ASSERT_EQ(path[0], L'\0');
+  }
+  EXPECT_EQ(OSxFolder::GetPathFromShortcut(file.c_str()), L"");
+}
+
 // ---- every step's answer, through link objects of the test's own ----
-// Wine's link object never fails GetPath on a loaded link, never lacks
+// Wine's link object never fails GetPath on a loaded link (links to files and
+// to shell items without a path answer S_OK or S_FALSE), never lacks
 // IPersistFile and fails Save only with the file system, so those answers
-// come from FakeShellLink.
+// (the std::length_error among them) come from FakeShellLink.
 
 ShellLinkFactory Giving(FakeShellLink& fake, HRESULT result = S_OK) {
   return [&fake, result](IShellLinkW** link) {
