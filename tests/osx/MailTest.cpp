@@ -39,6 +39,16 @@ class MailTest : public ::testing::Test {
  protected:
   void SetUp() override {
     ASSERT_EQ(::GetModuleHandleW(L"MAPI32.DLL"), nullptr);
+    // Never reach Wine's own MAPI32, which may start a mail program: this
+    // process must load the stand-in from beside it (before the record is on).
+    const HMODULE mapi = ::LoadLibraryW(L"MAPI32.DLL");
+    ASSERT_NE(mapi, nullptr);
+    // Wine names a built-in DLL after the file it shadows, so the stand-in is
+    // told by an export of its own.
+    const bool standIn = ::GetProcAddress(mapi, "AmbrelMapiStandIn") != nullptr;
+    ::FreeLibrary(mapi);
+    ASSERT_TRUE(standIn) << "MAPI32.DLL is not the stand-in: run with WINEDLLOVERRIDES=mapi32=n";
+    ASSERT_EQ(::GetModuleHandleW(L"MAPI32.DLL"), nullptr);
     env.Set(L"AMBREL_MAPI_STANDIN_RECORD", record);
     env.Set(L"AMBREL_MAPI_STANDIN_RESULT", L"0");
   }
