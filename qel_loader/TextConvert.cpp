@@ -1,6 +1,7 @@
 #include "qel_loader/TextConvert.h"
 
 #include <climits>
+#include <cwchar>
 #include <stdexcept>
 
 namespace ambrel {
@@ -21,6 +22,18 @@ std::string WideToCodePage(std::wstring_view text, UINT codePage) {
   std::string out(static_cast<size_t>(needed), '\0');
   const int written = ::WideCharToMultiByte(codePage, 0, text.data(), inLength, out.data(), needed, nullptr, nullptr);
   out.resize(written > 0 ? static_cast<size_t>(written) : 0);
+  return out;
+}
+
+std::string WideToCodePageInDoubleLength(const wchar_t* text, UINT codePage) {
+  if (text == nullptr) return {};
+  const size_t length = std::wcslen(text);
+  const size_t capacity = 2 * length + 1;
+  const int byteCapacity = CheckedLength(capacity);
+  std::string out(capacity, '\0');
+  if (::WideCharToMultiByte(codePage, 0, text, -1, out.data(), byteCapacity, nullptr, nullptr) == 0) return {};
+  // A successful conversion of the whole input includes its NUL.
+  out.resize(out.find('\0'));
   return out;
 }
 

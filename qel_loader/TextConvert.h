@@ -12,6 +12,12 @@ namespace ambrel {
 std::string WideToCodePage(std::wstring_view text, UINT codePage);
 std::wstring CodePageToWide(std::string_view text, UINT codePage);
 
+// Narrow form in a fixed budget: a NUL-terminated wide text converted with
+// WideCharToMultiByte (flags 0, no default character) into 2 x length + 1
+// bytes, taken up to the first NUL. Null, or a text that does not fit the
+// budget or fails to convert, gives "".
+std::string WideToCodePageInDoubleLength(const wchar_t* text, UINT codePage);
+
 inline std::string WideToUtf8(std::wstring_view text) { return WideToCodePage(text, CP_UTF8); }
 inline std::wstring Utf8ToWide(std::string_view text) { return CodePageToWide(text, CP_UTF8); }
 

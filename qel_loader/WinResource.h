@@ -80,6 +80,12 @@ struct CoTaskMemTraits {
   static Type Invalid() noexcept { return nullptr; }
   static void Close(Type memory) noexcept { ::CoTaskMemFree(memory); }
 };
+// The block GetEnvironmentStringsW hands out.
+struct EnvironmentStringsTraits {
+  using Type = wchar_t*;
+  static Type Invalid() noexcept { return nullptr; }
+  static void Close(Type block) noexcept { ::FreeEnvironmentStringsW(block); }
+};
 
 using UniqueRegKey = UniqueResource<RegKeyTraits>;
 using UniqueModule = UniqueResource<ModuleTraits>;
@@ -87,6 +93,7 @@ using UniqueHandle = UniqueResource<HandleTraits>;
 using UniqueFileHandle = UniqueResource<FileHandleTraits>;
 using UniqueDllDirectory = UniqueResource<DllDirectoryTraits>;
 using UniqueCoTaskMem = UniqueResource<CoTaskMemTraits>;
+using UniqueEnvironmentStrings = UniqueResource<EnvironmentStringsTraits>;
 
 // Owner of one COM interface pointer.
 template <typename Interface>
@@ -114,6 +121,9 @@ class ComPtr {
     return &ptr_;
   }
   [[nodiscard]] void** put_void() noexcept { return reinterpret_cast<void**>(put()); }
+
+  // Gives the reference up without releasing it (say why at the call site).
+  [[nodiscard]] Interface* release() noexcept { return std::exchange(ptr_, nullptr); }
 
   void reset() noexcept {
     if (Interface* old = std::exchange(ptr_, nullptr)) old->Release();

@@ -1,0 +1,67 @@
+#include "osx/EnvironmentBlock.h"
+
+#include <windows.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <cwchar>
+
+#include "Ambrel.h"
+#include "qel_loader/WinResource.h"
+
+namespace ambrel {
+namespace {
+
+// Freed with the library.
+EnvironmentCopy& InitialEnvironment() {
+  static EnvironmentCopy copy;
+  return copy;
+}
+
+}  // namespace
+
+size_t EnvironmentBlockLength(const wchar_t* block) noexcept {
+  size_t length = 0;
+  do {
+    const size_t entry = std::wcslen(block + length) + 1;
+    length += entry;
+  } while (block[length] != L'\0');
+  return length + 1;
+}
+
+EnvironmentCopy CopyEnvironmentBlock(const wchar_t* block) {
+  EnvironmentCopy copy;
+  copy.length = block != nullptr ? EnvironmentBlockLength(block) : 2;
+  copy.characters = std::make_unique<wchar_t[]>(copy.length);  // zero-filled
+  if (block != nullptr) {
+    std::memcpy(copy.characters.get(), block, copy.length * sizeof(wchar_t));
+    return copy;
+  }
+  // What the runtime's checked copy (memcpy_s) does with a null source: the
+  // copy stays zero-filled, errno is EINVAL and the invalid-parameter handler runs.
+  errno = EINVAL;
+#if defined(_MSC_VER)
+  // Compiler-specific (MSVC runtime): the installed handler, or the default one.
+  _invalid_parameter_noinfo();
+#else
+  // Compiler-specific (mingw-w64): its runtime keeps the handler itself and
+  // its memcpy_s does not call it.
+  if (const _invalid_parameter_handler handler = _get_invalid_parameter_handler())
+    handler(nullptr, nullptr, nullptr, 0, 0);
+#endif
+  return copy;
+}
+
+}  // namespace ambrel
+
+void BackupInitialEnvironmentBlock() {
+  ambrel::EnvironmentCopy& initial = ambrel::InitialEnvironment();
+  if (initial.length != 0) return;
+  const ambrel::UniqueEnvironmentStrings block(::GetEnvironmentStringsW());
+  initial.characters.reset();
+  initial.length = 0;
+  initial = ambrel::CopyEnvironmentBlock(block.get());
+}
+
+const wchar_t* GetInitialEnvironmentBlock() { return ambrel::InitialEnvironment().characters.get(); }

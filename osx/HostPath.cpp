@@ -1,0 +1,67 @@
+#include "osx/HostPath.h"
+
+#include <windows.h>
+
+#include <stdlib.h>
+
+#include "qel_loader/Environment.h"
+#include "qel_loader/PathList.h"
+
+namespace ambrel {
+namespace {
+
+std::wstring ComputeHostExecutablePath() {
+  wchar_t modulePath[MAX_PATH] = {};
+  ::GetModuleFileNameW(nullptr, modulePath, MAX_PATH);
+  wchar_t longPath[MAX_PATH] = {};
+  if (::GetLongPathNameW(modulePath, longPath, MAX_PATH) != 0) return longPath;
+  return modulePath;
+}
+
+}  // namespace
+
+const std::wstring& HostExecutablePath() {
+  static const std::wstring path = ComputeHostExecutablePath();
+  return path;
+}
+
+const std::wstring& HostExecutableName() {
+  static const std::wstring name = ExecutableNameOf(HostExecutablePath());
+  return name;
+}
+
+std::wstring ExecutableNameOf(const std::wstring& path) {
+  wchar_t fileName[256] = {};
+  wchar_t extension[256] = {};
+  // A part that does not fit empties both buffers.
+  ::_wsplitpath_s(path.c_str(), nullptr, 0, nullptr, 0, fileName, 256, extension, 256);
+  return std::wstring(fileName) + extension;
+}
+
+bool PrependToPathVariable(const std::wstring& directory) {
+  if (directory.empty()) return false;
+  const std::optional<std::wstring> path = ReadEnvironmentVariable(L"PATH");
+  if (!path) return false;
+  if (PathListContains(*path, directory)) return true;
+  return WriteEnvironmentVariable(L"PATH", (directory + L";" + *path).c_str());
+}
+
+std::optional<std::wstring> CutFirstOccurrence(std::wstring_view pathValue, std::wstring_view text) {
+  const size_t start = pathValue.find(text);
+  if (start == std::wstring_view::npos) return std::nullopt;
+  const size_t separator = pathValue.find(L';', start);
+  const size_t end = separator == std::wstring_view::npos ? pathValue.size() : separator + 1;
+  std::wstring result(pathValue.substr(0, start));
+  result.append(pathValue.substr(end));
+  return result;
+}
+
+bool RemoveFromPathVariable(std::wstring_view text) {
+  const std::optional<std::wstring> path = ReadEnvironmentVariable(L"PATH");
+  if (!path) return false;
+  const std::optional<std::wstring> edited = CutFirstOccurrence(*path, text);
+  if (!edited) return false;
+  return WriteEnvironmentVariable(L"PATH", edited->c_str());
+}
+
+}  // namespace ambrel

@@ -1,0 +1,35 @@
+#include <windows.h>
+#include <shlobj.h>
+
+#include "Ambrel.h"
+#include "osx/ShellLink.h"
+#include "osx/TruncatingCopy.h"
+#include "qel_loader/InstallQueries.h"
+#include "qel_loader/WinResource.h"
+
+bool OSxFolder::GetMyDocumentsDir(wchar_t* buffer, size_t size) {
+  LPITEMIDLIST items = nullptr;
+  HRESULT result = ::SHGetSpecialFolderLocation(nullptr, CSIDL_PERSONAL, &items);
+  wchar_t path[MAX_PATH] = {};
+  if (SUCCEEDED(result) && ::SHGetPathFromIDListW(items, path) && size != 0) {
+    ambrel::CopyTruncating(buffer, size, path);
+  }
+  if (items != nullptr) {
+    // The answer is the allocator lookup's once a list exists: a failed path
+    // conversion still reports success, as hosts have always seen it.
+    ambrel::ComPtr<IMalloc> allocator;
+    result = ::SHGetMalloc(allocator.put());
+    if (allocator) allocator->Free(items);
+  }
+  return SUCCEEDED(result);
+}
+
+std::wstring OSxFolder::GetPathFromShortcut(const wchar_t* shortcutFile) {
+  return ambrel::ReadShortcutTarget(ambrel::CreateShellLink, shortcutFile);
+}
+
+bool OSxFolder::UpdateShortcut(const wchar_t* shortcutFile, const wchar_t* newTarget) {
+  return ambrel::RewriteShortcutTarget(ambrel::CreateShellLink, shortcutFile, newTarget);
+}
+
+const wchar_t* OSxFolder::GetSharedDllPath() { return ambrel::SharedDllPath().c_str(); }
