@@ -35,6 +35,17 @@ class SessionWithSdkTest : public ::testing::Test {
     return installPath + L"\\1.0";
   }
 
+  // Initialize, LockInstallLocation and Uninitialize on a new default
+  // session, each expected to answer 0; the location handed out.
+  static std::wstring RunWholeConversation() {
+    QelSession session;
+    EXPECT_EQ(session.Initialize(L"2026"), Success);
+    std::wstring location;
+    EXPECT_EQ(session.LockInstallLocation(location), Success);
+    EXPECT_EQ(session.Uninitialize(), Success);
+    return location;
+  }
+
   const Messages& messages() const { return sink_.messages(); }
 
   RegistrySandbox sandbox_;
@@ -48,24 +59,23 @@ class SessionWithSdkTest : public ::testing::Test {
 
 const std::wstring kSdkInitFailed = L"Failed to intialize HALDO SDK wrapper status code:";
 
+// What the stand-in records for a start, a lock of `lockPath` answered with
+// `lockResult`, the unlock and the end.
+std::vector<std::string> WholeConversationCalls(const std::string& lockPath, int lockResult = 0) {
+  return {"Initialize\tQEL\t2026\tneutral\tnull\t0", "ReleaseMemory\tstandin-session\thanded-out",
+          "LockDirectory\tstandin-session\t" + lockPath + "\t" + std::to_string(lockResult),
+          "UnLockDirectory\tstandin-session\t" + lockPath + "\t0", "Uninitialize\tstandin-session\t0"};
+}
+
 TEST_F(SessionWithSdkTest, WholeConversationLocksAndUnlocksTheVersionFolder) {
   SetSdkLocation(StandInKind::Signed);
   const std::wstring expected = WriteCompleteInstall();
   const std::string lockPath = Narrow(expected) + "\\";
 
-  QelSession session;
-  EXPECT_EQ(session.Initialize(L"2026"), Success);
-  std::wstring location;
-  EXPECT_EQ(session.LockInstallLocation(location), Success);
-  EXPECT_EQ(location, expected);
-  EXPECT_EQ(session.Uninitialize(), Success);
+  EXPECT_EQ(RunWholeConversation(), expected);
 
   EXPECT_THAT(messages(), IsEmpty());
-  EXPECT_THAT(sdk_.Calls(), ElementsAre("Initialize\tQEL\t2026\tneutral\tnull\t0",
-                                        "ReleaseMemory\tstandin-session\thanded-out",
-                                        "LockDirectory\tstandin-session\t" + lockPath + "\t0",
-                                        "UnLockDirectory\tstandin-session\t" + lockPath + "\t0",
-                                        "Uninitialize\tstandin-session\t0"));
+  EXPECT_EQ(sdk_.Calls(), WholeConversationCalls(lockPath));
   EXPECT_FALSE(QelHaldoSdkWrapperImpl().IsInitialized());
 }
 
@@ -104,12 +114,7 @@ TEST_F(SessionWithSdkTest, SdkErrorCodesReachTheMessagesWithTheirSign) {
   sdk_.SetResult("UnLockDirectory", -3);
   sdk_.SetResult("Uninitialize", -1);
 
-  QelSession session;
-  EXPECT_EQ(session.Initialize(L"2026"), Success);
-  std::wstring location;
-  EXPECT_EQ(session.LockInstallLocation(location), Success);
-  EXPECT_EQ(location, expected);
-  EXPECT_EQ(session.Uninitialize(), Success);
+  EXPECT_EQ(RunWholeConversation(), expected);
   EXPECT_EQ(messages(),
             (Messages{{L"WARN", L"Failed to lock" + expected + L"\\, HALDO SDK wrapper status code : 5"},
                       {L"WARN", L"Failed to Unlock HALDO SDK wrapper status code:-3"},
@@ -120,11 +125,7 @@ TEST_F(SessionWithSdkTest, SdkRefusingToStartIsPassedThrough) {
   SetSdkLocation(StandInKind::Signed);
   WriteCompleteInstall();
   sdk_.SetResult("Initialize", -12);
-  QelSession session;
-  EXPECT_EQ(session.Initialize(L"2026"), Success);
-  std::wstring location;
-  EXPECT_EQ(session.LockInstallLocation(location), Success);
-  EXPECT_EQ(session.Uninitialize(), Success);
+  RunWholeConversation();
   EXPECT_EQ(messages(), (Messages{{L"WARN", kSdkInitFailed + L"-12"},
                                   {L"WARN", kSdkInitFailed + L"-12"},
                                   {L"WARN", L"HALDO SDK wrapper is not initialized"}}));
@@ -133,23 +134,14 @@ TEST_F(SessionWithSdkTest, SdkRefusingToStartIsPassedThrough) {
 TEST_F(SessionWithSdkTest, MissingLockExportsAreWrapperCode4) {
   SetSdkLocation(StandInKind::NoLockDirectory);
   const std::wstring expected = WriteCompleteInstall();
-  QelSession session;
-  EXPECT_EQ(session.Initialize(L"2026"), Success);
-  std::wstring location;
-  EXPECT_EQ(session.LockInstallLocation(location), Success);
-  EXPECT_EQ(location, expected);
-  EXPECT_EQ(session.Uninitialize(), Success);
+  EXPECT_EQ(RunWholeConversation(), expected);
   EXPECT_EQ(messages(), (Messages{{L"WARN", L"Failed to lock" + expected + L"\\, HALDO SDK wrapper status code : 4"}}));
 }
 
 TEST_F(SessionWithSdkTest, MissingUnlockExportIsMessage15WithCode4) {
   SetSdkLocation(StandInKind::NoUnLockDirectory);
   WriteCompleteInstall();
-  QelSession session;
-  EXPECT_EQ(session.Initialize(L"2026"), Success);
-  std::wstring location;
-  EXPECT_EQ(session.LockInstallLocation(location), Success);
-  EXPECT_EQ(session.Uninitialize(), Success);
+  RunWholeConversation();
   EXPECT_EQ(messages(), (Messages{{L"WARN", L"Failed to Unlock HALDO SDK wrapper status code:4"}}));
 }
 
@@ -171,11 +163,7 @@ TEST_F(SessionWithSdkTest, SecondSessionSharesTheSdkSessionAndSecondUninitialize
   EXPECT_EQ(first.Uninitialize(), Success);
   EXPECT_EQ(messages(), (Messages{{L"WARN", L"HALDO SDK wrapper is not initialized"}}));
   const std::string lockPath = Narrow(expected) + "\\";
-  EXPECT_THAT(sdk_.Calls(), ElementsAre("Initialize\tQEL\t2026\tneutral\tnull\t0",
-                                        "ReleaseMemory\tstandin-session\thanded-out",
-                                        "LockDirectory\tstandin-session\t" + lockPath + "\t0",
-                                        "UnLockDirectory\tstandin-session\t" + lockPath + "\t0",
-                                        "Uninitialize\tstandin-session\t0"));
+  EXPECT_EQ(sdk_.Calls(), WholeConversationCalls(lockPath));
 }
 
 TEST_F(SessionWithSdkTest, BypassedSessionNeverLoadsTheSdk) {
@@ -197,18 +185,9 @@ TEST_F(SessionWithSdkTest, NonAsciiFolderReachesTheSdkAsUtf8) {
   SetSdkLocation(StandInKind::Signed);
   const std::wstring expected = WriteCompleteInstall(L"\u00C5ngstr\u00F6m \u5171\u6709");
   sdk_.SetResult("LockDirectory", 6);
-  QelSession session;
-  EXPECT_EQ(session.Initialize(L"2026"), Success);
-  std::wstring location;
-  EXPECT_EQ(session.LockInstallLocation(location), Success);
-  EXPECT_EQ(location, expected);
-  EXPECT_EQ(session.Uninitialize(), Success);
+  EXPECT_EQ(RunWholeConversation(), expected);
   const std::string lockPath = Narrow(expected) + "\\";
-  EXPECT_THAT(sdk_.Calls(), ElementsAre("Initialize\tQEL\t2026\tneutral\tnull\t0",
-                                        "ReleaseMemory\tstandin-session\thanded-out",
-                                        "LockDirectory\tstandin-session\t" + lockPath + "\t6",
-                                        "UnLockDirectory\tstandin-session\t" + lockPath + "\t0",
-                                        "Uninitialize\tstandin-session\t0"));
+  EXPECT_EQ(sdk_.Calls(), WholeConversationCalls(lockPath, 6));
   EXPECT_EQ(messages(), (Messages{{L"WARN", L"Failed to lock" + expected + L"\\, HALDO SDK wrapper status code : 6"}}));
 }
 
