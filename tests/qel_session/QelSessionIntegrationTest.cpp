@@ -79,6 +79,21 @@ TEST_F(SessionWithSdkTest, WholeConversationLocksAndUnlocksTheVersionFolder) {
   EXPECT_FALSE(QelHaldoSdkWrapperImpl().IsInitialized());
 }
 
+TEST_F(SessionWithSdkTest, SecondUninitializeOnOneObjectFindsNoSession) {
+  SetSdkLocation(StandInKind::Signed);
+  const std::wstring expected = WriteCompleteInstall();
+  QelSession session;
+  EXPECT_EQ(session.Initialize(L"2026"), Success);
+  std::wstring location;
+  EXPECT_EQ(session.LockInstallLocation(location), Success);
+  EXPECT_EQ(session.Uninitialize(), Success);
+  EXPECT_THAT(messages(), IsEmpty());
+  sdk_.ClearCalls();
+  EXPECT_EQ(session.Uninitialize(), Success);
+  EXPECT_EQ(messages(), (Messages{{L"WARN", L"HALDO SDK wrapper is not initialized"}}));
+  EXPECT_THAT(sdk_.Calls(true), IsEmpty());
+}
+
 // No SDK location in the registry: the wrapper cannot load the SDK (3).
 TEST_F(SessionWithSdkTest, SdkStartFailsRegistryComplete) {
   const std::wstring expected = WriteCompleteInstall();
