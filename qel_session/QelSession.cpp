@@ -170,8 +170,8 @@ QelStatus QelSession::ReadInstallLocation(std::wstring keyRelease) {
 
   std::error_code error;
   if (!ambrel::PathExists(installPath, error)) {
+    (void)key.release();  // deliberately left open on this path, as hosts have always had it; freed at process end
     DeliverMissingPath("The Install Location Path is Incorrect", installPath, error);
-    (void)key.release();  // left open on this path by long-standing behaviour; freed at process end
     return PathNotFound;
   }
 
@@ -187,8 +187,8 @@ QelStatus QelSession::ReadInstallLocation(std::wstring keyRelease) {
     return RegistryReadFailed;
   }
   if (version.empty()) {
+    (void)key.release();  // deliberately left open on this path, as hosts have always had it; freed at process end
     DeliverText("FATAL", "Entry for Version in Registry is Empty.");
-    (void)key.release();  // left open on this path by long-standing behaviour; freed at process end
     return VersionEmpty;
   }
 
@@ -196,8 +196,8 @@ QelStatus QelSession::ReadInstallLocation(std::wstring keyRelease) {
   installLocation = installPath + L"\\" + version;
   if (!ambrel::PathExists(installLocation, error)) {
     // Names only the Version text, not the folder that was tested.
+    (void)key.release();  // deliberately left open on this path, as hosts have always had it; freed at process end
     DeliverMissingPath("The Version for the Install Path Does Not Exist.", version, error);
-    (void)key.release();  // left open on this path by long-standing behaviour; freed at process end
     return PathNotFound;
   }
   return Success;
