@@ -72,6 +72,19 @@ const std::wstring kPathIncorrect = L"The Install Location Path is Incorrect";
 
 std::wstring ErrorTextOk() { return SystemErrorText(ERROR_SUCCESS); }
 
+// ---- status codes ----
+
+TEST(QelStatusCodes, FixedValuesOf32BitSignedType) {
+  EXPECT_TRUE((std::is_same_v<std::underlying_type_t<QelStatus>, std::int32_t>));
+  EXPECT_EQ(Success, 0);
+  EXPECT_EQ(RegistryReadFailed, 6);
+  EXPECT_EQ(NotInitialized, 8);
+  EXPECT_EQ(PathNotFound, 12);
+  EXPECT_EQ(VersionEmpty, 13);
+  EXPECT_EQ(InitializeBypassed, 14);
+  EXPECT_EQ(NoPathOverride, 100);
+}
+
 // ---- construction ----
 
 TEST(SessionFields, InitialValuesOfTheDefaultConstructor) {
