@@ -5,7 +5,9 @@
 
 #include <windows.h>
 #include <objbase.h>
+#include <wincrypt.h>
 
+#include <cstdlib>
 #include <utility>
 
 namespace ambrel {
@@ -86,6 +88,27 @@ struct EnvironmentStringsTraits {
   static Type Invalid() noexcept { return nullptr; }
   static void Close(Type block) noexcept { ::FreeEnvironmentStringsW(block); }
 };
+struct CertStoreTraits {
+  using Type = HCERTSTORE;
+  static Type Invalid() noexcept { return nullptr; }
+  static void Close(Type store) noexcept { ::CertCloseStore(store, 0); }
+};
+struct CryptMsgTraits {
+  using Type = HCRYPTMSG;
+  static Type Invalid() noexcept { return nullptr; }
+  static void Close(Type message) noexcept { ::CryptMsgClose(message); }
+};
+struct CertContextTraits {
+  using Type = PCCERT_CONTEXT;
+  static Type Invalid() noexcept { return nullptr; }
+  static void Close(Type context) noexcept { ::CertFreeCertificateContext(context); }
+};
+// malloc'd memory (buffers whose growth goes through realloc).
+struct CrtMemoryTraits {
+  using Type = void*;
+  static Type Invalid() noexcept { return nullptr; }
+  static void Close(Type memory) noexcept { ::free(memory); }
+};
 
 using UniqueRegKey = UniqueResource<RegKeyTraits>;
 using UniqueModule = UniqueResource<ModuleTraits>;
@@ -94,6 +117,10 @@ using UniqueFileHandle = UniqueResource<FileHandleTraits>;
 using UniqueDllDirectory = UniqueResource<DllDirectoryTraits>;
 using UniqueCoTaskMem = UniqueResource<CoTaskMemTraits>;
 using UniqueEnvironmentStrings = UniqueResource<EnvironmentStringsTraits>;
+using UniqueCertStore = UniqueResource<CertStoreTraits>;
+using UniqueCryptMsg = UniqueResource<CryptMsgTraits>;
+using UniqueCertContext = UniqueResource<CertContextTraits>;
+using UniqueCrtMemory = UniqueResource<CrtMemoryTraits>;
 
 // Owner of one COM interface pointer.
 template <typename Interface>
