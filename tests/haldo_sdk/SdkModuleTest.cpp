@@ -47,17 +47,6 @@ std::wstring ReadSdkLocation(std::vector<DWORD>* offered) {
   return text;
 }
 
-class AllocatorSwap {
- public:
-  explicit AllocatorSwap(RegistryBufferAllocator replacement) : saved_(SdkLocationBufferAllocator()) {
-    SdkLocationBufferAllocator() = replacement;
-  }
-  ~AllocatorSwap() { SdkLocationBufferAllocator() = saved_; }
-
- private:
-  RegistryBufferAllocator saved_;
-};
-
 void* NoMemory(std::size_t) { return nullptr; }
 void* NoLargerMemory(void*, std::size_t) { return nullptr; }
 
@@ -150,7 +139,7 @@ TEST_F(RegistryReadTest, EmptyValue) {
 
 TEST_F(RegistryReadTest, BufferAllocationFailure) {
   SetSdkLocation(StandInKind::Signed);
-  AllocatorSwap swap({&NoMemory, &std::realloc});
+  ValueSwap<RegistryBufferAllocator> swap(SdkLocationBufferAllocator(), {&NoMemory, &std::realloc});
   EXPECT_EQ(wrapper_.Initialize("QEL", "2026", "neutral"), 3);
   EXPECT_THAT(log_.Messages(),
               ElementsAreArray(FailedLoad({"[ERROR] HALDOAPIWrapperImpl::ReadStringFromRegistry: Failed to allocate "
@@ -161,7 +150,7 @@ TEST_F(RegistryReadTest, BufferAllocationFailure) {
 TEST_F(RegistryReadTest, BufferEnlargementFailure) {
   ScratchDir dir;
   SetSdkLocation(SignedCopyWithPathLength(dir, 200));
-  AllocatorSwap swap({&std::malloc, &NoLargerMemory});
+  ValueSwap<RegistryBufferAllocator> swap(SdkLocationBufferAllocator(), {&std::malloc, &NoLargerMemory});
   EXPECT_EQ(wrapper_.Initialize("QEL", "2026", "neutral"), 3);
   EXPECT_THAT(log_.Messages(), ElementsAreArray(FailedLoad({kReadFailedLine, kPathEmptyLine})));
 }
