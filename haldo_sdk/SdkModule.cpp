@@ -11,6 +11,7 @@
 #include "haldo_sdk/QelHaldoSdkWrapperState.h"
 #include "haldo_sdk/SignatureCheck.h"
 #include "haldo_sdk/WrapperLog.h"
+#include "haldo_sdk/WrapperStatus.h"
 #include "qel_loader/FileSystemStatus.h"
 #include "qel_loader/WinResource.h"
 
@@ -147,13 +148,13 @@ bool IsSelfUpdateRunning() {
 }
 
 bool LoadSdk(int& code) {
-  code = kSdkNotLoaded;
+  code = kWrapperSdkNotLoaded;
   QelHaldoSdkWrapperState& state = WrapperState();
   if (state.module) return true;
 
   if (IsSelfUpdateRunning()) {
     WriteWrapperLogLine(L"[INFO] Load: Self-update is running");
-    code = kSdkSelfUpdateRunning;
+    code = kWrapperSelfUpdateRunning;
     return false;
   }
 
@@ -165,7 +166,7 @@ bool LoadSdk(int& code) {
   WriteWrapperLogLine(L"[INFO] Load: HALDO SDK path = " + state.dllPath);
 
   if (!VerifyCertificate(state.dllPath)) {
-    code = kSdkSignatureRejected;
+    code = kWrapperSignatureRejected;
     WriteWrapperLogLine(L"[ERROR] IsSignatureValid: Signature invalid at path = " + state.dllPath);
     return false;
   }

@@ -11,13 +11,6 @@
 
 namespace ambrel {
 
-// Why a load failed (read by Initialize only when the load fails).
-enum SdkLoadCode : int {
-  kSdkNotLoaded = 3,
-  kSdkSelfUpdateRunning = 8,
-  kSdkSignatureRejected = 9,
-};
-
 inline constexpr wchar_t kHaldoKeyPath[] = L"SOFTWARE\\Tavrel\\HALDO\\";
 inline constexpr wchar_t kSdkLocationValue[] = L"HALDOSDKLocation";
 inline constexpr wchar_t kSelfUpdateLockFileName[] = L"TvHALDOInstaller.run.lock";
@@ -53,7 +46,7 @@ std::filesystem::path SelfUpdateLockFilePath();
 bool IsSelfUpdateRunning();
 
 // True when the shared state holds the loaded SDK. On failure `code` tells
-// why (3, 8 or 9).
+// why: kWrapperSdkNotLoaded, kWrapperSelfUpdateRunning or kWrapperSignatureRejected.
 bool LoadSdk(int& code);
 
 }  // namespace ambrel
