@@ -27,6 +27,14 @@ constexpr DWORD kExpandLimit = MAX_PATH;
 // than the byte count it offers.
 void TerminateAfter(wchar_t* buffer, DWORD returnedBytes) { buffer[returnedBytes / sizeof(wchar_t)] = L'\0'; }
 
+// The registry buffer goes back through the allocator it came from.
+struct RegistryBufferTraits {
+  using Type = void*;
+  static Type Invalid() noexcept { return nullptr; }
+  static void Close(Type memory) noexcept { SdkLocationBufferAllocator().release(memory); }
+};
+using RegistryBuffer = UniqueResource<RegistryBufferTraits>;
+
 std::string ReadWholeFile(const std::filesystem::path& path) {
   std::ifstream file(path, std::ios::in);
   if (!file) return {};
@@ -48,7 +56,8 @@ bool IsRunningProcessId(const std::string& text) {
 
 RegistryBufferAllocator& SdkLocationBufferAllocator() {
   static RegistryBufferAllocator allocator{[](std::size_t size) { return std::malloc(size); },
-                                           [](void* memory, std::size_t size) { return std::realloc(memory, size); }};
+                                           [](void* memory, std::size_t size) { return std::realloc(memory, size); },
+                                           [](void* memory) { std::free(memory); }};
   return allocator;
 }
 
@@ -60,7 +69,7 @@ ModuleUnloadFunction& SdkModuleUnloader() {
 bool ReadStringFromRegistry(wchar_t** value, std::vector<DWORD>* offeredSizes) {
   *value = nullptr;
   const RegistryBufferAllocator& allocator = SdkLocationBufferAllocator();
-  UniqueCrtMemory buffer(allocator.allocate(kRegistryBufferBytes));
+  RegistryBuffer buffer(allocator.allocate(kRegistryBufferBytes));
   if (!buffer) {
     LogWrapperError("ReadStringFromRegistry: Failed to allocate memory for buffer to read registry!");
     return false;
@@ -107,7 +116,7 @@ void GetDllPath() {
     LogWrapperError("GetDllPath: Failed to read registry!");
     return;
   }
-  const UniqueCrtMemory owner(raw);
+  const RegistryBuffer owner(raw);
   const std::wstring value(raw);
   if (value.empty()) return;
 

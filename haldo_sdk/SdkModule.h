@@ -15,11 +15,13 @@ inline constexpr wchar_t kHaldoKeyPath[] = L"SOFTWARE\\Tavrel\\HALDO\\";
 inline constexpr wchar_t kSdkLocationValue[] = L"HALDOSDKLocation";
 inline constexpr wchar_t kSelfUpdateLockFileName[] = L"TvHALDOInstaller.run.lock";
 
-// Where the registry buffer's memory comes from. The process keeps one; tests
-// put failing functions in it to reach the out-of-memory paths.
+// Where the registry buffer's memory comes from and goes back to: malloc,
+// realloc and free. The process keeps one; tests put failing or counting
+// functions in it to reach the out-of-memory paths and to see every release.
 struct RegistryBufferAllocator {
   void* (*allocate)(std::size_t size);
   void* (*reallocate)(void* memory, std::size_t size);
+  void (*release)(void* memory);
 };
 RegistryBufferAllocator& SdkLocationBufferAllocator();
 
@@ -28,8 +30,8 @@ RegistryBufferAllocator& SdkLocationBufferAllocator();
 using ModuleUnloadFunction = BOOL(WINAPI*)(HMODULE module);
 ModuleUnloadFunction& SdkModuleUnloader();
 
-// Reads "HALDOSDKLocation" into a malloc'd, NUL-terminated buffer that the
-// caller frees. The first query offers 256 bytes and each retry 256 more;
+// Reads "HALDOSDKLocation" into a NUL-terminated buffer from the allocator
+// above, which the caller releases through it (free, by default). The first query offers 256 bytes and each retry 256 more;
 // `offeredSizes`, when given, receives the byte count offered by each query.
 bool ReadStringFromRegistry(wchar_t** value, std::vector<DWORD>* offeredSizes = nullptr);
 

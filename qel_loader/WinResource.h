@@ -7,7 +7,6 @@
 #include <objbase.h>
 #include <wincrypt.h>
 
-#include <cstdlib>
 #include <utility>
 
 namespace ambrel {
@@ -97,12 +96,6 @@ struct CertContextTraits {
   static Type Invalid() noexcept { return nullptr; }
   static void Close(Type context) noexcept { ::CertFreeCertificateContext(context); }
 };
-// malloc'd memory (buffers whose growth goes through realloc).
-struct CrtMemoryTraits {
-  using Type = void*;
-  static Type Invalid() noexcept { return nullptr; }
-  static void Close(Type memory) noexcept { ::free(memory); }
-};
 
 using UniqueRegKey = UniqueResource<RegKeyTraits>;
 using UniqueModule = UniqueResource<ModuleTraits>;
@@ -113,7 +106,6 @@ using UniqueCoTaskMem = UniqueResource<CoTaskMemTraits>;
 using UniqueCertStore = UniqueResource<CertStoreTraits>;
 using UniqueCryptMsg = UniqueResource<CryptMsgTraits>;
 using UniqueCertContext = UniqueResource<CertContextTraits>;
-using UniqueCrtMemory = UniqueResource<CrtMemoryTraits>;
 
 // Owner of one COM interface pointer.
 template <typename Interface>
