@@ -27,7 +27,9 @@ bool IsNotFoundError(DWORD error) noexcept {
 }
 
 PathStatus QueryPathStatus(const std::wstring& path, std::error_code& ec) noexcept {
-  ec.clear();
+  // Value 0 of the Windows category rather than clear(): its message() is then
+  // the system's own text for "no error" on every toolchain.
+  ec = MakeWindowsError(ERROR_SUCCESS);
   auto fail = [&ec](DWORD error) {
     if (!IsNotFoundError(error)) ec = MakeWindowsError(error);
     return PathStatus{};

@@ -19,8 +19,9 @@ struct PathStatus {
 bool IsNotFoundError(DWORD error) noexcept;
 
 // Status of the path, following symbolic links and junctions. On a not-found
-// error the result is "does not exist" and ec is cleared; on any other error
-// ec holds the Windows error and the result is "does not exist".
+// error the result is "does not exist" and ec is cleared (value 0 of the
+// Windows category, so its message() is the system's text for no error); on
+// any other error ec holds the Windows error and the result is "does not exist".
 PathStatus QueryPathStatus(const std::wstring& path, std::error_code& ec) noexcept;
 
 // As std::filesystem::exists(path, ec): ec cleared unless an unexpected error.

@@ -5,7 +5,9 @@
 
 #include <windows.h>
 #include <objbase.h>
+#include <wincrypt.h>
 
+#include <cstdlib>
 #include <utility>
 
 namespace ambrel {
@@ -80,6 +82,27 @@ struct CoTaskMemTraits {
   static Type Invalid() noexcept { return nullptr; }
   static void Close(Type memory) noexcept { ::CoTaskMemFree(memory); }
 };
+struct CertStoreTraits {
+  using Type = HCERTSTORE;
+  static Type Invalid() noexcept { return nullptr; }
+  static void Close(Type store) noexcept { ::CertCloseStore(store, 0); }
+};
+struct CryptMsgTraits {
+  using Type = HCRYPTMSG;
+  static Type Invalid() noexcept { return nullptr; }
+  static void Close(Type message) noexcept { ::CryptMsgClose(message); }
+};
+struct CertContextTraits {
+  using Type = PCCERT_CONTEXT;
+  static Type Invalid() noexcept { return nullptr; }
+  static void Close(Type context) noexcept { ::CertFreeCertificateContext(context); }
+};
+// malloc'd memory (buffers whose growth goes through realloc).
+struct CrtMemoryTraits {
+  using Type = void*;
+  static Type Invalid() noexcept { return nullptr; }
+  static void Close(Type memory) noexcept { ::free(memory); }
+};
 
 using UniqueRegKey = UniqueResource<RegKeyTraits>;
 using UniqueModule = UniqueResource<ModuleTraits>;
@@ -87,6 +110,10 @@ using UniqueHandle = UniqueResource<HandleTraits>;
 using UniqueFileHandle = UniqueResource<FileHandleTraits>;
 using UniqueDllDirectory = UniqueResource<DllDirectoryTraits>;
 using UniqueCoTaskMem = UniqueResource<CoTaskMemTraits>;
+using UniqueCertStore = UniqueResource<CertStoreTraits>;
+using UniqueCryptMsg = UniqueResource<CryptMsgTraits>;
+using UniqueCertContext = UniqueResource<CertContextTraits>;
+using UniqueCrtMemory = UniqueResource<CrtMemoryTraits>;
 
 // Owner of one COM interface pointer.
 template <typename Interface>

@@ -80,6 +80,7 @@ TEST(PathStatus, FoundPathClearsTheErrorCode) {
   EXPECT_TRUE(PathExists(dir.path(), ec));
   EXPECT_FALSE(ec);
   EXPECT_EQ(ec.value(), 0);
+  EXPECT_EQ(ec.message(), WindowsErrorText(0));
 }
 
 }  // namespace

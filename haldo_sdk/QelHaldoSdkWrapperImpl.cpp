@@ -1,0 +1,139 @@
+#include "haldo_sdk/QelHaldoSdkWrapperImpl.h"
+
+#include <windows.h>
+
+#include <utility>
+
+#include "haldo_sdk/QelHaldoSdkWrapperState.h"
+#include "haldo_sdk/SdkModule.h"
+#include "haldo_sdk/WrapperLog.h"
+
+namespace ambrel {
+
+QelHaldoSdkWrapperState& WrapperState() {
+  static QelHaldoSdkWrapperState state;
+  return state;
+}
+
+}  // namespace ambrel
+
+namespace {
+
+using ambrel::LogWrapperError;
+using ambrel::LogWrapperInfo;
+using ambrel::QelHaldoSdkWrapperState;
+using ambrel::WrapperState;
+
+// The SDK's entry points, bound by name at each call.
+using SdkInitializeFunction = int (*)(const char* plc, const char* release, const char* language, char** sessionId);
+using SdkReleaseMemoryFunction = int (*)(const char* sessionId, char** memory);
+using SdkUninitializeFunction = int (*)(const char* sessionId);
+using SdkDirectoryFunction = int (*)(const char* sessionId, const char* directory);
+
+// No module counts as a missing export.
+template <typename Function>
+Function BindSdkExport(const QelHaldoSdkWrapperState& state, const char* name) {
+  if (!state.module) return nullptr;
+  // GetProcAddress hands out a generic function pointer; the export's real
+  // type is the one the SDK documents.
+  return reinterpret_cast<Function>(reinterpret_cast<void*>(::GetProcAddress(state.module, name)));
+}
+
+// LockDirectory and UnLockDirectory differ only in the export and the texts.
+int CallDirectoryExport(const std::string& directory, const char* exportName, const std::string& operation) {
+  QelHaldoSdkWrapperState& state = WrapperState();
+  if (directory.empty()) {
+    LogWrapperError(operation + ": Argument \"directoryToLock \" is empty!");
+    return 5;
+  }
+  const auto function = BindSdkExport<SdkDirectoryFunction>(state, exportName);
+  if (!function) {
+    LogWrapperError(operation + ": Failed to obtain " + exportName + "Func handle!");
+    return 4;
+  }
+  const int result = function(state.sessionId.c_str(), directory.c_str());
+  if (result != 0) LogWrapperError(operation + ": API returned error code " + std::to_string(result));
+  return result;
+}
+
+}  // namespace
+
+int QelHaldoSdkWrapperImpl::Initialize(const std::string& plc, const std::string& release,
+                                       const std::string& language) {
+  QelHaldoSdkWrapperState& state = WrapperState();
+  if (!state.sessionId.empty()) return 2;
+
+  ambrel::OpenWrapperLog();
+  if (plc.empty() || release.empty()) {
+    LogWrapperError("Initialize: Either \"plc\" or \"release\" argument absent!");
+    return 5;
+  }
+  LogWrapperInfo("Initialize: plc = \"" + plc + "\", release = \"" + release + "\", language = \"" + language +
+                 "\"");
+
+  int loadCode = 0;
+  if (!ambrel::LoadSdk(loadCode)) {
+    LogWrapperError("Initialize: Failed to load SDK! ");
+    return loadCode;
+  }
+  LogWrapperInfo("Initialize: HALDO SDK loaded successfully");
+
+  const auto initialize = BindSdkExport<SdkInitializeFunction>(state, "Initialize");
+  if (!initialize) {
+    LogWrapperError("Initialize: Failed to obtain InitializeFunc handle!");
+    return 4;
+  }
+
+  // Null before the call, so an SDK that fails without writing it hands
+  // ReleaseMemory a null pointer rather than stack garbage.
+  char* returnedId = nullptr;
+  const int result = initialize(plc.c_str(), release.c_str(), language.c_str(), &returnedId);
+  if (result == 0) {
+    const std::string id = returnedId ? returnedId : "";
+    LogWrapperInfo("Initialize: session id = " + id);
+    state.sessionId = id;
+  }
+
+  if (const auto releaseMemory = BindSdkExport<SdkReleaseMemoryFunction>(state, "ReleaseMemory")) {
+    releaseMemory(state.sessionId.c_str(), &returnedId);
+  } else {
+    LogWrapperError("ReleaseMemory: Failed to obtain ReleaseMemoryFunc handle!");
+  }
+  return result;
+}
+
+bool QelHaldoSdkWrapperImpl::IsInitialized() { return !WrapperState().sessionId.empty(); }
+
+int QelHaldoSdkWrapperImpl::LockDirectory(const std::string& directoryToLock) {
+  return CallDirectoryExport(directoryToLock, "LockDirectory", "LockDirectory");
+}
+
+int QelHaldoSdkWrapperImpl::UnLockDirectory(const std::string& directoryToLock) {
+  return CallDirectoryExport(directoryToLock, "UnLockDirectory", "UnLockDirectory");
+}
+
+int QelHaldoSdkWrapperImpl::Uninitialize() {
+  QelHaldoSdkWrapperState& state = WrapperState();
+  if (state.sessionId.empty()) {
+    LogWrapperError("Uninitialize: Not initialized!");
+    return 7;
+  }
+  const auto uninitialize = BindSdkExport<SdkUninitializeFunction>(state, "Uninitialize");
+  if (!uninitialize) {
+    LogWrapperError("Uninitialize: Failed to obtain UninitializeFunc handle!");
+    return 4;
+  }
+  const int result = uninitialize(state.sessionId.c_str());
+  if (result == 0) state.sessionId.clear();
+
+  // The SDK is unloaded whatever it answered; a later Initialize loads it again.
+  const HMODULE module = std::exchange(state.module, nullptr);
+  if (module && !::FreeLibrary(module)) {
+    LogWrapperError("Uninitialize: Unload failed!");
+    return 1;
+  }
+  LogWrapperInfo("Initialize: HALDO SDK unloaded successfully");
+  return result;
+}
+
+QelHaldoSdkWrapperInterface* QelHaldoSdkWrapperImpl::CreateInstance() { return new QelHaldoSdkWrapperImpl(); }

@@ -1,0 +1,172 @@
+#include "haldo_sdk/SdkModule.h"
+
+#include <shlobj.h>
+#include <tlhelp32.h>
+
+#include <cstdlib>
+#include <fstream>
+#include <iterator>
+#include <system_error>
+
+#include "haldo_sdk/QelHaldoSdkWrapperState.h"
+#include "haldo_sdk/SignatureCheck.h"
+#include "haldo_sdk/WrapperLog.h"
+#include "qel_loader/FileSystemStatus.h"
+#include "qel_loader/WinResource.h"
+
+namespace ambrel {
+namespace {
+
+constexpr std::size_t kRegistryBufferBytes = 2048;
+constexpr DWORD kRegistryQueryStep = 256;
+constexpr DWORD kExpandLimit = MAX_PATH;
+
+// Puts a NUL after what the query returned. Every buffer has room for it: the
+// first is far larger than the first query, each enlargement one unit larger
+// than the byte count it offers.
+void TerminateAfter(wchar_t* buffer, DWORD returnedBytes) { buffer[returnedBytes / sizeof(wchar_t)] = L'\0'; }
+
+std::string ReadWholeFile(const std::filesystem::path& path) {
+  std::ifstream file(path, std::ios::in);
+  if (!file) return {};
+  return std::string(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>());
+}
+
+bool IsRunningProcessId(const std::string& text) {
+  UniqueFileHandle snapshot(::CreateToolhelp32Snapshot(TH32CS_SNAPPROCESS, 0));
+  if (!snapshot) return false;
+  PROCESSENTRY32W entry{};
+  entry.dwSize = sizeof entry;
+  for (BOOL more = ::Process32FirstW(snapshot.get(), &entry); more; more = ::Process32NextW(snapshot.get(), &entry)) {
+    if (std::to_string(entry.th32ProcessID) == text) return true;
+  }
+  return false;
+}
+
+}  // namespace
+
+RegistryBufferAllocator& SdkLocationBufferAllocator() {
+  static RegistryBufferAllocator allocator{&std::malloc, &std::realloc};
+  return allocator;
+}
+
+bool ReadStringFromRegistry(wchar_t** value, std::vector<DWORD>* offeredSizes) {
+  *value = nullptr;
+  const RegistryBufferAllocator& allocator = SdkLocationBufferAllocator();
+  UniqueCrtMemory buffer(allocator.allocate(kRegistryBufferBytes));
+  if (!buffer) {
+    LogWrapperError("ReadStringFromRegistry: Failed to allocate memory for buffer to read registry!");
+    return false;
+  }
+
+  UniqueRegKey key;
+  if (::RegOpenKeyExW(HKEY_LOCAL_MACHINE, kHaldoKeyPath, 0, KEY_READ, key.put()) != ERROR_SUCCESS) {
+    LogWrapperError("ReadStringFromRegistry: RegOpenKeyEx failed!");
+    return false;
+  }
+
+  DWORD offered = kRegistryQueryStep;
+  DWORD size = offered;
+  auto query = [&] {
+    if (offeredSizes) offeredSizes->push_back(size);
+    return ::RegQueryValueExW(key.get(), kSdkLocationValue, nullptr, nullptr, static_cast<BYTE*>(buffer.get()),
+                              &size);
+  };
+  LSTATUS status = query();
+  while (status == ERROR_MORE_DATA) {
+    offered += kRegistryQueryStep;
+    void* larger = allocator.reallocate(buffer.get(), offered + sizeof(wchar_t));
+    if (!larger) return false;  // the owners free the old buffer and close the key
+    (void)buffer.release();     // realloc has taken over the old block
+    buffer.reset(larger);
+    size = offered;
+    status = query();
+  }
+  if (status != ERROR_SUCCESS) {
+    buffer.reset();
+    key.reset();
+    LogWrapperError("ReadStringFromRegistry: RegQueryValueEx failed!");
+    return false;
+  }
+
+  TerminateAfter(static_cast<wchar_t*>(buffer.get()), size);
+  *value = static_cast<wchar_t*>(buffer.release());  // the caller frees it
+  return true;
+}
+
+void GetDllPath() {
+  wchar_t* raw = nullptr;
+  if (!ReadStringFromRegistry(&raw) || !raw) {
+    LogWrapperError("GetDllPath: Failed to read registry!");
+    return;
+  }
+  const UniqueCrtMemory owner(raw);
+  const std::wstring value(raw);
+  if (value.empty()) return;
+
+  wchar_t expanded[kExpandLimit + 1] = {};
+  const DWORD needed = ::ExpandEnvironmentStringsW(value.c_str(), expanded, kExpandLimit);
+  if (needed == 0) {
+    LogWrapperError("GetDllPath: Failed to expand dll path!");
+    return;
+  }
+  // An expansion that did not fit names no usable file; and only the lock-file
+  // test may raise, so an unexpected error here also counts as "missing".
+  std::error_code ec;
+  if (needed > kExpandLimit || !PathExists(expanded, ec)) {
+    LogWrapperError("GetDllPath: expanded Dll Path does not exist!");
+    return;
+  }
+  WrapperState().dllPath = expanded;
+}
+
+std::filesystem::path SelfUpdateLockFilePath() {
+  std::filesystem::path folder;
+  PWSTR known = nullptr;
+  const HRESULT result =
+      ::SHGetKnownFolderPath(FOLDERID_ProgramData, KF_FLAG_DONT_VERIFY | KF_FLAG_NO_ALIAS, nullptr, &known);
+  const UniqueCoTaskMem knownOwner(known);
+  if (SUCCEEDED(result) && known) {
+    folder = std::filesystem::path(known) / L"Tavrel\\HALDO";
+  } else {
+    folder = std::filesystem::temp_directory_path();
+  }
+  return folder / kSelfUpdateLockFileName;
+}
+
+bool IsSelfUpdateRunning() {
+  const std::filesystem::path lockFile = SelfUpdateLockFilePath();
+  if (!PathExists(lockFile.native())) return false;
+  return IsRunningProcessId(ReadWholeFile(lockFile));
+}
+
+bool LoadSdk(int& code) {
+  code = kSdkNotLoaded;
+  QelHaldoSdkWrapperState& state = WrapperState();
+  if (state.module) return true;
+
+  if (IsSelfUpdateRunning()) {
+    WriteWrapperLogLine(L"[INFO] Load: Self-update is running");
+    code = kSdkSelfUpdateRunning;
+    return false;
+  }
+
+  if (state.dllPath.empty()) GetDllPath();
+  if (state.dllPath.empty()) {
+    WriteWrapperLogLine(L"[ERROR] Load: dll path empty!");
+    return false;
+  }
+  WriteWrapperLogLine(L"[INFO] Load: HALDO SDK path = " + state.dllPath);
+
+  if (!VerifyCertificate(state.dllPath)) {
+    code = kSdkSignatureRejected;
+    WriteWrapperLogLine(L"[ERROR] IsSignatureValid: Signature invalid at path = " + state.dllPath);
+    return false;
+  }
+
+  state.module = ::LoadLibraryW(state.dllPath.c_str());
+  if (!state.module) WriteWrapperLogLine(L"[ERROR] Load: LoadLibraryW failed to load " + state.dllPath);
+  return state.module != nullptr;
+}
+
+}  // namespace ambrel

@@ -1,0 +1,98 @@
+#include "haldo_sdk/SignatureCheck.h"
+
+#include <softpub.h>
+#include <wincrypt.h>
+#include <wintrust.h>
+
+#include "haldo_sdk/WrapperLog.h"
+#include "qel_loader/WinResource.h"
+
+namespace ambrel {
+namespace {
+
+// Releases the verification state on every path, failed verifications
+// included: WinVerifyTrust keeps it until it is asked to close it.
+class TrustStateCloser {
+ public:
+  TrustStateCloser(WinVerifyTrustFunction verify, GUID& action, WINTRUST_DATA& data) noexcept
+      : verify_(verify), action_(action), data_(data) {}
+  ~TrustStateCloser() {
+    data_.dwStateAction = WTD_STATEACTION_CLOSE;
+    verify_(nullptr, &action_, &data_);
+  }
+  TrustStateCloser(const TrustStateCloser&) = delete;
+  TrustStateCloser& operator=(const TrustStateCloser&) = delete;
+
+ private:
+  WinVerifyTrustFunction verify_;
+  GUID& action_;
+  WINTRUST_DATA& data_;
+};
+
+}  // namespace
+
+bool VerifyTrust(const std::wstring& path, WinVerifyTrustFunction verify) {
+  WINTRUST_FILE_INFO file{};
+  file.cbStruct = sizeof file;
+  file.pcwszFilePath = path.c_str();
+  file.hFile = nullptr;
+  file.pgKnownSubject = nullptr;
+
+  WINTRUST_DATA data{};
+  data.cbStruct = sizeof data;
+  data.pPolicyCallbackData = nullptr;
+  data.pSIPClientData = nullptr;
+  data.dwUIChoice = WTD_UI_NONE;
+  data.fdwRevocationChecks = WTD_REVOKE_NONE;
+  data.dwUnionChoice = WTD_CHOICE_FILE;
+  data.pFile = &file;
+  data.dwStateAction = WTD_STATEACTION_VERIFY;
+  data.hWVTStateData = nullptr;
+  data.pwszURLReference = nullptr;
+  data.dwProvFlags = 0;
+  data.dwUIContext = 0;
+
+  GUID action = WINTRUST_ACTION_GENERIC_VERIFY_V2;
+  LONG status = 0;
+  {
+    TrustStateCloser closer(verify, action, data);
+    status = verify(nullptr, &action, &data);
+    if (status != 0) WriteWrapperLogLine(L"[ERROR] WinVerifyTrust returned status: " + std::to_wstring(status));
+  }
+  return status == 0;
+}
+
+bool SignatureNamesPublisher(const std::wstring& path, const wchar_t* publisher) {
+  DWORD encoding = 0;
+  DWORD contentType = 0;
+  DWORD formatType = 0;
+  // Declared so that the store is closed before the message, the order the
+  // query handed them out in.
+  UniqueCryptMsg message;
+  UniqueCertStore store;
+  if (!::CryptQueryObject(CERT_QUERY_OBJECT_FILE, path.c_str(), CERT_QUERY_CONTENT_FLAG_PKCS7_SIGNED_EMBED,
+                          CERT_QUERY_FORMAT_FLAG_BINARY, 0, &encoding, &contentType, &formatType, store.put(),
+                          message.put(), nullptr)) {
+    WriteWrapperLogLine(L"[ERROR] CryptQueryObject returned false!");
+    return false;
+  }
+
+  const UniqueCertContext found(
+      ::CertFindCertificateInStore(store.get(), encoding, 0, CERT_FIND_SUBJECT_STR_W, publisher, nullptr));
+  if (!found) {
+    const DWORD error = ::GetLastError();
+    WriteWrapperLogLine(L"[ERROR] CertFindCertificateInStore returned ERROR: " + std::to_wstring(error));
+  }
+  return found.valid();
+}
+
+bool VerifyCertificate(const std::wstring& path) {
+  if (path.empty()) return true;
+  if (!VerifyTrust(path)) {
+    WriteWrapperLogLine(L"[ERROR] VerifyCertificate failed!");
+    return false;
+  }
+  return SignatureNamesPublisher(path, kSdkPublisher);
+}
+
+}  // namespace ambrel

@@ -1,0 +1,30 @@
+// The publisher check run before the SDK DLL is loaded: its Authenticode
+// signature must verify, and a certificate carried in that signature must
+// name the maker.
+#pragma once
+
+#include <windows.h>
+#include <wintrust.h>
+
+#include <string>
+
+namespace ambrel {
+
+// The text a certificate subject must contain (any case, anywhere).
+inline constexpr wchar_t kSdkPublisher[] = L"Tavrel, Inc";
+
+// WinVerifyTrust's shape, so a test can watch the calls made through it.
+using WinVerifyTrustFunction = LONG(WINAPI*)(HWND, GUID*, LPVOID);
+
+// Both stages; an empty path passes. Logs what failed.
+bool VerifyCertificate(const std::wstring& path);
+
+// WinVerifyTrust with the generic Authenticode action, no UI and no
+// revocation check, always followed by the call that releases its state.
+bool VerifyTrust(const std::wstring& path, WinVerifyTrustFunction verify = ::WinVerifyTrust);
+
+// True when a certificate of the file's embedded signature has a subject
+// containing `publisher`, compared without regard to case.
+bool SignatureNamesPublisher(const std::wstring& path, const wchar_t* publisher);
+
+}  // namespace ambrel

@@ -1,0 +1,63 @@
+#include "haldo_sdk/WrapperLog.h"
+
+#include <windows.h>
+
+#include <ctime>
+#include <filesystem>
+#include <fstream>
+
+#include "haldo_sdk/QelHaldoSdkWrapperState.h"
+#include "qel_loader/TextConvert.h"
+
+namespace ambrel {
+namespace {
+
+constexpr wchar_t kLogFileTail[] = L"\\Tavrel\\HALDO\\HALDO_APIWrapper.log";
+
+// Append, text mode, shared with other processes. A failed open leaves the
+// stream failed and every write a no-op, which is what silent logging wants.
+void AppendToLog(const std::wstring& path, std::wstring_view first, std::wstring_view second = {},
+                 std::wstring_view third = {}, std::wstring_view fourth = {}) {
+  std::wofstream file(std::filesystem::path(path), std::ios::out | std::ios::app);
+  file << first << second << third << fourth << std::endl;
+}
+
+std::wstring LocalTimestamp() {
+  const __time64_t now = _time64(nullptr);
+  std::tm local{};
+  if (_localtime64_s(&local, &now) != 0) return {};
+  char text[512] = {};
+  const size_t length = std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%S", &local);
+  return WidenBytes(std::string_view(text, length));
+}
+
+}  // namespace
+
+void OpenWrapperLog() {
+  // One unit more than the limit passed, so the text is terminated whatever
+  // an expansion that does not fit leaves behind.
+  wchar_t expanded[MAX_PATH + 1] = {};
+  if (::ExpandEnvironmentStringsW(L"%LOCALAPPDATA%", expanded, MAX_PATH) == 0) return;
+  QelHaldoSdkWrapperState& state = WrapperState();
+  state.logPath = std::wstring(expanded) + kLogFileTail;
+  AppendToLog(state.logPath, kWrapperLogSeparator);
+}
+
+void WriteWrapperLogLine(std::wstring_view message) {
+  QelHaldoSdkWrapperState& state = WrapperState();
+  if (state.logPath.empty()) OpenWrapperLog();
+  const std::wstring timestamp = LocalTimestamp();
+  // Still no path: the variable cannot be expanded, so the line is lost.
+  if (state.logPath.empty()) return;
+  AppendToLog(state.logPath, L"[", timestamp, L"] ", message);
+}
+
+void LogWrapperInfo(std::string_view message) {
+  WriteWrapperLogLine(L"[INFO] HALDOAPIWrapperImpl::" + WidenBytes(message));
+}
+
+void LogWrapperError(std::string_view message) {
+  WriteWrapperLogLine(L"[ERROR] HALDOAPIWrapperImpl::" + WidenBytes(message));
+}
+
+}  // namespace ambrel

@@ -1,0 +1,202 @@
+#include "qel_session/QelSession.h"
+
+#include <optional>
+#include <system_error>
+#include <utility>
+
+#include "haldo_sdk/QelHaldoSdkWrapperImpl.h"
+#include "qel_loader/Environment.h"
+#include "qel_loader/FileSystemStatus.h"
+#include "qel_loader/RegistryText.h"
+#include "qel_loader/TextConvert.h"
+#include "qel_loader/WinResource.h"
+#include "qel_session/SessionLog.h"
+
+using ambrel::DeliverSessionMessage;
+using ambrel::NewSessionMessage;
+using ambrel::WideToUtf8;
+
+namespace {
+
+// InstallPath and Version are read through 260 bytes (129 characters and the
+// terminator); a longer value fails with ERROR_MORE_DATA and counts as unreadable.
+constexpr DWORD kRegistryTextBytes = 260;
+// Shorter locations cannot be a real install folder (a bare "D:\x").
+constexpr std::size_t kMinimumLocationLength = 5;
+
+// 0 is a fresh SDK session, 2 one that this process already holds.
+bool IsUsableSdkStatus(std::int32_t status) { return status == 0 || status == 2; }
+
+// The folder as the SDK wants it for locking and unlocking: UTF-8 with one
+// backslash appended, whether or not it already ends in one.
+std::string LockPathOf(const std::wstring& location) { return WideToUtf8(location) + "\\"; }
+
+void DeliverText(const char* level, const char* text) {
+  std::ostringstream message = NewSessionMessage();
+  message << text;
+  DeliverSessionMessage(level, message);
+}
+
+void DeliverWithCode(const char* level, const char* text, std::int32_t code) {
+  std::ostringstream message = NewSessionMessage();
+  message << text << code;
+  DeliverSessionMessage(level, message);
+}
+
+}  // namespace
+
+QelSession::QelSession() : sdkWrapper(new QelHaldoSdkWrapperImpl) {}
+
+QelSession::QelSession(std::unique_ptr<QelHaldoSdkWrapperInterface> wrapper) : sdkWrapper(std::move(wrapper)) {}
+
+QelSession::~QelSession() = default;
+
+QelStatus QelSession::Initialize(std::wstring requestedRelease) {
+  if (ambrel::ReadEnvironmentVariable(L"QEL_INITIALIZE_BYPASSED")) {
+    DeliverText("INFO", "Intialize is bypassed");
+    return InitializeBypassed;
+  }
+  release = std::move(requestedRelease);
+  productLineCode = "QEL";
+  sdkStatus = sdkWrapper->Initialize(productLineCode, WideToUtf8(release), "neutral");
+  if (!IsUsableSdkStatus(sdkStatus)) {
+    DeliverWithCode("WARN", "Failed to intialize HALDO SDK wrapper status code:", sdkStatus);
+  }
+  // A failed SDK start is not a failure of the session: it shows later as no lock.
+  return Success;
+}
+
+QelStatus QelSession::LockInstallLocation(std::wstring& location) {
+  if (release.empty()) return NotInitialized;
+
+  // The override's own refusal (100 or 12) is not reported: the registry decides then.
+  QelStatus result = GetPathOverride(release);
+  if (result != Success) result = ReadInstallLocation(release);
+
+  location = installLocation;
+  bool usable = result == Success;
+  if (usable && location.size() < kMinimumLocationLength) {
+    std::ostringstream message = NewSessionMessage();
+    message << "The Install Location Path is Incorrect" << WideToUtf8(location);
+    DeliverSessionMessage("ERROR", message);
+    location.clear();
+    usable = false;
+  }
+
+  if (!IsUsableSdkStatus(sdkStatus) || !usable) {
+    DeliverWithCode("WARN", "Failed to intialize HALDO SDK wrapper status code:", sdkStatus);
+  } else {
+    const std::string lockPath = LockPathOf(installLocation);
+    sdkStatus = sdkWrapper->LockDirectory(lockPath);
+    if (sdkStatus != 0) {
+      std::ostringstream message = NewSessionMessage();
+      message << "Failed to lock" << lockPath << ", HALDO SDK wrapper status code : " << sdkStatus;
+      DeliverSessionMessage("WARN", message);
+    }
+  }
+  // The folder is handed out whether or not the installer could lock it.
+  return result;
+}
+
+QelStatus QelSession::Uninitialize() {
+  if (release.empty()) return NotInitialized;
+  if (!sdkWrapper->IsInitialized()) {
+    DeliverText("WARN", "HALDO SDK wrapper is not initialized");
+    return Success;
+  }
+  // Unlocked whether or not a lock was taken; an empty location gives a lone backslash.
+  const std::int32_t unlockStatus = sdkWrapper->UnLockDirectory(LockPathOf(installLocation));
+  if (unlockStatus != 0) {
+    DeliverWithCode("WARN", "Failed to Unlock HALDO SDK wrapper status code:", unlockStatus);
+  }
+  const std::int32_t uninitializeStatus = sdkWrapper->Uninitialize();
+  if (uninitializeStatus != 0) {
+    DeliverWithCode("WARN", "Failed to Uninitialize HALDO SDK wrapper status code:", uninitializeStatus);
+  }
+  return Success;
+}
+
+QelStatus QelSession::GetPathOverride(std::wstring keyRelease) {
+  // customRegistryKey does not apply to the override switch.
+  const std::wstring keyPath = ambrel::SharedComponentsKeyPath(keyRelease);
+  ambrel::UniqueRegKey key;
+  if (::RegOpenKeyExW(registryRoot, keyPath.c_str(), 0, KEY_READ, key.put()) != ERROR_SUCCESS) {
+    DeliverText("FATAL", "There is no custom path set");
+    return NoPathOverride;
+  }
+  // Any value type whose data fits in four bytes is taken as the number.
+  DWORD enabled = 0;
+  DWORD size = sizeof(enabled);
+  if (::RegQueryValueExW(key.get(), L"EnablePathOverride", nullptr, nullptr, reinterpret_cast<BYTE*>(&enabled),
+                         &size) != ERROR_SUCCESS) {
+    DeliverText("FATAL", "There is no custom path set");
+    return NoPathOverride;
+  }
+  if (enabled != 1) return NoPathOverride;
+
+  DeliverText("INFO", "EnablePathOverride is set to 1");
+  // The override is taken as it stands: no trimming, no existence check.
+  if (std::optional<std::wstring> overridePath = ambrel::ReadEnvironmentVariable((L"QEL_PATH_" + release).c_str())) {
+    installLocation = std::move(*overridePath);
+    pathOverridden = true;
+    return Success;
+  }
+  pathOverridden = false;
+  return PathNotFound;
+}
+
+QelStatus QelSession::ReadInstallLocation(std::wstring keyRelease) {
+  const std::wstring keyPath =
+      customRegistryKey.empty() ? ambrel::SharedComponentsKeyPath(keyRelease) : customRegistryKey;
+  ambrel::UniqueRegKey key;
+  if (::RegOpenKeyExW(registryRoot, keyPath.c_str(), 0, KEY_READ, key.put()) != ERROR_SUCCESS) {
+    DeliverText("FATAL", "Failed to open registry key");
+    return RegistryReadFailed;
+  }
+
+  std::wstring installPath;
+  if (ambrel::QueryRegistryText(key.get(), L"InstallPath", kRegistryTextBytes, installPath) != ERROR_SUCCESS) {
+    DeliverText("FATAL", "Failed to read InstallPath registry entry");
+    return RegistryReadFailed;
+  }
+
+  std::error_code error;
+  if (!ambrel::PathExists(installPath, error)) {
+    std::ostringstream message = NewSessionMessage();
+    message << "The Install Location Path is Incorrect" << WideToUtf8(installPath) << " Error Code : "
+            << error.message();
+    DeliverSessionMessage("ERROR", message);
+    (void)key.release();  // left open on this path by long-standing behaviour; freed at process end
+    return PathNotFound;
+  }
+
+  if (pathOverridden) {
+    // The override already named the folder; InstallPath stands in without a version.
+    installLocation = installPath;
+    return Success;
+  }
+
+  std::wstring version;
+  if (ambrel::QueryRegistryText(key.get(), L"Version", kRegistryTextBytes, version) != ERROR_SUCCESS) {
+    DeliverText("FATAL", "Failed to read Version from registry entry");
+    return RegistryReadFailed;
+  }
+  if (version.empty()) {
+    DeliverText("FATAL", "Entry for Version in Registry is Empty.");
+    (void)key.release();  // left open on this path by long-standing behaviour; freed at process end
+    return VersionEmpty;
+  }
+
+  // One backslash, without looking at how InstallPath ends.
+  installLocation = installPath + L"\\" + version;
+  if (!ambrel::PathExists(installLocation, error)) {
+    // Names only the Version text, not the folder that was tested.
+    std::ostringstream message = NewSessionMessage();
+    message << "The Version for the Install Path Does Not Exist." << WideToUtf8(version) << " Error Code : "
+            << error.message();
+    DeliverSessionMessage("ERROR", message);
+    (void)key.release();  // left open on this path by long-standing behaviour; freed at process end
+    return PathNotFound;
+  }
+  return Success;
+}
