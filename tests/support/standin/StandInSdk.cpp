@@ -1,0 +1,131 @@
+// A stand-in for the installer SDK DLL, for tests only. It exports the SDK's
+// five entry points as plain C functions and is steered through two files
+// named by environment variables, because the wrapper unloads it between
+// sessions and nothing kept in the DLL would survive:
+//   AMBREL_STANDIN_SDK_CONFIG  lines "Export=<int>" (the result that export
+//                              returns, 0 when absent) and "SessionId=<text>";
+//   AMBREL_STANDIN_SDK_RECORD  every call is appended, one line each, fields
+//                              separated by tabs (see StandInSdk.h on the test side).
+// Defining STANDIN_OMIT_<Export> leaves that export out.
+#include <windows.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+namespace {
+
+// The memory most recently handed out by Initialize, so ReleaseMemory can say
+// whether it got that very pointer back.
+char* g_handedOut = nullptr;
+
+std::string ReadVariable(const char* name) {
+  char value[1024] = {};
+  const DWORD length = ::GetEnvironmentVariableA(name, value, sizeof value);
+  return length > 0 && length < sizeof value ? std::string(value, length) : std::string();
+}
+
+// The configured value of `key`, or `fallback`.
+std::string ConfigValue(const char* key, const std::string& fallback) {
+  const std::string path = ReadVariable("AMBREL_STANDIN_SDK_CONFIG");
+  if (path.empty()) return fallback;
+  FILE* file = std::fopen(path.c_str(), "rb");
+  if (!file) return fallback;
+  std::string result = fallback;
+  char line[1024];
+  const size_t keyLength = std::strlen(key);
+  while (std::fgets(line, sizeof line, file)) {
+    std::string text(line);
+    while (!text.empty() && (text.back() == '\n' || text.back() == '\r')) text.pop_back();
+    if (text.size() > keyLength && text.compare(0, keyLength, key) == 0 && text[keyLength] == '=')
+      result = text.substr(keyLength + 1);
+  }
+  std::fclose(file);
+  return result;
+}
+
+int ConfiguredResult(const char* exportName) { return std::atoi(ConfigValue(exportName, "0").c_str()); }
+
+void Record(const std::string& line) {
+  const std::string path = ReadVariable("AMBREL_STANDIN_SDK_RECORD");
+  if (path.empty()) return;
+  if (FILE* file = std::fopen(path.c_str(), "ab")) {
+    std::fputs((line + "\n").c_str(), file);
+    std::fclose(file);
+  }
+}
+
+std::string Text(const char* value) { return value ? std::string(value) : std::string("<null>"); }
+
+}  // namespace
+
+extern "C" {
+
+BOOL WINAPI DllMain(HINSTANCE, DWORD reason, LPVOID) {
+  if (reason == DLL_PROCESS_ATTACH) Record("Attach");
+  if (reason == DLL_PROCESS_DETACH) Record("Detach");
+  return TRUE;
+}
+
+#ifndef STANDIN_OMIT_Initialize
+__declspec(dllexport) int Initialize(const char* plc, const char* release, const char* language, char** sessionId) {
+  const int result = ConfiguredResult("Initialize");
+  const std::string incoming = !sessionId ? "no-slot" : (*sessionId ? "set" : "null");
+  if (result == 0 && sessionId) {
+    const std::string id = ConfigValue("SessionId", "standin-session");
+    g_handedOut = static_cast<char*>(std::malloc(id.size() + 1));
+    std::memcpy(g_handedOut, id.c_str(), id.size() + 1);
+    *sessionId = g_handedOut;
+  }
+  Record("Initialize\t" + Text(plc) + "\t" + Text(release) + "\t" + Text(language) + "\t" + incoming + "\t" +
+         std::to_string(result));
+  return result;
+}
+#endif
+
+#ifndef STANDIN_OMIT_ReleaseMemory
+__declspec(dllexport) int ReleaseMemory(const char* sessionId, char** memory) {
+  std::string pointer = "no-slot";
+  if (memory) {
+    if (!*memory) {
+      pointer = "null";
+    } else if (*memory == g_handedOut) {
+      pointer = "handed-out";
+      std::free(g_handedOut);
+      g_handedOut = nullptr;
+      *memory = nullptr;
+    } else {
+      pointer = "foreign";
+    }
+  }
+  Record("ReleaseMemory\t" + Text(sessionId) + "\t" + pointer);
+  return ConfiguredResult("ReleaseMemory");
+}
+#endif
+
+#ifndef STANDIN_OMIT_Uninitialize
+__declspec(dllexport) int Uninitialize(const char* sessionId) {
+  const int result = ConfiguredResult("Uninitialize");
+  Record("Uninitialize\t" + Text(sessionId) + "\t" + std::to_string(result));
+  return result;
+}
+#endif
+
+#ifndef STANDIN_OMIT_LockDirectory
+__declspec(dllexport) int LockDirectory(const char* sessionId, const char* directory) {
+  const int result = ConfiguredResult("LockDirectory");
+  Record("LockDirectory\t" + Text(sessionId) + "\t" + Text(directory) + "\t" + std::to_string(result));
+  return result;
+}
+#endif
+
+#ifndef STANDIN_OMIT_UnLockDirectory
+__declspec(dllexport) int UnLockDirectory(const char* sessionId, const char* directory) {
+  const int result = ConfiguredResult("UnLockDirectory");
+  Record("UnLockDirectory\t" + Text(sessionId) + "\t" + Text(directory) + "\t" + std::to_string(result));
+  return result;
+}
+#endif
+
+}  // extern "C"
