@@ -1,5 +1,6 @@
 #include "qel_loader/Environment.h"
 
+#include <errno.h>
 #include <stdlib.h>
 
 namespace ambrel {
@@ -9,7 +10,10 @@ std::optional<std::wstring> ReadEnvironmentVariable(const wchar_t* name) {
   // buffer is large enough.
   for (;;) {
     size_t required = 0;
-    if (_wgetenv_s(&required, nullptr, 0, name) != 0 || required == 0) return std::nullopt;
+    // The size query answers 0 on Windows but ERANGE with Wine's runtime; both
+    // report the size, and 0 means "not set".
+    const errno_t query = _wgetenv_s(&required, nullptr, 0, name);
+    if ((query != 0 && query != ERANGE) || required == 0) return std::nullopt;
     std::wstring value(required, L'\0');
     size_t got = 0;
     const errno_t rc = _wgetenv_s(&got, value.data(), value.size(), name);

@@ -229,7 +229,9 @@ EnvGuard::~EnvGuard() {
 
 std::optional<std::wstring> EnvGuard::Get(const std::wstring& name) {
   size_t required = 0;
-  if (_wgetenv_s(&required, nullptr, 0, name.c_str()) != 0 || required == 0) return std::nullopt;
+  // The size query answers 0 on Windows but ERANGE with Wine's runtime.
+  const errno_t query = _wgetenv_s(&required, nullptr, 0, name.c_str());
+  if ((query != 0 && query != ERANGE) || required == 0) return std::nullopt;
   std::wstring value(required, L'\0');
   if (_wgetenv_s(&required, value.data(), value.size(), name.c_str()) != 0) return std::nullopt;
   value.resize(required ? required - 1 : 0);

@@ -1,0 +1,1 @@
+#include "tests/haldo_sdk/WrapperTest.h"

@@ -1,0 +1,45 @@
+// What every wrapper test starts from: a sandboxed registry, a scratch
+// LOCALAPPDATA with the log folder, a scratch program-data folder for the
+// self-update lock, the stand-in SDK with its call record, and a wrapper state
+// as fresh as in a new process.
+#pragma once
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "haldo_sdk/QelHaldoSdkWrapperImpl.h"
+#include "haldo_sdk/QelHaldoSdkWrapperState.h"
+#include "tests/support/StandInSdk.h"
+#include "tests/support/TestSupport.h"
+
+namespace ambrel::test {
+
+class WrapperTest : public ::testing::Test {
+ protected:
+  void SetUp() override { ResetWrapperState(); }
+  void TearDown() override { ResetWrapperState(); }
+
+  static std::string Path(const std::wstring& path) { return Narrow(path); }
+  static std::string SdkPath(StandInKind kind) { return Narrow(StandInSdkPath(kind)); }
+
+  // The log lines of a successful initialisation, for QEL / 2026 / neutral.
+  static std::vector<std::string> SuccessfulInitializeLines(const std::string& dllPath,
+                                                            const std::string& sessionId = StandInSdk::kDefaultSessionId) {
+    return {kLogSeparator,
+            "[INFO] HALDOAPIWrapperImpl::Initialize: plc = \"QEL\", release = \"2026\", language = \"neutral\"",
+            "[INFO] Load: HALDO SDK path = " + dllPath,
+            "[INFO] HALDOAPIWrapperImpl::Initialize: HALDO SDK loaded successfully",
+            "[INFO] HALDOAPIWrapperImpl::Initialize: session id = " + sessionId};
+  }
+
+  RegistrySandbox sandbox_;
+  WrapperLogFolder log_;
+  ProgramDataFolder programData_;
+  StandInSdk sdk_;
+  QelHaldoSdkWrapperImpl wrapper_;
+};
+
+}  // namespace ambrel::test

@@ -1,0 +1,102 @@
+// Shared pieces of the session tests: a sink that records every message, a
+// test double of the SDK wrapper, a look at the session's fields, and the
+// registry layout the installer writes.
+#pragma once
+
+#include <gmock/gmock.h>
+
+#include <windows.h>
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "Ambrel.h"
+#include "haldo_sdk/QelHaldoSdkWrapperInterface.h"
+#include "qel_session/QelSession.h"
+#include "tests/support/TestSupport.h"
+
+// Reads the session's fields; befriended by QelSession.
+struct QelSessionInspector {
+  static const std::wstring& CustomRegistryKey(const QelSession& s) { return s.customRegistryKey; }
+  static void SetCustomRegistryKey(QelSession& s, std::wstring key) { s.customRegistryKey = std::move(key); }
+  static HKEY RegistryRoot(const QelSession& s) { return s.registryRoot; }
+  static const std::wstring& InstallLocation(const QelSession& s) { return s.installLocation; }
+  static const std::wstring& Release(const QelSession& s) { return s.release; }
+  static bool PathOverridden(const QelSession& s) { return s.pathOverridden; }
+  static const std::string& ProductLineCode(const QelSession& s) { return s.productLineCode; }
+  static QelHaldoSdkWrapperInterface* Wrapper(const QelSession& s) { return s.sdkWrapper.get(); }
+  static std::int32_t SdkStatus(const QelSession& s) { return s.sdkStatus; }
+
+  // Addresses of the fields, in declaration order.
+  static std::vector<const void*> FieldAddresses(const QelSession& s) {
+    return {&s.customRegistryKey, &s.registryRoot, &s.installLocation, &s.release,
+            &s.pathOverridden,    &s.productLineCode, &s.sdkWrapper,   &s.sdkStatus};
+  }
+};
+
+namespace ambrel::test {
+
+using Message = std::pair<std::wstring, std::wstring>;  // level, text
+using Messages = std::vector<Message>;
+
+// Installs a sink that records (level, message) pairs in order; restores the
+// previous sink at the end of the scope.
+class SinkCapture {
+ public:
+  SinkCapture() {
+    Recorded().clear();
+    previous_ = SetQelSessionLogSink(&Record);
+  }
+  ~SinkCapture() { SetQelSessionLogSink(previous_); }
+  SinkCapture(const SinkCapture&) = delete;
+  SinkCapture& operator=(const SinkCapture&) = delete;
+
+  const Messages& messages() const { return Recorded(); }
+  void clear() { Recorded().clear(); }
+
+ private:
+  static Messages& Recorded() {
+    static Messages messages;
+    return messages;
+  }
+  static void Record(std::wstring level, std::wstring message) {
+    Recorded().emplace_back(std::move(level), std::move(message));
+  }
+  QelSessionLogSink previous_ = nullptr;
+};
+
+// Test double of the wrapper, for results the stand-in SDK cannot give.
+class MockWrapper : public QelHaldoSdkWrapperInterface {
+ public:
+  explicit MockWrapper(bool* destroyed = nullptr) : destroyed_(destroyed) {}
+  ~MockWrapper() override {
+    if (destroyed_) *destroyed_ = true;
+  }
+  MOCK_METHOD(int, Initialize, (const std::string& plc, const std::string& release, const std::string& language),
+              (override));
+  MOCK_METHOD(bool, IsInitialized, (), (override));
+  MOCK_METHOD(int, LockDirectory, (const std::string& directoryToLock), (override));
+  MOCK_METHOD(int, UnLockDirectory, (const std::string& directoryToLock), (override));
+  MOCK_METHOD(int, Uninitialize, (), (override));
+  MOCK_METHOD(QelHaldoSdkWrapperInterface*, CreateInstance, (), (override));
+
+ private:
+  bool* destroyed_;
+};
+
+inline const std::wstring kSharedComponentsKey = L"SOFTWARE\\Tavrel\\SharedComponents\\2026";
+
+// The system's own text for a Windows error, fetched here independently of
+// the library, as UTF-16.
+inline std::wstring SystemErrorText(DWORD code) {
+  wchar_t buffer[512] = {};
+  ::FormatMessageW(FORMAT_MESSAGE_FROM_SYSTEM | FORMAT_MESSAGE_IGNORE_INSERTS, nullptr, code, 0, buffer, 512, nullptr);
+  std::wstring text = buffer;
+  while (!text.empty() && (text.back() == L'\n' || text.back() == L'\r' || text.back() == L' ')) text.pop_back();
+  return text;
+}
+
+}  // namespace ambrel::test

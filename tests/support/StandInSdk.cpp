@@ -1,0 +1,165 @@
+#include "tests/support/StandInSdk.h"
+
+#include <shlobj.h>
+
+#include <filesystem>
+#include <fstream>
+#include <stdexcept>
+
+#include "haldo_sdk/QelHaldoSdkWrapperState.h"
+
+namespace ambrel::test {
+namespace {
+
+constexpr wchar_t kUserShellFolders[] = L"Software\\Microsoft\\Windows\\CurrentVersion\\Explorer\\User Shell Folders";
+
+std::wstring KnownProgramData() {
+  PWSTR known = nullptr;
+  const HRESULT result =
+      ::SHGetKnownFolderPath(FOLDERID_ProgramData, KF_FLAG_DONT_VERIFY | KF_FLAG_NO_ALIAS, nullptr, &known);
+  std::wstring path = SUCCEEDED(result) && known ? known : L"";
+  ::CoTaskMemFree(known);
+  return path;
+}
+
+}  // namespace
+
+const std::string kLogSeparator(71, '=');
+
+const char* StandInKindName(StandInKind kind) {
+  switch (kind) {
+    case StandInKind::Signed: return "signed";
+    case StandInKind::Unsigned: return "unsigned";
+    case StandInKind::Tampered: return "tampered";
+    case StandInKind::OtherPublisher: return "other_publisher";
+    case StandInKind::OtherCase: return "other_case";
+    case StandInKind::LongerOrganisation: return "longer_org";
+    case StandInKind::CommonName: return "common_name";
+    case StandInKind::NoInitialize: return "no_Initialize";
+    case StandInKind::NoReleaseMemory: return "no_ReleaseMemory";
+    case StandInKind::NoUninitialize: return "no_Uninitialize";
+    case StandInKind::NoLockDirectory: return "no_LockDirectory";
+    case StandInKind::NoUnLockDirectory: return "no_UnLockDirectory";
+  }
+  return "unknown";
+}
+
+std::wstring StandInSdkPath(StandInKind kind) {
+  return TestBinDirectory() + L"\\standin_sdk\\" + Widen(StandInKindName(kind)) + L"\\StandInSdk.dll";
+}
+
+void SetSdkLocation(const std::wstring& value, DWORD type) {
+  RegistrySandbox::SetString(HKEY_LOCAL_MACHINE, kHaldoKey, kSdkLocationName, value, type);
+}
+
+void SetSdkLocation(StandInKind kind) { SetSdkLocation(StandInSdkPath(kind)); }
+
+// --- StandInSdk
+
+StandInSdk::StandInSdk() {
+  env_.Set(L"AMBREL_STANDIN_SDK_CONFIG", dir_ / L"config.txt");
+  env_.Set(L"AMBREL_STANDIN_SDK_RECORD", dir_ / L"calls.txt");
+  WriteConfig();
+}
+
+void StandInSdk::SetResult(const std::string& exportName, int result) {
+  config_[exportName] = std::to_string(result);
+  WriteConfig();
+}
+
+void StandInSdk::SetSessionId(const std::string& id) {
+  config_["SessionId"] = id;
+  WriteConfig();
+}
+
+void StandInSdk::WriteConfig() const {
+  std::string text;
+  for (const auto& [key, value] : config_) text += key + "=" + value + "\n";
+  dir_.WriteFile(L"config.txt", text);
+}
+
+std::vector<std::string> StandInSdk::Calls(bool withLoading) const {
+  std::vector<std::string> calls;
+  for (auto& line : SplitLines(ReadFileBytes(dir_ / L"calls.txt"))) {
+    if (!withLoading && (line == "Attach" || line == "Detach")) continue;
+    calls.push_back(line);
+  }
+  return calls;
+}
+
+void StandInSdk::ClearCalls() const { ::DeleteFileW((dir_ / L"calls.txt").c_str()); }
+
+// --- WrapperLogFolder
+
+WrapperLogFolder::WrapperLogFolder(bool createLogFolder) {
+  env_.Set(L"LOCALAPPDATA", dir_.path());
+  if (createLogFolder) dir_.MakeDir(L"Tavrel\\HALDO");
+}
+
+std::wstring WrapperLogFolder::LogFile() const { return dir_ / L"Tavrel\\HALDO\\HALDO_APIWrapper.log"; }
+
+bool WrapperLogFolder::LogExists() const { return ::GetFileAttributesW(LogFile().c_str()) != INVALID_FILE_ATTRIBUTES; }
+
+std::vector<std::string> WrapperLogFolder::Lines() const { return SplitLines(ReadFileBytes(LogFile())); }
+
+std::vector<std::string> WrapperLogFolder::Messages() const {
+  std::vector<std::string> messages;
+  for (const auto& line : Lines()) {
+    if (line == kLogSeparator) {
+      messages.push_back(line);
+    } else if (HasTimestampShape(line)) {
+      messages.push_back(line.substr(22));
+    } else {
+      messages.push_back("<bad timestamp> " + line);
+    }
+  }
+  return messages;
+}
+
+void WrapperLogFolder::Clear() const { ::DeleteFileW(LogFile().c_str()); }
+
+bool HasTimestampShape(const std::string& line) {
+  // "[YYYY-MM-DDTHH:MM:SS] ": digits everywhere but at the fixed punctuation.
+  static const std::string shape = "[dddd-dd-ddTdd:dd:dd] ";
+  if (line.size() < shape.size()) return false;
+  for (size_t i = 0; i < shape.size(); ++i) {
+    const char c = line[i];
+    if (shape[i] == 'd' ? !(c >= '0' && c <= '9') : c != shape[i]) return false;
+  }
+  return true;
+}
+
+// --- ProgramDataFolder
+
+ProgramDataFolder::ProgramDataFolder() {
+  RegistrySandbox::SetString(HKEY_LOCAL_MACHINE, kUserShellFolders, L"Common AppData", dir_.path(), REG_EXPAND_SZ);
+  const std::wstring seen = KnownProgramData();
+  if (_wcsicmp(seen.c_str(), dir_.path().c_str()) != 0)
+    throw std::runtime_error("the program-data folder did not follow the sandbox: " + Narrow(seen));
+}
+
+ProgramDataFolder::~ProgramDataFolder() {
+  RemoveLock();
+  ::RegDeleteKeyValueW(HKEY_LOCAL_MACHINE, kUserShellFolders, L"Common AppData");
+}
+
+std::wstring ProgramDataFolder::LockFile() const { return dir_ / L"Tavrel\\HALDO\\TvHALDOInstaller.run.lock"; }
+
+void ProgramDataFolder::WriteLock(const std::string& content) const {
+  dir_.WriteFile(L"Tavrel\\HALDO\\TvHALDOInstaller.run.lock", content);
+}
+
+void ProgramDataFolder::RemoveLock() const { ::DeleteFileW(LockFile().c_str()); }
+
+// --- wrapper state
+
+void ResetWrapperState() {
+  QelHaldoSdkWrapperState& state = WrapperState();
+  if (state.module) ::FreeLibrary(state.module);
+  state.module = nullptr;
+  state.dllPath.clear();
+  state.logPath.clear();
+  state.sessionId.clear();
+}
+
+}  // namespace ambrel::test
