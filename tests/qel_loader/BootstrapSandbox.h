@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "tests/support/StandInSdk.h"
 #include "tests/support/TestSupport.h"
 
 namespace ambrel::test {
@@ -21,33 +22,26 @@ class BootstrapSandbox {
 
   // InstallPath\Version, the folder the session hands out.
   const std::wstring& sharedDir() const { return sharedDir_; }
-  const std::wstring& localAppData() const { return localAppData_; }
   const ScratchDir& scratch() const { return scratch_; }
   EnvGuard& env() { return env_; }
   const RegistrySandbox& registry() const { return registry_; }
+  StandInSdk& sdk() { return sdk_; }
 
-  // The stand-in SDK's calls so far, by export name, in order (Attach,
-  // Detach and ReleaseMemory left out unless `all`).
+  // The stand-in SDK's calls so far, by export name, in order; loading and
+  // ReleaseMemory are left out unless `all`.
   std::vector<std::string> SdkCalls(bool all = false) const;
-  // The whole recorded lines (tab-separated fields).
-  std::vector<std::string> SdkRecord() const;
-  void ClearSdkRecord() const;
-  // Lines of the stand-in's config file, e.g. "LockDirectory=5".
-  void ConfigureSdk(const std::string& lines) const;
   // Points the override at `location` (EnablePathOverride=1, QEL_PATH_2026).
   void OverrideLocation(const std::wstring& location);
-  // The wrapper's log file; "" when it was never written.
-  std::string WrapperLog() const;
+  // The wrapper's log lines; empty when it was never written.
+  std::vector<std::string> WrapperLog() const { return log_.Lines(); }
 
  private:
   RegistrySandbox registry_;
   ScratchDir scratch_;
-  EnvGuard env_{L"PATH", L"QEL_INITIALIZE_BYPASSED", L"QEL_PATH_2026", L"LOCALAPPDATA",
-                L"AMBREL_STANDIN_SDK_CONFIG", L"AMBREL_STANDIN_SDK_RECORD"};
+  EnvGuard env_{L"PATH", L"QEL_INITIALIZE_BYPASSED", L"QEL_PATH_2026"};
+  StandInSdk sdk_;
+  WrapperLogFolder log_;
   std::wstring sharedDir_;
-  std::wstring localAppData_;
-  std::wstring recordFile_;
-  std::wstring configFile_;
 };
 
 // The folder that holds the test programs and the test DLLs.

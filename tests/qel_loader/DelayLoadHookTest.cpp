@@ -66,7 +66,7 @@ TEST_F(DelayLoadHookInProcess, NotificationsOtherThanFailLoadLibGiveNullAndDoNot
   EXPECT_EQ(::GetModuleHandleW(L"ambrel_dlloose.dll"), nullptr) << "no load";
   EXPECT_TRUE(DelayLoadSharedDllPath().empty()) << "no lookup";
   EXPECT_TRUE(sandbox.SdkCalls(true).empty()) << "no session";
-  EXPECT_EQ(sandbox.WrapperLog(), "") << "no session";
+  EXPECT_EQ(sandbox.WrapperLog(), std::vector<std::string>{}) << "no session";
 }
 
 TEST_F(DelayLoadHookInProcess, FirstFailingLoadLooksTheFolderUpOnceAndKeepsIt) {
@@ -79,7 +79,7 @@ TEST_F(DelayLoadHookInProcess, FirstFailingLoadLooksTheFolderUpOnceAndKeepsIt) {
   EXPECT_EQ(DelayLoadSharedDllPath(), sandbox.sharedDir());
   EXPECT_EQ(sandbox.SdkCalls(), kLookupSession);
 
-  sandbox.ClearSdkRecord();
+  sandbox.sdk().ClearCalls();
   const FARPROC second = CallHook(dliFailLoadLib, "ambrel_dl_lookup_b.dll");
   ASSERT_NE(second, nullptr);
   EXPECT_TRUE(SamePath(ModuleFile(reinterpret_cast<HMODULE>(second)), sandbox.sharedDir() + L"\\ambrel_dl_lookup_b.dll"));
@@ -163,6 +163,8 @@ char UnconvertibleByte() {
   return 0;
 }
 
+// Wine's default code page (1252) converts every byte, so there this case is
+// skipped; under a code page with gaps (or UTF-8) it runs.
 TEST_F(DelayLoadHookInProcess, UnconvertibleNamePropagatesAndTheRegistrationIsRemoved) {
   const char bad = UnconvertibleByte();
   if (!bad) GTEST_SKIP() << "every byte converts in code page " << ::GetACP();
@@ -269,13 +271,6 @@ TEST_F(DelayLoadHookChild, AfterInitializeQelTheHookFindsNoSharedFolderButPathDo
   EXPECT_EQ(sandbox.SdkCalls(), kLookupSession);
 }
 
-TEST_F(DelayLoadHookChild, UnloadByListWithTheDelayHelpersUnloadRoutine) {
-  Beside(L"ambrel_dlprobe.dll");
-  auto out = Run(L"probe-unload");
-  EXPECT_EQ(out["probe"], Expected(libraryDir, L"ambrel_dlprobe.dll"));
-  EXPECT_EQ(out["after unload"], "(not loaded)");
-}
-
 class DelayLoadHookDevelopmentChild : public DelayLoadHookChild {
  protected:
   DelayLoadHookDevelopmentChild() : DelayLoadHookChild(L"R:\\") {}
@@ -288,7 +283,7 @@ TEST_F(DelayLoadHookDevelopmentChild, OnlyTheLibraryFolderIsTriedAndNoSessionIsC
   EXPECT_EQ(Run(L"probe")["probe"], Expected(libraryDir, L"ambrel_dlprobe.dll"));
   EXPECT_EQ(Run(L"chain")["chain dependency"], "failed 0xC06D007E");
   EXPECT_TRUE(sandbox.SdkCalls(true).empty());
-  EXPECT_EQ(sandbox.WrapperLog(), "");
+  EXPECT_EQ(sandbox.WrapperLog(), std::vector<std::string>{});
 }
 
 }  // namespace

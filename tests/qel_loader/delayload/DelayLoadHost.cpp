@@ -11,7 +11,6 @@
 
 #include <cstdio>
 #include <string>
-#include <string_view>
 
 #include "tests/support/TestSupport.h"
 
@@ -23,7 +22,6 @@ namespace {
 using ambrel::test::Narrow;
 
 using InitializeQelFn = bool (*)();
-using UnloadFn = void (*)(std::string_view, BOOL(WINAPI*)(LPCSTR));
 
 constexpr DWORD kDelayLoadModuleNotFound = 0xC06D007E;  // VcppException(ERROR_SEVERITY_ERROR, ERROR_MOD_NOT_FOUND)
 
@@ -36,6 +34,15 @@ std::wstring ModulePath(HMODULE module) {
   wchar_t buffer[MAX_PATH] = {};
   ::GetModuleFileNameW(module, buffer, MAX_PATH);
   return buffer;
+}
+
+// A variable of the Win32 environment, which the C runtime's writes update.
+std::wstring Variable(const wchar_t* name) {
+  static wchar_t value[32767];
+  ::SetLastError(ERROR_SUCCESS);
+  const DWORD length = ::GetEnvironmentVariableW(name, value, 32767);
+  if (length == 0 && ::GetLastError() == ERROR_ENVVAR_NOT_FOUND) return L"(absent)";
+  return std::wstring(value, length);
 }
 
 std::wstring LoadError(DWORD code) { return L"error " + std::to_wstring(code); }
@@ -108,13 +115,6 @@ int wmain(int argc, wchar_t** argv) {
 
   if (mode == L"probe" || mode == L"probe-nohook") {
     Report("probe", CallDelayImport(CallProbe));
-  } else if (mode == L"probe-unload") {
-    Report("probe", CallDelayImport(CallProbe));
-    auto unload = reinterpret_cast<UnloadFn>(
-        Export(AMBREL_EXPORT_NAME("?UnloadDelayLoadedModules@QelLoadHelper@@YAXV?$basic_string_view@DU?$char_traits@D@std@@@std@@P6AHPEBD@Z@Z",
-                                  "_ZN13QelLoadHelper24UnloadDelayLoadedModulesESt17basic_string_viewIcSt11char_traitsIcEEPFiPKcE")));
-    unload("ambrel_dlprobe.dll", &__FUnloadDelayLoadedDLL2);
-    Report("after unload", ModulePath(::GetModuleHandleW(L"ambrel_dlprobe.dll")));
   } else if (mode == L"chain") {
     Report("chain dependency", CallDelayImport(CallChain));
     Report("chain", ModulePath(::GetModuleHandleW(L"ambrel_dlchain.dll")));
@@ -137,6 +137,15 @@ int wmain(int argc, wchar_t** argv) {
     Report("hook", CallHookDirectly("ambrel_dlloose.dll"));
     // The same name is within reach of the ordinary search.
     Report("ordinary", LoadLoose(0));
+  } else if (mode == L"init") {
+    auto initialize = reinterpret_cast<InitializeQelFn>(Export("InitializeQel"));
+    auto sharedDllPath = reinterpret_cast<const wchar_t* (*)()>(Export("GetSharedDllPath"));
+    Report("marker before", Variable(L"QEL_INITIALIZE_BYPASSED"));
+    Report("path before", Variable(L"PATH"));
+    Report("init", initialize() ? L"true" : L"false");
+    Report("path after", Variable(L"PATH"));
+    Report("marker after", Variable(L"QEL_INITIALIZE_BYPASSED"));
+    Report("lookup", sharedDllPath());
   } else if (mode == L"init-then-chain") {
     auto initialize = reinterpret_cast<InitializeQelFn>(Export("InitializeQel"));
     Report("init", initialize() ? L"true" : L"false");
