@@ -32,6 +32,26 @@ void BootstrapSandbox::OverrideLocation(const std::wstring& location) {
   env_.Set(L"QEL_PATH_2026", location);
 }
 
+HostLayout::HostLayout(const std::wstring& libraryParent) : libraryDir_(libraryParent) {
+  CopyFileTo(BinFile(L"ambrel_dlhost.exe"), hostDir_ / L"ambrel_dlhost.exe");
+  CopyFileTo(BinFile(L"Ambrel.dll"), libraryDir_ / L"Ambrel.dll");
+}
+
+std::map<std::string, std::string> HostLayout::Run(const BootstrapSandbox& sandbox, const std::wstring& mode,
+                                                   const std::wstring& folder) const {
+  std::wstring arguments =
+      L"\"" + libraryDir_.path() + L"\" \"" + sandbox.registry().ScratchKeyPath() + L"\" " + mode;
+  if (!folder.empty()) arguments += L" \"" + folder + L"\"";
+  const ProcessResult result = RunProcess(hostDir_ / L"ambrel_dlhost.exe", arguments);
+  std::map<std::string, std::string> lines;
+  lines["exit code"] = std::to_string(result.exitCode);
+  for (const std::string& line : SplitLines(result.output)) {
+    const size_t colon = line.find(": ");
+    if (colon != std::string::npos) lines[line.substr(0, colon)] = line.substr(colon + 2);
+  }
+  return lines;
+}
+
 std::wstring BinFile(const std::wstring& name) { return TestBinDirectory() + L"\\" + name; }
 
 void CopyFileTo(const std::wstring& from, const std::wstring& to) {

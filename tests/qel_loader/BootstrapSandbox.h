@@ -5,6 +5,7 @@
 // at the end.
 #pragma once
 
+#include <map>
 #include <string>
 #include <vector>
 
@@ -15,6 +16,9 @@ namespace ambrel::test {
 
 inline const std::wstring kSharedKey = L"SOFTWARE\\Tavrel\\SharedComponents\\2026";
 inline const std::wstring kMarker = L"QEL_INITIALIZE_BYPASSED";
+// The stand-in's calls for one whole session: start, lock, unlock, end.
+inline const std::vector<std::string> kWholeSession = {"Initialize", "LockDirectory", "UnLockDirectory",
+                                                       "Uninitialize"};
 
 class BootstrapSandbox {
  public:
@@ -42,6 +46,23 @@ class BootstrapSandbox {
   StandInSdk sdk_;
   WrapperLogFolder log_;
   std::wstring sharedDir_;
+};
+
+// The delay-load host (tests/qel_loader/delayload) alone in one folder, and a
+// copy of Ambrel.dll in another (under `libraryParent`, e.g. R:\ for a
+// development build), so the host's ordinary search never sees the library's
+// folder.
+class HostLayout {
+ public:
+  explicit HostLayout(const std::wstring& libraryParent = L"");
+  const ScratchDir& libraryDir() const { return libraryDir_; }
+  // Runs the host in `sandbox` and returns its "key: value" lines.
+  std::map<std::string, std::string> Run(const BootstrapSandbox& sandbox, const std::wstring& mode,
+                                         const std::wstring& folder = L"") const;
+
+ private:
+  ScratchDir hostDir_;
+  ScratchDir libraryDir_;
 };
 
 // The folder that holds the test programs and the test DLLs.

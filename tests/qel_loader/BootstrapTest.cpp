@@ -24,7 +24,7 @@ using test::LibraryCopy;
 using test::ScratchDir;
 
 using Calls = std::vector<std::string>;
-const Calls kFullSession = {"Initialize", "LockDirectory", "UnLockDirectory", "Uninitialize"};
+using test::kWholeSession;
 const std::wstring kOldPath = L"C:\\windows\\system32;C:\\windows;C:\\Tools\\bin";
 
 std::optional<std::wstring> Env(const std::wstring& name) { return EnvGuard::Get(name); }
@@ -59,7 +59,7 @@ TEST_F(InitializeQelTest, FreshRunPrependsRecordsAndMarks) {
   EXPECT_EQ(Env(L"PATH"), sandbox.sharedDir() + L";" + kOldPath);
   EXPECT_EQ(SharedDllPath(), sandbox.sharedDir());
   EXPECT_EQ(Env(kMarker), L"1");
-  EXPECT_EQ(sandbox.SdkCalls(), kFullSession);
+  EXPECT_EQ(sandbox.SdkCalls(), kWholeSession);
   EXPECT_EQ(LockedDirectory(), WideToUtf8(sandbox.sharedDir()) + "\\");
 }
 
@@ -105,7 +105,7 @@ TEST_F(InitializeQelTest, PathHoldingTheDirectoryInOtherCaseIsLeftAlone) {
   EXPECT_EQ(Env(L"PATH"), path);
   EXPECT_EQ(SharedDllPath(), sandbox.sharedDir());
   EXPECT_EQ(Env(kMarker), L"1");
-  EXPECT_EQ(sandbox.SdkCalls(), kFullSession);
+  EXPECT_EQ(sandbox.SdkCalls(), kWholeSession);
 }
 
 TEST_F(InitializeQelTest, PathHoldingTheDirectoryWithATrailingBackslashGetsItPrependedAgain) {
@@ -122,7 +122,7 @@ TEST_F(InitializeQelTest, PathAbsentFailsAndRecordsNothing) {
   EXPECT_EQ(Env(L"PATH"), std::nullopt);
   EXPECT_TRUE(SharedDllPath().empty());
   EXPECT_EQ(Env(kMarker), std::nullopt);
-  EXPECT_EQ(sandbox.SdkCalls(), kFullSession) << "the session is still unlocked and ended";
+  EXPECT_EQ(sandbox.SdkCalls(), kWholeSession) << "the session is still unlocked and ended";
 }
 
 TEST_F(InitializeQelTest, FailedRunLeavesTheProcessFreshAndTheNextCallRetries) {
@@ -131,7 +131,7 @@ TEST_F(InitializeQelTest, FailedRunLeavesTheProcessFreshAndTheNextCallRetries) {
   sandbox.env().Set(L"PATH", kOldPath);
   sandbox.sdk().ClearCalls();
   EXPECT_TRUE(InitializeQel());
-  EXPECT_EQ(sandbox.SdkCalls(), kFullSession);
+  EXPECT_EQ(sandbox.SdkCalls(), kWholeSession);
   EXPECT_EQ(Env(L"PATH"), sandbox.sharedDir() + L";" + kOldPath);
   EXPECT_EQ(SharedDllPath(), sandbox.sharedDir());
 }
@@ -142,7 +142,7 @@ TEST_F(InitializeQelTest, LockedDirectoryThatDoesNotExistFailsAndTheSessionIsEnd
   EXPECT_EQ(Env(L"PATH"), kOldPath);
   EXPECT_TRUE(SharedDllPath().empty());
   EXPECT_EQ(Env(kMarker), std::nullopt);
-  EXPECT_EQ(sandbox.SdkCalls(), kFullSession);
+  EXPECT_EQ(sandbox.SdkCalls(), kWholeSession);
 }
 
 TEST_F(InitializeQelTest, LockedPathThatIsARegularFileFailsAndTheSessionIsEnded) {
@@ -151,7 +151,7 @@ TEST_F(InitializeQelTest, LockedPathThatIsARegularFileFailsAndTheSessionIsEnded)
   EXPECT_EQ(Env(L"PATH"), kOldPath);
   EXPECT_TRUE(SharedDllPath().empty());
   EXPECT_EQ(Env(kMarker), std::nullopt);
-  EXPECT_EQ(sandbox.SdkCalls(), kFullSession);
+  EXPECT_EQ(sandbox.SdkCalls(), kWholeSession);
 }
 
 TEST_F(InitializeQelTest, NoUsableLocationFailsWithoutALockButTheSessionIsEnded) {
@@ -167,7 +167,7 @@ TEST_F(InitializeQelTest, FailedLockStillPreparesTheProcess) {
   EXPECT_TRUE(InitializeQel());
   EXPECT_EQ(Env(L"PATH"), sandbox.sharedDir() + L";" + kOldPath);
   EXPECT_EQ(SharedDllPath(), sandbox.sharedDir());
-  EXPECT_EQ(sandbox.SdkCalls(), kFullSession);
+  EXPECT_EQ(sandbox.SdkCalls(), kWholeSession);
 }
 
 TEST_F(InitializeQelTest, SdkThatDoesNotStartStillLeavesTheRegistryLocationUsable) {
@@ -230,40 +230,26 @@ TEST_F(InitializeQelTest, EditionAwareEntryDoesNothingOnALiteInstallation) {
                                            ini.c_str()));
   EXPECT_TRUE(InitializeQelForEdition());
   EXPECT_EQ(SharedDllPath(), sandbox.sharedDir());
-  EXPECT_EQ(sandbox.SdkCalls(), kFullSession);
+  EXPECT_EQ(sandbox.SdkCalls(), kWholeSession);
 }
 
 // ---- child processes ----
 
-std::map<std::string, std::string> RunInitHost(const BootstrapSandbox& sandbox, const ScratchDir& hostDir,
-                                               const ScratchDir& libraryDir) {
-  const test::ProcessResult result =
-      test::RunProcess(hostDir / L"ambrel_dlhost.exe",
-                       L"\"" + libraryDir.path() + L"\" \"" + sandbox.registry().ScratchKeyPath() + L"\" init");
-  EXPECT_EQ(result.exitCode, 0u) << result.output;
-  std::map<std::string, std::string> lines;
-  for (const std::string& line : test::SplitLines(result.output)) {
-    const size_t colon = line.find(": ");
-    if (colon != std::string::npos) lines[line.substr(0, colon)] = line.substr(colon + 2);
-  }
-  return lines;
-}
-
 class InitializeQelChildTest : public InitializeQelTest {
  protected:
-  InitializeQelChildTest() {
-    CopyFileTo(BinFile(L"ambrel_dlhost.exe"), hostDir / L"ambrel_dlhost.exe");
-    CopyFileTo(BinFile(L"Ambrel.dll"), libraryDir / L"Ambrel.dll");
+  std::map<std::string, std::string> RunInit() {
+    auto lines = host.Run(sandbox, L"init");
+    EXPECT_EQ(lines["exit code"], "0");
+    return lines;
   }
-  ScratchDir hostDir;
-  ScratchDir libraryDir;
+  test::HostLayout host;
 };
 
 TEST_F(InitializeQelChildTest, ChildStartedAfterASuccessInheritsTheMarkerAndIsBypassed) {
   ASSERT_TRUE(InitializeQel());
   const std::wstring parentPath = *Env(L"PATH");
   sandbox.sdk().ClearCalls();
-  auto child = RunInitHost(sandbox, hostDir, libraryDir);
+  auto child = RunInit();
   EXPECT_EQ(child["marker before"], "1");
   EXPECT_EQ(child["init"], "true");
   EXPECT_EQ(child["path before"], test::Narrow(parentPath));
@@ -277,12 +263,12 @@ TEST_F(InitializeQelChildTest, EmptyPathGetsTheDirectoryAndALoneSemicolon) {
   // is handed to a child through the Win32 block, where it survives.
   sandbox.env().Unset(L"PATH");
   ASSERT_TRUE(::SetEnvironmentVariableW(L"PATH", L""));
-  auto child = RunInitHost(sandbox, hostDir, libraryDir);
+  auto child = RunInit();
   ASSERT_EQ(child["path before"], "") << "Wine did not pass the empty PATH on";
   EXPECT_EQ(child["init"], "true");
   EXPECT_EQ(child["path after"], test::Narrow(sandbox.sharedDir()) + ";");
   EXPECT_EQ(child["marker after"], "1");
-  EXPECT_EQ(sandbox.SdkCalls(), kFullSession);
+  EXPECT_EQ(sandbox.SdkCalls(), kWholeSession);
 }
 
 // ---- the steps over a scripted session ----

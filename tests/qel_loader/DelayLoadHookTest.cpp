@@ -20,7 +20,7 @@ using test::CopyFileTo;
 using test::ScratchDir;
 
 using Calls = std::vector<std::string>;
-const Calls kLookupSession = {"Initialize", "LockDirectory", "UnLockDirectory", "Uninitialize"};
+using test::kWholeSession;
 
 FARPROC CallHook(unsigned notification, const char* dllName) {
   DelayLoadInfo info{};
@@ -77,7 +77,7 @@ TEST_F(DelayLoadHookInProcess, FirstFailingLoadLooksTheFolderUpOnceAndKeepsIt) {
   ASSERT_NE(first, nullptr);
   EXPECT_TRUE(SamePath(ModuleFile(reinterpret_cast<HMODULE>(first)), sandbox.sharedDir() + L"\\ambrel_dl_lookup_a.dll"));
   EXPECT_EQ(DelayLoadSharedDllPath(), sandbox.sharedDir());
-  EXPECT_EQ(sandbox.SdkCalls(), kLookupSession);
+  EXPECT_EQ(sandbox.SdkCalls(), kWholeSession);
 
   sandbox.sdk().ClearCalls();
   const FARPROC second = CallHook(dliFailLoadLib, "ambrel_dl_lookup_b.dll");
@@ -184,26 +184,14 @@ TEST_F(DelayLoadHookInProcess, UnconvertibleNamePropagatesAndTheRegistrationIsRe
 // then reaches none of the test DLLs, so whatever loads came through the hook.
 class DelayLoadHookChild : public ::testing::Test {
  protected:
-  explicit DelayLoadHookChild(const std::wstring& libraryParent = L"") : libraryDir(libraryParent) {
-    CopyFileTo(BinFile(L"ambrel_dlhost.exe"), hostDir / L"ambrel_dlhost.exe");
-    CopyFileTo(BinFile(L"Ambrel.dll"), libraryDir / L"Ambrel.dll");
-  }
+  explicit DelayLoadHookChild(const std::wstring& libraryParent = L"") : host(libraryParent) {}
 
-  void Beside(const std::wstring& dll) { CopyFileTo(BinFile(dll), libraryDir / dll); }
+  void Beside(const std::wstring& dll) { CopyFileTo(BinFile(dll), host.libraryDir() / dll); }
   void InShared(const std::wstring& dll) { CopyFileTo(BinFile(dll), sandbox.sharedDir() + L"\\" + dll); }
 
-  // Runs the host and returns its "key: value" lines.
   std::map<std::string, std::string> Run(const std::wstring& mode, const std::wstring& folder = L"") {
-    const test::ProcessResult result =
-        test::RunProcess(hostDir / L"ambrel_dlhost.exe", L"\"" + libraryDir.path() + L"\" \"" +
-                                                             sandbox.registry().ScratchKeyPath() + L"\" " + mode +
-                                                             (folder.empty() ? L"" : L" \"" + folder + L"\""));
-    EXPECT_EQ(result.exitCode, 0u) << result.output;
-    std::map<std::string, std::string> lines;
-    for (const std::string& line : test::SplitLines(result.output)) {
-      const size_t colon = line.find(": ");
-      if (colon != std::string::npos) lines[line.substr(0, colon)] = line.substr(colon + 2);
-    }
+    auto lines = host.Run(sandbox, mode, folder);
+    EXPECT_EQ(lines["exit code"], "0");
     return lines;
   }
 
@@ -211,8 +199,7 @@ class DelayLoadHookChild : public ::testing::Test {
   std::string InSharedPath(const std::wstring& dll) { return test::Narrow(sandbox.sharedDir() + L"\\" + dll); }
 
   BootstrapSandbox sandbox;
-  ScratchDir hostDir;
-  ScratchDir libraryDir;
+  test::HostLayout host;
 };
 
 TEST_F(DelayLoadHookChild, WithoutTheHookTheOrdinarySearchFindsNothing) {
@@ -225,9 +212,9 @@ TEST_F(DelayLoadHookChild, DllBesideTheLibraryLoadsFromThereEvenWithASharedCopy)
   Beside(L"ambrel_dlprobe.dll");
   InShared(L"ambrel_dlprobe.dll");
   auto out = Run(L"probe");
-  EXPECT_EQ(out["probe"], Expected(libraryDir, L"ambrel_dlprobe.dll"));
+  EXPECT_EQ(out["probe"], Expected(host.libraryDir(), L"ambrel_dlprobe.dll"));
   // The hook looked the shared folder up first: one throw-away session.
-  EXPECT_EQ(sandbox.SdkCalls(), kLookupSession);
+  EXPECT_EQ(sandbox.SdkCalls(), kWholeSession);
 }
 
 TEST_F(DelayLoadHookChild, DllOnlyInTheSharedFolderLoadsWithItsDependencyAndTheRegistrationIsGone) {
@@ -268,7 +255,7 @@ TEST_F(DelayLoadHookChild, AfterInitializeQelTheHookFindsNoSharedFolderButPathDo
   EXPECT_EQ(out["chain"], InSharedPath(L"ambrel_dlchain.dll")) << "found by the ordinary search through PATH";
   EXPECT_EQ(out["chain dependency"], InSharedPath(L"ambrel_dldep.dll"));
   // Only the bootstrap's own session reached the SDK.
-  EXPECT_EQ(sandbox.SdkCalls(), kLookupSession);
+  EXPECT_EQ(sandbox.SdkCalls(), kWholeSession);
 }
 
 class DelayLoadHookDevelopmentChild : public DelayLoadHookChild {
@@ -280,7 +267,7 @@ TEST_F(DelayLoadHookDevelopmentChild, OnlyTheLibraryFolderIsTriedAndNoSessionIsC
   Beside(L"ambrel_dlprobe.dll");
   InShared(L"ambrel_dlchain.dll");
   InShared(L"ambrel_dldep.dll");
-  EXPECT_EQ(Run(L"probe")["probe"], Expected(libraryDir, L"ambrel_dlprobe.dll"));
+  EXPECT_EQ(Run(L"probe")["probe"], Expected(host.libraryDir(), L"ambrel_dlprobe.dll"));
   EXPECT_EQ(Run(L"chain")["chain dependency"], "failed 0xC06D007E");
   EXPECT_TRUE(sandbox.SdkCalls(true).empty());
   EXPECT_EQ(sandbox.WrapperLog(), std::vector<std::string>{});

@@ -17,7 +17,7 @@ using test::kMarker;
 using test::LibraryCopy;
 
 using Calls = std::vector<std::string>;
-const Calls kLookupSession = {"Initialize", "LockDirectory", "UnLockDirectory", "Uninitialize"};
+using test::kWholeSession;
 const std::wstring kOldPath = L"C:\\windows\\system32;C:\\windows";
 
 std::optional<std::wstring> Env(const std::wstring& name) { return EnvGuard::Get(name); }
@@ -43,12 +43,12 @@ class SharedDllLookupTest : public ::testing::Test {
 
 TEST_F(SharedDllLookupTest, FindRunsAWholeSessionAndDropsTheLockAtOnce) {
   EXPECT_EQ(FindSharedDllPath(), sandbox.sharedDir());
-  EXPECT_EQ(sandbox.SdkCalls(), kLookupSession);
+  EXPECT_EQ(sandbox.SdkCalls(), kWholeSession);
   ExpectProcessUntouched();
   // Each call runs its own session: nothing is kept.
   sandbox.sdk().ClearCalls();
   EXPECT_EQ(FindSharedDllPath(), sandbox.sharedDir());
-  EXPECT_EQ(sandbox.SdkCalls(), kLookupSession);
+  EXPECT_EQ(sandbox.SdkCalls(), kWholeSession);
 }
 
 TEST_F(SharedDllLookupTest, FindReturnsTheDirectoryExactlyAsTheSessionReturnedIt) {
@@ -66,13 +66,13 @@ TEST_F(SharedDllLookupTest, FindInABypassedProcessGivesNothingAndNoSdkCall) {
 TEST_F(SharedDllLookupTest, FindWithAFailedLockStillGivesTheDirectory) {
   sandbox.sdk().SetResult("LockDirectory", 5);
   EXPECT_EQ(FindSharedDllPath(), sandbox.sharedDir());
-  EXPECT_EQ(sandbox.SdkCalls(), kLookupSession);
+  EXPECT_EQ(sandbox.SdkCalls(), kWholeSession);
 }
 
 TEST_F(SharedDllLookupTest, FindWithALocationThatIsNotAnExistingDirectoryGivesNothing) {
   sandbox.OverrideLocation(sandbox.scratch() / L"not-there");
   EXPECT_EQ(FindSharedDllPath(), L"");
-  EXPECT_EQ(sandbox.SdkCalls(), kLookupSession) << "the session is ended before the folder test";
+  EXPECT_EQ(sandbox.SdkCalls(), kWholeSession) << "the session is ended before the folder test";
   sandbox.OverrideLocation(sandbox.scratch().WriteFile(L"file.txt", "x"));
   EXPECT_EQ(FindSharedDllPath(), L"");
 }
@@ -91,7 +91,7 @@ TEST_F(SharedDllLookupTest, FindPropagatesAnUnexpectedFileSystemErrorAfterEnding
   } catch (const std::filesystem::filesystem_error& error) {
     EXPECT_NE(std::string(error.what()).find("status"), std::string::npos) << error.what();
   }
-  EXPECT_EQ(sandbox.SdkCalls(), kLookupSession);
+  EXPECT_EQ(sandbox.SdkCalls(), kWholeSession);
   ExpectProcessUntouched();
 }
 
@@ -117,7 +117,7 @@ TEST_F(SharedDllLookupTest, GetTwiceGivesTheSamePointerAndRunsOneSession) {
   ASSERT_NE(get, nullptr);
   const wchar_t* first = get();
   EXPECT_EQ(std::wstring(first), sandbox.sharedDir());
-  EXPECT_EQ(sandbox.SdkCalls(), kLookupSession);
+  EXPECT_EQ(sandbox.SdkCalls(), kWholeSession);
   sandbox.sdk().ClearCalls();
   EXPECT_EQ(get(), first);
   EXPECT_TRUE(sandbox.SdkCalls(true).empty());
@@ -163,7 +163,7 @@ TEST_F(SharedDllLookupTest, GetIsRetriedAfterAnException) {
   sandbox.sdk().ClearCalls();
   const wchar_t* result = get();
   EXPECT_EQ(std::wstring(result), sandbox.sharedDir());
-  EXPECT_EQ(sandbox.SdkCalls(), kLookupSession);
+  EXPECT_EQ(sandbox.SdkCalls(), kWholeSession);
   EXPECT_EQ(get(), result);
 }
 
