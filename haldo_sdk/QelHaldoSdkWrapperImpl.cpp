@@ -128,7 +128,7 @@ int QelHaldoSdkWrapperImpl::Uninitialize() {
 
   // The SDK is unloaded whatever it answered; a later Initialize loads it again.
   const HMODULE module = std::exchange(state.module, nullptr);
-  if (module && !::FreeLibrary(module)) {
+  if (module && !ambrel::SdkModuleUnloader()(module)) {
     LogWrapperError("Uninitialize: Unload failed!");
     return 1;
   }

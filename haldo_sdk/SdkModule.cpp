@@ -50,6 +50,11 @@ RegistryBufferAllocator& SdkLocationBufferAllocator() {
   return allocator;
 }
 
+ModuleUnloadFunction& SdkModuleUnloader() {
+  static ModuleUnloadFunction unload = &::FreeLibrary;
+  return unload;
+}
+
 bool ReadStringFromRegistry(wchar_t** value, std::vector<DWORD>* offeredSizes) {
   *value = nullptr;
   const RegistryBufferAllocator& allocator = SdkLocationBufferAllocator();

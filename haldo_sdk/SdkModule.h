@@ -30,6 +30,11 @@ struct RegistryBufferAllocator {
 };
 RegistryBufferAllocator& SdkLocationBufferAllocator();
 
+// How the SDK module is unloaded (FreeLibrary). Replaceable so that a test can
+// reach the path where unloading fails, which a loaded module never shows.
+using ModuleUnloadFunction = BOOL(WINAPI*)(HMODULE module);
+ModuleUnloadFunction& SdkModuleUnloader();
+
 // Reads "HALDOSDKLocation" into a malloc'd, NUL-terminated buffer that the
 // caller frees. The first query offers 256 bytes and each retry 256 more;
 // `offeredSizes`, when given, receives the byte count offered by each query.

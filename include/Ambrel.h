@@ -62,7 +62,9 @@ AMBREL_API void UnloadDelayLoadedModules(std::string_view moduleList, BOOL(WINAP
 // ---- Session messages ----
 
 // Receives the shared-components session's messages: a level ("INFO", "WARN",
-// "ERROR" or "FATAL") and the text.
+// "ERROR" or "FATAL") and the text. Called on the thread that runs the session
+// (InitializeQel, GetSharedDllPath, the delay-load hook); an exception it
+// throws leaves that export.
 using QelSessionLogSink = void (*)(std::wstring level, std::wstring message);
 
 // Installs the sink (null removes it; null is the default, and then messages

@@ -43,6 +43,14 @@ void DeliverWithCode(const char* level, const char* text, std::int32_t code) {
   DeliverSessionMessage(level, message);
 }
 
+// An existence test that failed: the text, the path or name that was shown (as
+// UTF-8) and the test's error text.
+void DeliverMissingPath(const char* text, const std::wstring& shown, const std::error_code& error) {
+  std::ostringstream message = NewSessionMessage();
+  message << text << WideToUtf8(shown) << " Error Code : " << error.message();
+  DeliverSessionMessage("ERROR", message);
+}
+
 }  // namespace
 
 QelSession::QelSession() : sdkWrapper(new QelHaldoSdkWrapperImpl) {}
@@ -162,10 +170,7 @@ QelStatus QelSession::ReadInstallLocation(std::wstring keyRelease) {
 
   std::error_code error;
   if (!ambrel::PathExists(installPath, error)) {
-    std::ostringstream message = NewSessionMessage();
-    message << "The Install Location Path is Incorrect" << WideToUtf8(installPath) << " Error Code : "
-            << error.message();
-    DeliverSessionMessage("ERROR", message);
+    DeliverMissingPath("The Install Location Path is Incorrect", installPath, error);
     (void)key.release();  // left open on this path by long-standing behaviour; freed at process end
     return PathNotFound;
   }
@@ -191,10 +196,7 @@ QelStatus QelSession::ReadInstallLocation(std::wstring keyRelease) {
   installLocation = installPath + L"\\" + version;
   if (!ambrel::PathExists(installLocation, error)) {
     // Names only the Version text, not the folder that was tested.
-    std::ostringstream message = NewSessionMessage();
-    message << "The Version for the Install Path Does Not Exist." << WideToUtf8(version) << " Error Code : "
-            << error.message();
-    DeliverSessionMessage("ERROR", message);
+    DeliverMissingPath("The Version for the Install Path Does Not Exist.", version, error);
     (void)key.release();  // left open on this path by long-standing behaviour; freed at process end
     return PathNotFound;
   }

@@ -1,5 +1,9 @@
 #include "haldo_sdk/QelHaldoSdkWrapperImpl.h"
 
+#include <memory>
+#include <type_traits>
+
+#include "haldo_sdk/SdkModule.h"
 #include "tests/haldo_sdk/WrapperTest.h"
 
 namespace ambrel::test {
@@ -9,6 +13,23 @@ using ::testing::ElementsAre;
 using ::testing::ElementsAreArray;
 using ::testing::IsEmpty;
 
+// An instance is its virtual-table pointer and nothing else.
+static_assert(sizeof(QelHaldoSdkWrapperImpl) == sizeof(void*));
+static_assert(std::is_base_of_v<QelHaldoSdkWrapperInterface, QelHaldoSdkWrapperImpl>);
+static_assert(std::has_virtual_destructor_v<QelHaldoSdkWrapperInterface>);
+
+std::vector<std::string> Concat(std::vector<std::string> a, const std::vector<std::string>& b) {
+  a.insert(a.end(), b.begin(), b.end());
+  return a;
+}
+
+const std::string kArgsLine =
+    "[INFO] HALDOAPIWrapperImpl::Initialize: plc = \"QEL\", release = \"2026\", language = \"neutral\"";
+const std::string kLoadedLine = "[INFO] HALDOAPIWrapperImpl::Initialize: HALDO SDK loaded successfully";
+const std::string kUnloadedLine = "[INFO] HALDOAPIWrapperImpl::Initialize: HALDO SDK unloaded successfully";
+
+// ---- Initialize
+
 using WrapperInitializeTest = WrapperTest;
 
 TEST_F(WrapperInitializeTest, SuccessfulInitializeWritesTheFullSequence) {
@@ -16,9 +37,419 @@ TEST_F(WrapperInitializeTest, SuccessfulInitializeWritesTheFullSequence) {
   EXPECT_EQ(wrapper_.Initialize("QEL", "2026", "neutral"), 0);
   EXPECT_TRUE(wrapper_.IsInitialized());
   EXPECT_EQ(WrapperState().sessionId, "standin-session");
+  EXPECT_NE(WrapperState().module, nullptr);
   EXPECT_THAT(log_.Messages(), ElementsAreArray(SuccessfulInitializeLines(SdkPath(StandInKind::Signed))));
+  // The session-id slot is null when the SDK gets it, and the memory it handed
+  // out goes back to it through ReleaseMemory.
   EXPECT_THAT(sdk_.Calls(), ElementsAre("Initialize\tQEL\t2026\tneutral\tnull\t0",
                                         "ReleaseMemory\tstandin-session\thanded-out"));
+}
+
+TEST_F(WrapperInitializeTest, EveryRecordCarriesATimestampOfTheDocumentedShape) {
+  SetSdkLocation(StandInKind::Signed);
+  ASSERT_EQ(wrapper_.Initialize("QEL", "2026", "neutral"), 0);
+  const auto lines = log_.Lines();
+  ASSERT_EQ(lines.size(), 5u);
+  EXPECT_EQ(lines[0], kLogSeparator);
+  for (size_t i = 1; i < lines.size(); ++i) EXPECT_TRUE(HasTimestampShape(lines[i])) << lines[i];
+}
+
+TEST_F(WrapperInitializeTest, TheSessionIdIsTheOneTheSdkReturned) {
+  SetSdkLocation(StandInKind::Signed);
+  sdk_.SetSessionId("3f2a-77");
+  ASSERT_EQ(wrapper_.Initialize("QEL", "2026", "neutral"), 0);
+  EXPECT_EQ(WrapperState().sessionId, "3f2a-77");
+  EXPECT_THAT(log_.Messages(), ElementsAreArray(SuccessfulInitializeLines(SdkPath(StandInKind::Signed), "3f2a-77")));
+  EXPECT_THAT(sdk_.Calls(), ElementsAre("Initialize\tQEL\t2026\tneutral\tnull\t0", "ReleaseMemory\t3f2a-77\thanded-out"));
+}
+
+TEST_F(WrapperInitializeTest, EmptyLanguageIsAccepted) {
+  SetSdkLocation(StandInKind::Signed);
+  EXPECT_EQ(wrapper_.Initialize("QEL", "2026", ""), 0);
+  const auto messages = log_.Messages();
+  ASSERT_GE(messages.size(), 2u);
+  EXPECT_EQ(messages[1], "[INFO] HALDOAPIWrapperImpl::Initialize: plc = \"QEL\", release = \"2026\", language = \"\"");
+  EXPECT_THAT(sdk_.Calls(), ElementsAre("Initialize\tQEL\t2026\t\tnull\t0", "ReleaseMemory\tstandin-session\thanded-out"));
+}
+
+TEST_F(WrapperInitializeTest, EmptyReleaseReturns5WithTheSeparatorAndOneErrorLine) {
+  SetSdkLocation(StandInKind::Signed);
+  EXPECT_EQ(wrapper_.Initialize("QEL", "", "neutral"), 5);
+  EXPECT_FALSE(wrapper_.IsInitialized());
+  EXPECT_THAT(log_.Messages(),
+              ElementsAre(kLogSeparator,
+                          "[ERROR] HALDOAPIWrapperImpl::Initialize: Either \"plc\" or \"release\" argument absent!"));
+  EXPECT_THAT(sdk_.Calls(true), IsEmpty());  // not even loaded
+}
+
+TEST_F(WrapperInitializeTest, EmptyPlcReturns5WithTheSeparatorAndOneErrorLine) {
+  SetSdkLocation(StandInKind::Signed);
+  EXPECT_EQ(wrapper_.Initialize("", "2026", "neutral"), 5);
+  EXPECT_THAT(log_.Messages(),
+              ElementsAre(kLogSeparator,
+                          "[ERROR] HALDOAPIWrapperImpl::Initialize: Either \"plc\" or \"release\" argument absent!"));
+  EXPECT_THAT(sdk_.Calls(true), IsEmpty());
+}
+
+TEST_F(WrapperInitializeTest, SecondInitializeReturns2AndWritesNothing) {
+  SetSdkLocation(StandInKind::Signed);
+  ASSERT_EQ(wrapper_.Initialize("QEL", "2026", "neutral"), 0);
+  const auto before = log_.Lines();
+  const auto callsBefore = sdk_.Calls(true);
+  EXPECT_EQ(wrapper_.Initialize("QEL", "2026", "neutral"), 2);
+  EXPECT_EQ(wrapper_.Initialize("OTHER", "1999", "de"), 2);
+  EXPECT_EQ(log_.Lines(), before);
+  EXPECT_EQ(sdk_.Calls(true), callsBefore);
+}
+
+TEST_F(WrapperInitializeTest, SecondInitializeDoesNotEvenOpenTheLog) {
+  SetSdkLocation(StandInKind::Signed);
+  ASSERT_EQ(wrapper_.Initialize("QEL", "2026", "neutral"), 0);
+  // Were the log opened, its path would now point into the new folder.
+  WrapperLogFolder elsewhere;
+  EXPECT_EQ(wrapper_.Initialize("QEL", "2026", "neutral"), 2);
+  EXPECT_FALSE(elsewhere.LogExists());
+  EXPECT_EQ(WrapperState().logPath, log_.LogFile());
+}
+
+TEST_F(WrapperInitializeTest, SdkInitializeFailingWith12StillReleasesMemoryWithAnEmptyId) {
+  SetSdkLocation(StandInKind::Signed);
+  sdk_.SetResult("Initialize", 12);
+  EXPECT_EQ(wrapper_.Initialize("QEL", "2026", "neutral"), 12);
+  EXPECT_FALSE(wrapper_.IsInitialized());
+  EXPECT_THAT(log_.Messages(), ElementsAre(kLogSeparator, kArgsLine,
+                                           "[INFO] Load: HALDO SDK path = " + SdkPath(StandInKind::Signed),
+                                           kLoadedLine));
+  // The slot was null going in, and the SDK wrote nothing, so null comes back.
+  EXPECT_THAT(sdk_.Calls(), ElementsAre("Initialize\tQEL\t2026\tneutral\tnull\t12", "ReleaseMemory\t\tnull"));
+  EXPECT_NE(WrapperState().module, nullptr);  // stays loaded
+}
+
+TEST_F(WrapperInitializeTest, AfterAFailedSdkInitializeTheNextOneSkipsLoading) {
+  SetSdkLocation(StandInKind::Signed);
+  sdk_.SetResult("Initialize", 12);
+  ASSERT_EQ(wrapper_.Initialize("QEL", "2026", "neutral"), 12);
+  log_.Clear();
+  sdk_.ClearCalls();
+  sdk_.SetResult("Initialize", 0);
+  EXPECT_EQ(wrapper_.Initialize("QEL", "2026", "neutral"), 0);
+  EXPECT_THAT(log_.Messages(), ElementsAre(kLogSeparator, kArgsLine, kLoadedLine,
+                                           "[INFO] HALDOAPIWrapperImpl::Initialize: session id = standin-session"));
+  // No second load: no attach, only the two calls.
+  EXPECT_THAT(sdk_.Calls(true), ElementsAre("Initialize\tQEL\t2026\tneutral\tnull\t0",
+                                            "ReleaseMemory\tstandin-session\thanded-out"));
+}
+
+TEST_F(WrapperInitializeTest, LoadFailureReturnsTheLoadCodeWithTheTrailingBlankLine) {
+  // No registry key at all: code 3.
+  EXPECT_EQ(wrapper_.Initialize("QEL", "2026", "neutral"), 3);
+  const auto messages = log_.Messages();
+  ASSERT_FALSE(messages.empty());
+  EXPECT_EQ(messages.back(), "[ERROR] HALDOAPIWrapperImpl::Initialize: Failed to load SDK! ");
+  EXPECT_FALSE(wrapper_.IsInitialized());
+}
+
+TEST_F(WrapperInitializeTest, MissingInitializeExportReturns4WithoutReleasingMemory) {
+  SetSdkLocation(StandInKind::NoInitialize);
+  EXPECT_EQ(wrapper_.Initialize("QEL", "2026", "neutral"), 4);
+  EXPECT_THAT(log_.Messages(),
+              ElementsAre(kLogSeparator, kArgsLine, "[INFO] Load: HALDO SDK path = " + SdkPath(StandInKind::NoInitialize),
+                          kLoadedLine, "[ERROR] HALDOAPIWrapperImpl::Initialize: Failed to obtain InitializeFunc handle!"));
+  EXPECT_THAT(sdk_.Calls(), IsEmpty());
+  EXPECT_NE(WrapperState().module, nullptr);
+}
+
+TEST_F(WrapperInitializeTest, MissingReleaseMemoryExportIsLoggedAndTheSdkResultStillReturned) {
+  SetSdkLocation(StandInKind::NoReleaseMemory);
+  EXPECT_EQ(wrapper_.Initialize("QEL", "2026", "neutral"), 0);
+  EXPECT_TRUE(wrapper_.IsInitialized());
+  EXPECT_THAT(log_.Messages(),
+              ElementsAreArray(Concat(SuccessfulInitializeLines(SdkPath(StandInKind::NoReleaseMemory)),
+                                      {"[ERROR] HALDOAPIWrapperImpl::ReleaseMemory: Failed to obtain ReleaseMemoryFunc handle!"})));
+  EXPECT_THAT(sdk_.Calls(), ElementsAre("Initialize\tQEL\t2026\tneutral\tnull\t0"));
+}
+
+TEST_F(WrapperInitializeTest, MissingReleaseMemoryExportAfterAFailedSdkInitializeReturnsTheSdkCode) {
+  SetSdkLocation(StandInKind::NoReleaseMemory);
+  sdk_.SetResult("Initialize", 31);
+  EXPECT_EQ(wrapper_.Initialize("QEL", "2026", "neutral"), 31);
+  const auto messages = log_.Messages();
+  ASSERT_FALSE(messages.empty());
+  EXPECT_EQ(messages.back(), "[ERROR] HALDOAPIWrapperImpl::ReleaseMemory: Failed to obtain ReleaseMemoryFunc handle!");
+}
+
+TEST_F(WrapperInitializeTest, TwoAttemptsWriteTwoSeparatorsAndAThirdAfterSuccessNone) {
+  SetSdkLocation(StandInKind::Signed);
+  EXPECT_EQ(wrapper_.Initialize("QEL", "", "neutral"), 5);
+  EXPECT_EQ(wrapper_.Initialize("QEL", "2026", "neutral"), 0);
+  EXPECT_EQ(wrapper_.Initialize("QEL", "2026", "neutral"), 2);
+  const auto expected = Concat(
+      {kLogSeparator, "[ERROR] HALDOAPIWrapperImpl::Initialize: Either \"plc\" or \"release\" argument absent!"},
+      SuccessfulInitializeLines(SdkPath(StandInKind::Signed)));
+  EXPECT_THAT(log_.Messages(), ElementsAreArray(expected));
+}
+
+// ---- IsInitialized, CreateInstance
+
+using WrapperInstanceTest = WrapperTest;
+
+TEST_F(WrapperInstanceTest, IsInitializedLogsNothingAndCallsNothing) {
+  EXPECT_FALSE(wrapper_.IsInitialized());
+  EXPECT_FALSE(log_.LogExists());
+  EXPECT_THAT(sdk_.Calls(true), IsEmpty());
+}
+
+TEST_F(WrapperInstanceTest, CreateInstanceSharesTheOneState) {
+  SetSdkLocation(StandInKind::Signed);
+  std::unique_ptr<QelHaldoSdkWrapperInterface> other(wrapper_.CreateInstance());
+  ASSERT_NE(other, nullptr);
+  EXPECT_NE(other.get(), static_cast<QelHaldoSdkWrapperInterface*>(&wrapper_));
+  EXPECT_NE(dynamic_cast<QelHaldoSdkWrapperImpl*>(other.get()), nullptr);
+  ASSERT_EQ(other->Initialize("QEL", "2026", "neutral"), 0);
+  EXPECT_TRUE(wrapper_.IsInitialized());
+  EXPECT_EQ(wrapper_.Initialize("QEL", "2026", "neutral"), 2);
+  // Destroying a wrapper leaves the session and the module alone.
+  const HMODULE module = WrapperState().module;
+  other.reset();
+  EXPECT_TRUE(wrapper_.IsInitialized());
+  EXPECT_EQ(WrapperState().module, module);
+  EXPECT_THAT(sdk_.Calls(true), ElementsAre("Attach", "Initialize\tQEL\t2026\tneutral\tnull\t0",
+                                            "ReleaseMemory\tstandin-session\thanded-out"));
+}
+
+TEST_F(WrapperInstanceTest, CallsThroughTheInterfaceReachTheImplementation) {
+  SetSdkLocation(StandInKind::Signed);
+  std::unique_ptr<QelHaldoSdkWrapperInterface> wrapper(new QelHaldoSdkWrapperImpl());
+  EXPECT_EQ(wrapper->Initialize("QEL", "2026", "neutral"), 0);
+  EXPECT_TRUE(wrapper->IsInitialized());
+  EXPECT_EQ(wrapper->LockDirectory("C:\\Qel"), 0);
+  EXPECT_EQ(wrapper->UnLockDirectory("C:\\Qel"), 0);
+  EXPECT_EQ(wrapper->Uninitialize(), 0);
+  EXPECT_FALSE(wrapper->IsInitialized());
+  EXPECT_THAT(sdk_.Calls(), ElementsAre("Initialize\tQEL\t2026\tneutral\tnull\t0",
+                                        "ReleaseMemory\tstandin-session\thanded-out",
+                                        "LockDirectory\tstandin-session\tC:\\Qel\t0",
+                                        "UnLockDirectory\tstandin-session\tC:\\Qel\t0", "Uninitialize\tstandin-session\t0"));
+}
+
+// ---- LockDirectory / UnLockDirectory
+
+using WrapperLockTest = WrapperTest;
+
+TEST_F(WrapperLockTest, LockBeforeInitializeReturns4AfterASeparator) {
+  EXPECT_EQ(wrapper_.LockDirectory("C:\\Qel\\2026"), 4);
+  EXPECT_THAT(log_.Messages(),
+              ElementsAre(kLogSeparator, "[ERROR] HALDOAPIWrapperImpl::LockDirectory: Failed to obtain LockDirectoryFunc handle!"));
+}
+
+TEST_F(WrapperLockTest, UnLockBeforeInitializeReturns4AfterASeparator) {
+  EXPECT_EQ(wrapper_.UnLockDirectory("C:\\Qel\\2026"), 4);
+  EXPECT_THAT(log_.Messages(),
+              ElementsAre(kLogSeparator,
+                          "[ERROR] HALDOAPIWrapperImpl::UnLockDirectory: Failed to obtain UnLockDirectoryFunc handle!"));
+}
+
+TEST_F(WrapperLockTest, EmptyDirectoryReturns5) {
+  EXPECT_EQ(wrapper_.LockDirectory(""), 5);
+  EXPECT_EQ(wrapper_.UnLockDirectory(""), 5);
+  EXPECT_THAT(log_.Messages(),
+              ElementsAre(kLogSeparator, "[ERROR] HALDOAPIWrapperImpl::LockDirectory: Argument \"directoryToLock \" is empty!",
+                          "[ERROR] HALDOAPIWrapperImpl::UnLockDirectory: Argument \"directoryToLock \" is empty!"));
+}
+
+TEST_F(WrapperLockTest, EmptyDirectoryWithASessionReturns5WithoutCallingTheSdk) {
+  SetSdkLocation(StandInKind::Signed);
+  ASSERT_EQ(wrapper_.Initialize("QEL", "2026", "neutral"), 0);
+  sdk_.ClearCalls();
+  log_.Clear();
+  EXPECT_EQ(wrapper_.LockDirectory(""), 5);
+  EXPECT_EQ(wrapper_.UnLockDirectory(""), 5);
+  EXPECT_THAT(sdk_.Calls(), IsEmpty());
+  EXPECT_THAT(log_.Messages(),
+              ElementsAre("[ERROR] HALDOAPIWrapperImpl::LockDirectory: Argument \"directoryToLock \" is empty!",
+                          "[ERROR] HALDOAPIWrapperImpl::UnLockDirectory: Argument \"directoryToLock \" is empty!"));
+}
+
+TEST_F(WrapperLockTest, SuccessfulLockAndUnlockPassTheSessionAndLogNothing) {
+  SetSdkLocation(StandInKind::Signed);
+  ASSERT_EQ(wrapper_.Initialize("QEL", "2026", "neutral"), 0);
+  const auto before = log_.Lines();
+  sdk_.ClearCalls();
+  EXPECT_EQ(wrapper_.LockDirectory("C:\\Program Files\\Tavrel\\Qel\\2026"), 0);
+  EXPECT_EQ(wrapper_.UnLockDirectory("C:\\Program Files\\Tavrel\\Qel\\2026"), 0);
+  EXPECT_EQ(wrapper_.LockDirectory("C:\\Program Files\\Tavrel\\Qel\\2026"), 0);
+  EXPECT_THAT(sdk_.Calls(), ElementsAre("LockDirectory\tstandin-session\tC:\\Program Files\\Tavrel\\Qel\\2026\t0",
+                                        "UnLockDirectory\tstandin-session\tC:\\Program Files\\Tavrel\\Qel\\2026\t0",
+                                        "LockDirectory\tstandin-session\tC:\\Program Files\\Tavrel\\Qel\\2026\t0"));
+  EXPECT_EQ(log_.Lines(), before);
+}
+
+TEST_F(WrapperLockTest, LockReturningMinus5IsLoggedAndPassedThrough) {
+  SetSdkLocation(StandInKind::Signed);
+  ASSERT_EQ(wrapper_.Initialize("QEL", "2026", "neutral"), 0);
+  sdk_.SetResult("LockDirectory", -5);
+  EXPECT_EQ(wrapper_.LockDirectory("C:\\Qel"), -5);
+  const auto messages = log_.Messages();
+  ASSERT_FALSE(messages.empty());
+  EXPECT_EQ(messages.back(), "[ERROR] HALDOAPIWrapperImpl::LockDirectory: API returned error code -5");
+  EXPECT_EQ(messages.size(), 6u);
+}
+
+TEST_F(WrapperLockTest, UnLockReturningAnErrorIsLoggedAndPassedThrough) {
+  SetSdkLocation(StandInKind::Signed);
+  ASSERT_EQ(wrapper_.Initialize("QEL", "2026", "neutral"), 0);
+  sdk_.SetResult("UnLockDirectory", 1077);
+  EXPECT_EQ(wrapper_.UnLockDirectory("C:\\Qel"), 1077);
+  const auto messages = log_.Messages();
+  ASSERT_FALSE(messages.empty());
+  EXPECT_EQ(messages.back(), "[ERROR] HALDOAPIWrapperImpl::UnLockDirectory: API returned error code 1077");
+}
+
+TEST_F(WrapperLockTest, LockWithTheModuleLoadedButNoSessionPassesAnEmptyId) {
+  SetSdkLocation(StandInKind::Signed);
+  sdk_.SetResult("Initialize", 12);
+  ASSERT_EQ(wrapper_.Initialize("QEL", "2026", "neutral"), 12);
+  sdk_.ClearCalls();
+  EXPECT_EQ(wrapper_.LockDirectory("C:\\Qel"), 0);
+  EXPECT_THAT(sdk_.Calls(), ElementsAre("LockDirectory\t\tC:\\Qel\t0"));
+}
+
+TEST_F(WrapperLockTest, MissingLockExportsReturn4) {
+  SetSdkLocation(StandInKind::NoLockDirectory);
+  ASSERT_EQ(wrapper_.Initialize("QEL", "2026", "neutral"), 0);
+  EXPECT_EQ(wrapper_.LockDirectory("C:\\Qel"), 4);
+  EXPECT_EQ(wrapper_.UnLockDirectory("C:\\Qel"), 0);
+  const auto messages = log_.Messages();
+  ASSERT_EQ(messages.size(), 6u);
+  EXPECT_EQ(messages[5], "[ERROR] HALDOAPIWrapperImpl::LockDirectory: Failed to obtain LockDirectoryFunc handle!");
+}
+
+TEST_F(WrapperLockTest, MissingUnLockExportReturns4) {
+  SetSdkLocation(StandInKind::NoUnLockDirectory);
+  ASSERT_EQ(wrapper_.Initialize("QEL", "2026", "neutral"), 0);
+  EXPECT_EQ(wrapper_.LockDirectory("C:\\Qel"), 0);
+  EXPECT_EQ(wrapper_.UnLockDirectory("C:\\Qel"), 4);
+  const auto messages = log_.Messages();
+  ASSERT_EQ(messages.size(), 6u);
+  EXPECT_EQ(messages[5], "[ERROR] HALDOAPIWrapperImpl::UnLockDirectory: Failed to obtain UnLockDirectoryFunc handle!");
+}
+
+// ---- Uninitialize
+
+using WrapperUninitializeTest = WrapperTest;
+
+TEST_F(WrapperUninitializeTest, BeforeAnyInitializeReturns7AfterASeparator) {
+  EXPECT_EQ(wrapper_.Uninitialize(), 7);
+  EXPECT_THAT(log_.Messages(), ElementsAre(kLogSeparator, "[ERROR] HALDOAPIWrapperImpl::Uninitialize: Not initialized!"));
+}
+
+TEST_F(WrapperUninitializeTest, SuccessEndsTheSessionAndUnloadsTheSdk) {
+  SetSdkLocation(StandInKind::Signed);
+  ASSERT_EQ(wrapper_.Initialize("QEL", "2026", "neutral"), 0);
+  EXPECT_EQ(wrapper_.Uninitialize(), 0);
+  EXPECT_FALSE(wrapper_.IsInitialized());
+  EXPECT_EQ(WrapperState().module, nullptr);
+  EXPECT_THAT(log_.Messages(),
+              ElementsAreArray(Concat(SuccessfulInitializeLines(SdkPath(StandInKind::Signed)), {kUnloadedLine})));
+  EXPECT_THAT(sdk_.Calls(true), ElementsAre("Attach", "Initialize\tQEL\t2026\tneutral\tnull\t0",
+                                            "ReleaseMemory\tstandin-session\thanded-out",
+                                            "Uninitialize\tstandin-session\t0", "Detach"));
+  EXPECT_EQ(wrapper_.Uninitialize(), 7);
+}
+
+TEST_F(WrapperUninitializeTest, SdkFailureKeepsTheSessionButUnloads) {
+  SetSdkLocation(StandInKind::Signed);
+  ASSERT_EQ(wrapper_.Initialize("QEL", "2026", "neutral"), 0);
+  sdk_.SetResult("Uninitialize", 21);
+  EXPECT_EQ(wrapper_.Uninitialize(), 21);
+  EXPECT_TRUE(wrapper_.IsInitialized());
+  EXPECT_EQ(WrapperState().module, nullptr);
+  const auto messages = log_.Messages();
+  ASSERT_FALSE(messages.empty());
+  EXPECT_EQ(messages.back(), kUnloadedLine);
+  EXPECT_THAT(sdk_.Calls(true), ElementsAre("Attach", "Initialize\tQEL\t2026\tneutral\tnull\t0",
+                                            "ReleaseMemory\tstandin-session\thanded-out",
+                                            "Uninitialize\tstandin-session\t21", "Detach"));
+  // Still "initialised" but not loaded: Initialize answers 2, Lock finds no module.
+  const auto before = log_.Lines();
+  EXPECT_EQ(wrapper_.Initialize("QEL", "2026", "neutral"), 2);
+  EXPECT_EQ(log_.Lines(), before);
+  EXPECT_EQ(wrapper_.LockDirectory("C:\\Qel"), 4);
+  EXPECT_EQ(log_.Messages().back(),
+            "[ERROR] HALDOAPIWrapperImpl::LockDirectory: Failed to obtain LockDirectoryFunc handle!");
+  // And Uninitialize, with no module, finds no export.
+  EXPECT_EQ(wrapper_.Uninitialize(), 4);
+  EXPECT_EQ(log_.Messages().back(),
+            "[ERROR] HALDOAPIWrapperImpl::Uninitialize: Failed to obtain UninitializeFunc handle!");
+}
+
+TEST_F(WrapperUninitializeTest, MissingExportReturns4AndKeepsModuleAndSession) {
+  SetSdkLocation(StandInKind::NoUninitialize);
+  ASSERT_EQ(wrapper_.Initialize("QEL", "2026", "neutral"), 0);
+  const HMODULE module = WrapperState().module;
+  EXPECT_EQ(wrapper_.Uninitialize(), 4);
+  EXPECT_EQ(WrapperState().module, module);
+  EXPECT_TRUE(wrapper_.IsInitialized());
+  EXPECT_EQ(log_.Messages().back(),
+            "[ERROR] HALDOAPIWrapperImpl::Uninitialize: Failed to obtain UninitializeFunc handle!");
+  EXPECT_THAT(sdk_.Calls(true), ElementsAre("Attach", "Initialize\tQEL\t2026\tneutral\tnull\t0",
+                                            "ReleaseMemory\tstandin-session\thanded-out"));
+}
+
+// A loaded module never fails to unload, so a stand-in unloader that frees the
+// module and then reports failure takes FreeLibrary's place.
+BOOL WINAPI UnloadThenReportFailure(HMODULE module) {
+  ::FreeLibrary(module);
+  ::SetLastError(ERROR_INVALID_HANDLE);
+  return FALSE;
+}
+
+class UnloaderSwap {
+ public:
+  explicit UnloaderSwap(ModuleUnloadFunction replacement) : saved_(SdkModuleUnloader()) {
+    SdkModuleUnloader() = replacement;
+  }
+  ~UnloaderSwap() { SdkModuleUnloader() = saved_; }
+
+ private:
+  ModuleUnloadFunction saved_;
+};
+
+TEST_F(WrapperUninitializeTest, UnloadFailureReturns1AndForgetsTheModule) {
+  SetSdkLocation(StandInKind::Signed);
+  ASSERT_EQ(wrapper_.Initialize("QEL", "2026", "neutral"), 0);
+  UnloaderSwap swap(&UnloadThenReportFailure);
+  EXPECT_EQ(wrapper_.Uninitialize(), 1);
+  EXPECT_EQ(WrapperState().module, nullptr);
+  EXPECT_FALSE(wrapper_.IsInitialized());  // the SDK itself succeeded
+  EXPECT_EQ(log_.Messages().back(), "[ERROR] HALDOAPIWrapperImpl::Uninitialize: Unload failed!");
+}
+
+TEST_F(WrapperUninitializeTest, ReloadAfterUninitializeUsesTheKeptPathAndChecksTheSignatureAgain) {
+  // A copy the test can swap: first the signed stand-in, then a tampered one.
+  ScratchDir folder;
+  const std::wstring dll = folder / L"StandInSdk.dll";
+  ASSERT_TRUE(::CopyFileW(StandInSdkPath(StandInKind::Signed).c_str(), dll.c_str(), FALSE));
+  SetSdkLocation(dll);
+  ASSERT_EQ(wrapper_.Initialize("QEL", "2026", "neutral"), 0);
+  ASSERT_EQ(wrapper_.Uninitialize(), 0);
+
+  // The registry is read once per process: pointing it elsewhere changes nothing.
+  SetSdkLocation(L"C:\\nowhere\\StandInSdk.dll");
+  ASSERT_TRUE(::CopyFileW(StandInSdkPath(StandInKind::Tampered).c_str(), dll.c_str(), FALSE));
+  log_.Clear();
+  EXPECT_EQ(wrapper_.Initialize("QEL", "2026", "neutral"), 9);
+  EXPECT_THAT(log_.Messages(),
+              ElementsAre(kLogSeparator, kArgsLine, "[INFO] Load: HALDO SDK path = " + Path(dll),
+                          "[ERROR] WinVerifyTrust returned status: -2146869232", "[ERROR] VerifyCertificate failed!",
+                          "[ERROR] IsSignatureValid: Signature invalid at path = " + Path(dll),
+                          "[ERROR] HALDOAPIWrapperImpl::Initialize: Failed to load SDK! "));
+
+  ASSERT_TRUE(::CopyFileW(StandInSdkPath(StandInKind::Signed).c_str(), dll.c_str(), FALSE));
+  log_.Clear();
+  EXPECT_EQ(wrapper_.Initialize("QEL", "2026", "neutral"), 0);
+  EXPECT_THAT(log_.Messages(), ElementsAreArray(SuccessfulInitializeLines(Path(dll))));
+  EXPECT_EQ(wrapper_.Uninitialize(), 0);
 }
 
 }  // namespace

@@ -1,1 +1,395 @@
+#include "haldo_sdk/SdkModule.h"
+
+#include <cstdlib>
+#include <filesystem>
+#include <regex>
+
 #include "tests/haldo_sdk/WrapperTest.h"
+
+namespace ambrel::test {
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::ElementsAreArray;
+using ::testing::IsEmpty;
+
+const std::string kArgsLine =
+    "[INFO] HALDOAPIWrapperImpl::Initialize: plc = \"QEL\", release = \"2026\", language = \"neutral\"";
+const std::string kLoadFailedLine = "[ERROR] HALDOAPIWrapperImpl::Initialize: Failed to load SDK! ";
+const std::string kPathEmptyLine = "[ERROR] Load: dll path empty!";
+const std::string kReadFailedLine = "[ERROR] HALDOAPIWrapperImpl::GetDllPath: Failed to read registry!";
+
+// Log of an Initialize whose load stopped at the given lines.
+std::vector<std::string> FailedLoad(std::vector<std::string> loadLines) {
+  std::vector<std::string> lines = {kLogSeparator, kArgsLine};
+  lines.insert(lines.end(), loadLines.begin(), loadLines.end());
+  lines.push_back(kLoadFailedLine);
+  return lines;
+}
+
+// A copy of the signed stand-in whose full path is exactly `length` characters.
+std::wstring SignedCopyWithPathLength(const ScratchDir& dir, size_t length) {
+  const std::wstring tail = L"\\StandInSdk.dll";
+  const size_t base = dir.path().size() + 1;
+  if (length < base + tail.size() + 1) throw std::runtime_error("path too short for the scratch folder");
+  const std::wstring folder = dir.MakeDir(std::wstring(length - base - tail.size(), L'p'));
+  const std::wstring dll = folder + tail;
+  if (!::CopyFileW(StandInSdkPath(StandInKind::Signed).c_str(), dll.c_str(), FALSE))
+    throw std::runtime_error("copy failed");
+  return dll;
+}
+
+std::wstring ReadSdkLocation(std::vector<DWORD>* offered) {
+  wchar_t* value = nullptr;
+  if (!ReadStringFromRegistry(&value, offered)) return L"<failed>";
+  std::wstring text = value ? value : L"<null>";
+  std::free(value);
+  return text;
+}
+
+class AllocatorSwap {
+ public:
+  explicit AllocatorSwap(RegistryBufferAllocator replacement) : saved_(SdkLocationBufferAllocator()) {
+    SdkLocationBufferAllocator() = replacement;
+  }
+  ~AllocatorSwap() { SdkLocationBufferAllocator() = saved_; }
+
+ private:
+  RegistryBufferAllocator saved_;
+};
+
+void* NoMemory(std::size_t) { return nullptr; }
+void* NoLargerMemory(void*, std::size_t) { return nullptr; }
+
+// ---- ReadStringFromRegistry: first query of 256 bytes, growth by 256
+
+using RegistryReadTest = WrapperTest;
+
+TEST_F(RegistryReadTest, ValueOf127CharactersFitsTheFirstQuery) {
+  const std::wstring value(127, L'a');
+  SetSdkLocation(value);
+  std::vector<DWORD> offered;
+  EXPECT_EQ(ReadSdkLocation(&offered), value);
+  EXPECT_THAT(offered, ElementsAre(256u));
+}
+
+TEST_F(RegistryReadTest, ValueOf128CharactersNeedsOneEnlargement) {
+  const std::wstring value(128, L'b');  // 258 bytes with its terminator
+  SetSdkLocation(value);
+  std::vector<DWORD> offered;
+  EXPECT_EQ(ReadSdkLocation(&offered), value);
+  EXPECT_THAT(offered, ElementsAre(256u, 512u));
+}
+
+TEST_F(RegistryReadTest, ValueOf129CharactersNeedsOneEnlargement) {
+  const std::wstring value(129, L'c');  // 260 bytes: still within 512
+  SetSdkLocation(value);
+  std::vector<DWORD> offered;
+  EXPECT_EQ(ReadSdkLocation(&offered), value);
+  EXPECT_THAT(offered, ElementsAre(256u, 512u));
+}
+
+TEST_F(RegistryReadTest, ValueOf256CharactersNeedsTwoEnlargements) {
+  const std::wstring value(256, L'd');  // 514 bytes
+  SetSdkLocation(value);
+  std::vector<DWORD> offered;
+  EXPECT_EQ(ReadSdkLocation(&offered), value);
+  EXPECT_THAT(offered, ElementsAre(256u, 512u, 768u));
+}
+
+TEST_F(RegistryReadTest, ValueStoredWithoutTerminatorIsReadTerminated) {
+  for (size_t length : {127u, 128u, 255u, 256u}) {
+    const std::wstring value(length, L'e');
+    RegistrySandbox::SetRaw(HKEY_LOCAL_MACHINE, kHaldoKey, kSdkLocationName, REG_SZ, value.data(),
+                            static_cast<DWORD>(value.size() * sizeof(wchar_t)));
+    EXPECT_EQ(ReadSdkLocation(nullptr), value) << length;
+  }
+}
+
+TEST_F(RegistryReadTest, TheValueTypeIsNotChecked) {
+  const std::wstring value = L"C:\\SDK\\HaldoSdk.dll";
+  RegistrySandbox::SetRaw(HKEY_LOCAL_MACHINE, kHaldoKey, kSdkLocationName, REG_BINARY, value.c_str(),
+                          static_cast<DWORD>((value.size() + 1) * sizeof(wchar_t)));
+  EXPECT_EQ(ReadSdkLocation(nullptr), value);
+}
+
+TEST_F(RegistryReadTest, PathsOf127128And129CharactersLoad) {
+  ScratchDir dir;
+  for (size_t length : {127u, 128u, 129u}) {
+    ResetWrapperState();
+    const std::wstring dll = SignedCopyWithPathLength(dir, length);
+    ASSERT_EQ(dll.size(), length);
+    SetSdkLocation(dll);
+    log_.Clear();
+    EXPECT_EQ(wrapper_.Initialize("QEL", "2026", "neutral"), 0) << length;
+    EXPECT_THAT(log_.Messages(), ElementsAreArray(SuccessfulInitializeLines(Path(dll)))) << length;
+    EXPECT_EQ(wrapper_.Uninitialize(), 0);
+  }
+}
+
+TEST_F(RegistryReadTest, MissingKey) {
+  EXPECT_EQ(wrapper_.Initialize("QEL", "2026", "neutral"), 3);
+  EXPECT_THAT(log_.Messages(),
+              ElementsAreArray(FailedLoad({"[ERROR] HALDOAPIWrapperImpl::ReadStringFromRegistry: RegOpenKeyEx failed!",
+                                           kReadFailedLine, kPathEmptyLine})));
+}
+
+TEST_F(RegistryReadTest, MissingValue) {
+  RegistrySandbox::CreateKey(HKEY_LOCAL_MACHINE, kHaldoKey);
+  EXPECT_EQ(wrapper_.Initialize("QEL", "2026", "neutral"), 3);
+  EXPECT_THAT(log_.Messages(),
+              ElementsAreArray(FailedLoad({"[ERROR] HALDOAPIWrapperImpl::ReadStringFromRegistry: RegQueryValueEx failed!",
+                                           kReadFailedLine, kPathEmptyLine})));
+}
+
+TEST_F(RegistryReadTest, EmptyValue) {
+  SetSdkLocation(L"");
+  EXPECT_EQ(wrapper_.Initialize("QEL", "2026", "neutral"), 3);
+  EXPECT_THAT(log_.Messages(), ElementsAreArray(FailedLoad({kPathEmptyLine})));
+}
+
+TEST_F(RegistryReadTest, BufferAllocationFailure) {
+  SetSdkLocation(StandInKind::Signed);
+  AllocatorSwap swap({&NoMemory, &std::realloc});
+  EXPECT_EQ(wrapper_.Initialize("QEL", "2026", "neutral"), 3);
+  EXPECT_THAT(log_.Messages(),
+              ElementsAreArray(FailedLoad({"[ERROR] HALDOAPIWrapperImpl::ReadStringFromRegistry: Failed to allocate "
+                                           "memory for buffer to read registry!",
+                                           kReadFailedLine, kPathEmptyLine})));
+}
+
+TEST_F(RegistryReadTest, BufferEnlargementFailure) {
+  ScratchDir dir;
+  SetSdkLocation(SignedCopyWithPathLength(dir, 200));
+  AllocatorSwap swap({&std::malloc, &NoLargerMemory});
+  EXPECT_EQ(wrapper_.Initialize("QEL", "2026", "neutral"), 3);
+  EXPECT_THAT(log_.Messages(), ElementsAreArray(FailedLoad({kReadFailedLine, kPathEmptyLine})));
+}
+
+TEST_F(RegistryReadTest, AFailedReadIsRetriedByTheNextLoad) {
+  EXPECT_EQ(wrapper_.Initialize("QEL", "2026", "neutral"), 3);
+  SetSdkLocation(StandInKind::Signed);
+  log_.Clear();
+  EXPECT_EQ(wrapper_.Initialize("QEL", "2026", "neutral"), 0);
+  EXPECT_THAT(log_.Messages(), ElementsAreArray(SuccessfulInitializeLines(SdkPath(StandInKind::Signed))));
+}
+
+// ---- GetDllPath: expansion and existence
+
+using DllPathTest = WrapperTest;
+
+TEST_F(DllPathTest, ProgramFilesReferenceIsExpandedBeforeTheExistenceTest) {
+  ScratchDir programFiles;
+  const std::wstring folder = programFiles.MakeDir(L"Tavrel\\HALDO SDK");
+  ASSERT_TRUE(::CopyFileW(StandInSdkPath(StandInKind::Signed).c_str(), (folder + L"\\StandInSdk.dll").c_str(), FALSE));
+  EnvGuard env;
+  env.Set(L"ProgramFiles", programFiles.path());
+  SetSdkLocation(L"%ProgramFiles%\\Tavrel\\HALDO SDK\\StandInSdk.dll", REG_EXPAND_SZ);
+  EXPECT_EQ(wrapper_.Initialize("QEL", "2026", "neutral"), 0);
+  EXPECT_EQ(WrapperState().dllPath, folder + L"\\StandInSdk.dll");
+  EXPECT_THAT(log_.Messages(), ElementsAreArray(SuccessfulInitializeLines(Path(folder + L"\\StandInSdk.dll"))));
+}
+
+TEST_F(DllPathTest, MissingExpandedPath) {
+  ScratchDir dir;
+  SetSdkLocation(dir / L"NoSuchSdk.dll");
+  EXPECT_EQ(wrapper_.Initialize("QEL", "2026", "neutral"), 3);
+  EXPECT_THAT(log_.Messages(),
+              ElementsAreArray(FailedLoad(
+                  {"[ERROR] HALDOAPIWrapperImpl::GetDllPath: expanded Dll Path does not exist!", kPathEmptyLine})));
+  EXPECT_TRUE(WrapperState().dllPath.empty());
+}
+
+TEST_F(DllPathTest, ExpansionThatDoesNotFitIn260CharactersFails) {
+  // The file exists, but its expanded path is longer than the expansion buffer.
+  ScratchDir dir;
+  const std::wstring dll = SignedCopyWithPathLength(dir, 200);
+  EnvGuard env;
+  env.Set(L"AMBREL_TEST_SDK_DIR", dll.substr(0, dll.rfind(L'\\')));
+  SetSdkLocation(L"%AMBREL_TEST_SDK_DIR%\\..\\" + dll.substr(dir.path().size() + 1));
+  EXPECT_EQ(wrapper_.Initialize("QEL", "2026", "neutral"), 3);
+  EXPECT_THAT(log_.Messages(),
+              ElementsAreArray(FailedLoad(
+                  {"[ERROR] HALDOAPIWrapperImpl::GetDllPath: expanded Dll Path does not exist!", kPathEmptyLine})));
+}
+
+// ExpandEnvironmentStringsW does not fail under Wine for any text we can give
+// it (an over-long one returns its size with ERROR_INSUFFICIENT_BUFFER), so the
+// row "expansion failed" cannot be reached here.
+
+TEST_F(DllPathTest, DirectoryPassesTheExistenceTestThenFailsTheSignatureCheck) {
+  ScratchDir dir;
+  SetSdkLocation(dir.path());
+  EXPECT_EQ(wrapper_.Initialize("QEL", "2026", "neutral"), 9);
+  EXPECT_EQ(WrapperState().dllPath, dir.path());
+  const auto messages = log_.Messages();
+  ASSERT_EQ(messages.size(), 7u);
+  EXPECT_EQ(messages[2], "[INFO] Load: HALDO SDK path = " + Path(dir.path()));
+  // The status is whatever the system reports for a directory (Wine: 5, access
+  // denied); what matters is that it is a failure.
+  EXPECT_TRUE(std::regex_match(messages[3], std::regex(R"(\[ERROR\] WinVerifyTrust returned status: -?[1-9][0-9]*)")))
+      << messages[3];
+  EXPECT_EQ(messages[4], "[ERROR] VerifyCertificate failed!");
+  EXPECT_EQ(messages[5], "[ERROR] IsSignatureValid: Signature invalid at path = " + Path(dir.path()));
+  EXPECT_EQ(messages[6], kLoadFailedLine);
+}
+
+// ---- Load
+
+using LoadTest = WrapperTest;
+
+TEST_F(LoadTest, SignatureRejectedReturns9) {
+  SetSdkLocation(StandInKind::Unsigned);
+  EXPECT_EQ(wrapper_.Initialize("QEL", "2026", "neutral"), 9);
+  const std::string path = SdkPath(StandInKind::Unsigned);
+  EXPECT_THAT(log_.Messages(),
+              ElementsAreArray(FailedLoad({"[INFO] Load: HALDO SDK path = " + path,
+                                           "[ERROR] WinVerifyTrust returned status: -2146762496",
+                                           "[ERROR] VerifyCertificate failed!",
+                                           "[ERROR] IsSignatureValid: Signature invalid at path = " + path})));
+  EXPECT_EQ(WrapperState().module, nullptr);
+  EXPECT_THAT(sdk_.Calls(true), IsEmpty());
+}
+
+TEST_F(LoadTest, LoadLibraryFailureReturns3) {
+  SetSdkLocation(StandInKind::Signed);
+  sdk_.SetRefuseLoad(true);
+  EXPECT_EQ(wrapper_.Initialize("QEL", "2026", "neutral"), 3);
+  const std::string path = SdkPath(StandInKind::Signed);
+  EXPECT_THAT(log_.Messages(), ElementsAreArray(FailedLoad({"[INFO] Load: HALDO SDK path = " + path,
+                                                            "[ERROR] Load: LoadLibraryW failed to load " + path})));
+  EXPECT_EQ(WrapperState().module, nullptr);
+  // The loader tells a DLL that refused to attach that it is detached again.
+  EXPECT_THAT(sdk_.Calls(true), ElementsAre("AttachRefused", "Detach"));
+}
+
+TEST_F(LoadTest, LoadFunctionReportsItsCode) {
+  int code = -1;
+  EXPECT_FALSE(LoadSdk(code));
+  EXPECT_EQ(code, 3);
+  SetSdkLocation(StandInKind::OtherPublisher);
+  EXPECT_FALSE(LoadSdk(code));
+  EXPECT_EQ(code, 9);
+  ResetWrapperState();
+  SetSdkLocation(StandInKind::Signed);
+  EXPECT_TRUE(LoadSdk(code));
+  EXPECT_NE(WrapperState().module, nullptr);
+  // Already loaded: true at once, nothing logged.
+  const auto before = log_.Lines();
+  EXPECT_TRUE(LoadSdk(code));
+  EXPECT_EQ(log_.Lines(), before);
+}
+
+// ---- Self-update detection
+
+using SelfUpdateTest = WrapperTest;
+
+std::string Pid(DWORD pid) { return std::to_string(pid); }
+
+TEST_F(SelfUpdateTest, LockFileLivesUnderProgramDataTavrelHaldo) {
+  EXPECT_EQ(SelfUpdateLockFilePath().wstring(), programData_.LockFile());
+  EXPECT_FALSE(IsSelfUpdateRunning());
+}
+
+TEST_F(SelfUpdateTest, OwnProcessIdReturns8WithoutTouchingTheRegistry) {
+  // No SDK key in the registry: had the registry been read, its lines would show.
+  programData_.WriteLock(Pid(::GetCurrentProcessId()));
+  EXPECT_TRUE(IsSelfUpdateRunning());
+  EXPECT_EQ(wrapper_.Initialize("QEL", "2026", "neutral"), 8);
+  EXPECT_THAT(log_.Messages(), ElementsAreArray(FailedLoad({"[INFO] Load: Self-update is running"})));
+  EXPECT_FALSE(wrapper_.IsInitialized());
+}
+
+TEST_F(SelfUpdateTest, RemovingTheLockLetsTheNextInitializeLoad) {
+  SetSdkLocation(StandInKind::Signed);
+  programData_.WriteLock(Pid(::GetCurrentProcessId()));
+  EXPECT_EQ(wrapper_.Initialize("QEL", "2026", "neutral"), 8);
+  EXPECT_THAT(sdk_.Calls(true), IsEmpty());
+  programData_.RemoveLock();
+  log_.Clear();
+  EXPECT_EQ(wrapper_.Initialize("QEL", "2026", "neutral"), 0);
+  EXPECT_THAT(log_.Messages(), ElementsAreArray(SuccessfulInitializeLines(SdkPath(StandInKind::Signed))));
+}
+
+TEST_F(SelfUpdateTest, EndingTheLockingProcessLetsTheNextInitializeLoad) {
+  SetSdkLocation(StandInKind::Signed);
+  // A suspended copy of this program stands in for the updating installer.
+  STARTUPINFOW startup{};
+  startup.cb = sizeof startup;
+  PROCESS_INFORMATION process{};
+  std::wstring commandLine = L"\"" + TestBinDirectory() + L"\\test_haldo_sdk.exe\" --gtest_list_tests";
+  ASSERT_TRUE(::CreateProcessW(nullptr, commandLine.data(), nullptr, nullptr, FALSE, CREATE_SUSPENDED, nullptr, nullptr,
+                               &startup, &process));
+  programData_.WriteLock(Pid(process.dwProcessId));
+  EXPECT_EQ(wrapper_.Initialize("QEL", "2026", "neutral"), 8);
+
+  ::TerminateProcess(process.hProcess, 0);
+  ::WaitForSingleObject(process.hProcess, 10000);
+  ::CloseHandle(process.hThread);
+  ::CloseHandle(process.hProcess);
+  log_.Clear();
+  EXPECT_EQ(wrapper_.Initialize("QEL", "2026", "neutral"), 0);
+  EXPECT_THAT(log_.Messages(), ElementsAreArray(SuccessfulInitializeLines(SdkPath(StandInKind::Signed))));
+}
+
+TEST_F(SelfUpdateTest, ContentsThatNeverMatchLetTheSdkLoad) {
+  const std::string own = Pid(::GetCurrentProcessId());
+  for (const std::string& content : {own + "\r\n", own + "\n", std::string(), " " + own, "0" + own, own + " "}) {
+    ResetWrapperState();
+    SetSdkLocation(StandInKind::Signed);
+    programData_.WriteLock(content);
+    log_.Clear();
+    EXPECT_FALSE(IsSelfUpdateRunning()) << "[" << content << "]";
+    EXPECT_EQ(wrapper_.Initialize("QEL", "2026", "neutral"), 0) << "[" << content << "]";
+    EXPECT_THAT(log_.Messages(), ElementsAreArray(SuccessfulInitializeLines(SdkPath(StandInKind::Signed))));
+    EXPECT_EQ(wrapper_.Uninitialize(), 0);
+  }
+}
+
+TEST_F(SelfUpdateTest, AlreadyLoadedSdkLoadsEvenWithTheLockPresent) {
+  SetSdkLocation(StandInKind::Signed);
+  sdk_.SetResult("Initialize", 12);
+  ASSERT_EQ(wrapper_.Initialize("QEL", "2026", "neutral"), 12);
+  programData_.WriteLock(Pid(::GetCurrentProcessId()));
+  ASSERT_TRUE(IsSelfUpdateRunning());
+  sdk_.SetResult("Initialize", 0);
+  log_.Clear();
+  EXPECT_EQ(wrapper_.Initialize("QEL", "2026", "neutral"), 0);
+  EXPECT_THAT(log_.Messages(),
+              ElementsAre(kLogSeparator, kArgsLine, "[INFO] HALDOAPIWrapperImpl::Initialize: HALDO SDK loaded successfully",
+                          "[INFO] HALDOAPIWrapperImpl::Initialize: session id = standin-session"));
+}
+
+TEST_F(SelfUpdateTest, TheLockIsCheckedOnEveryLoad) {
+  SetSdkLocation(StandInKind::Signed);
+  ASSERT_EQ(wrapper_.Initialize("QEL", "2026", "neutral"), 0);
+  ASSERT_EQ(wrapper_.Uninitialize(), 0);
+  programData_.WriteLock(Pid(::GetCurrentProcessId()));
+  EXPECT_EQ(wrapper_.Initialize("QEL", "2026", "neutral"), 8);
+}
+
+TEST_F(SelfUpdateTest, UnexpectedErrorTestingForTheLockPropagatesAsExists) {
+  // A device path as the program-data folder: asking for the lock file's
+  // attributes fails with ERROR_BAD_DEV_TYPE (66), which is not "missing".
+  RegistrySandbox::SetString(HKEY_LOCAL_MACHINE,
+                             L"Software\\Microsoft\\Windows\\CurrentVersion\\Explorer\\User Shell Folders",
+                             L"Common AppData", L"\\\\.\\NUL");
+  SetSdkLocation(StandInKind::Signed);
+  try {
+    wrapper_.Initialize("QEL", "2026", "neutral");
+    FAIL() << "no exception";
+  } catch (const std::filesystem::filesystem_error& error) {
+    EXPECT_EQ(error.code().value(), 66);
+    EXPECT_NE(std::string(error.what()).find("exists"), std::string::npos) << error.what();
+  }
+  EXPECT_THAT(log_.Messages(), ElementsAre(kLogSeparator, kArgsLine));
+  EXPECT_EQ(WrapperState().module, nullptr);
+  EXPECT_THAT(sdk_.Calls(true), IsEmpty());
+}
+
+// SHGetKnownFolderPath(FOLDERID_ProgramData) succeeded under Wine for every
+// registry value we tried (empty, wrong type, unexpandable), so the fallback
+// to the temporary directory cannot be reached here.
+
+}  // namespace
+}  // namespace ambrel::test

@@ -5,6 +5,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <functional>
 #include <optional>
 #include <type_traits>
@@ -584,6 +585,25 @@ TEST_F(SessionTest, LocateStepsCalledDirectly) {
   EXPECT_EQ(QelSessionInspector::InstallLocation(session()), versionFolder);
 }
 
+TEST_F(SessionTest, LocateStepsOpenTheKeyOfTheirArgumentAndTheOverrideVariableOfTheSession) {
+  const std::wstring otherKey = L"SOFTWARE\\Tavrel\\SharedComponents\\1999";
+  const std::wstring installPath = dir_.MakeDir(L"Old");
+  dir_.MakeDir(L"Old\\0.9");
+  RegistrySandbox::SetDword(HKEY_LOCAL_MACHINE, otherKey, L"EnablePathOverride", 1);
+  RegistrySandbox::SetString(HKEY_LOCAL_MACHINE, otherKey, L"InstallPath", installPath);
+  RegistrySandbox::SetString(HKEY_LOCAL_MACHINE, otherKey, L"Version", L"0.9");
+  env_.Set(L"QEL_PATH_1999", L"D:\\Not\\This\\One");
+  env_.Set(L"QEL_PATH_2026", L"D:\\Override\\Folder");
+  Initialized(0);
+
+  EXPECT_EQ(session().GetPathOverride(L"1999"), Success);
+  EXPECT_EQ(QelSessionInspector::InstallLocation(session()), L"D:\\Override\\Folder");
+  env_.Unset(L"QEL_PATH_2026");
+  EXPECT_EQ(session().GetPathOverride(L"1999"), PathNotFound);
+  EXPECT_EQ(session().ReadInstallLocation(L"1999"), Success);
+  EXPECT_EQ(QelSessionInspector::InstallLocation(session()), installPath + L"\\0.9");
+}
+
 // ---- Uninitialize ----
 
 TEST_F(SessionTest, FailedUnlockAndUninitializeAreMessages15And16) {
@@ -627,6 +647,97 @@ TEST_F(SessionTest, UnlockFollowsAFailedLock) {
   EXPECT_CALL(*wrapper_, Uninitialize()).WillOnce(Return(0));
   EXPECT_EQ(session().Uninitialize(), Success);
   EXPECT_EQ(QelSessionInspector::SdkStatus(session()), 5);
+}
+
+// ---- registry key handles ----
+
+// Handles this process holds, from the system handle table (class 16):
+// GetProcessHandleCount always answers 0 under Wine.
+long CountOwnHandles() {
+  using QueryFn = LONG(WINAPI*)(ULONG, PVOID, ULONG, PULONG);
+  const auto query = reinterpret_cast<QueryFn>(
+      reinterpret_cast<void*>(::GetProcAddress(::GetModuleHandleW(L"ntdll.dll"), "NtQuerySystemInformation")));
+  if (!query) return -1;
+  struct Entry {
+    USHORT processId;  // Wine keeps a 32-bit id here; its low half is the same
+    USHORT backTraceIndex;
+    UCHAR type;
+    UCHAR attributes;
+    USHORT handle;
+    PVOID object;
+    ULONG access;
+  };
+  struct Table {
+    ULONG count;
+    Entry entries[1];
+  };
+  std::vector<unsigned char> buffer(1 << 20);
+  for (;;) {
+    ULONG needed = 0;
+    const LONG status = query(16, buffer.data(), static_cast<ULONG>(buffer.size()), &needed);
+    if (status == static_cast<LONG>(0xC0000004)) {  // STATUS_INFO_LENGTH_MISMATCH
+      buffer.resize(std::max<size_t>(buffer.size() * 2, needed));
+      continue;
+    }
+    if (status != 0) return -1;
+    break;
+  }
+  const auto* table = reinterpret_cast<const Table*>(buffer.data());
+  const auto self = static_cast<USHORT>(::GetCurrentProcessId());
+  long own = 0;
+  for (ULONG i = 0; i < table->count; ++i)
+    if (table->entries[i].processId == self) ++own;
+  return own;
+}
+
+// Handles the second of two identical ReadInstallLocation calls leaves behind
+// (the first warms up whatever the system opens once).
+long HandlesLeftByReadInstallLocation(QelSession& session) {
+  (void)session.ReadInstallLocation(L"2026");
+  const long before = CountOwnHandles();
+  (void)session.ReadInstallLocation(L"2026");
+  const long after = CountOwnHandles();
+  if (before < 0 || after < 0) return -1000;
+  return after - before;
+}
+
+TEST_F(SessionTest, KeyStaysOpenOnTheThreeDeliberatePaths) {
+  ASSERT_GT(CountOwnHandles(), 0) << "the handle table cannot be read here";
+  const std::wstring installPath = dir_.MakeDir(L"Shared");
+
+  WriteRegistry(dir_ / L"absent", L"1.0");  // missing install folder
+  EXPECT_EQ(HandlesLeftByReadInstallLocation(session()), 1);
+  WriteRegistry(installPath, L"");  // empty Version
+  EXPECT_EQ(HandlesLeftByReadInstallLocation(session()), 1);
+  WriteRegistry(installPath, L"9.9");  // missing version folder
+  EXPECT_EQ(HandlesLeftByReadInstallLocation(session()), 1);
+}
+
+TEST_F(SessionTest, KeyIsClosedOnEveryOtherPath) {
+  ASSERT_GT(CountOwnHandles(), 0) << "the handle table cannot be read here";
+  const std::wstring installPath = dir_.MakeDir(L"Shared");
+  dir_.MakeDir(L"Shared\\1.0");
+
+  WriteRegistry(installPath, L"1.0");  // found
+  EXPECT_EQ(HandlesLeftByReadInstallLocation(session()), 0);
+  RegistrySandbox::SetString(HKEY_LOCAL_MACHINE, kSharedComponentsKey, L"Version", std::wstring(130, L'v'));
+  EXPECT_EQ(HandlesLeftByReadInstallLocation(session()), 0);  // Version unreadable
+  RegistrySandbox::SetString(HKEY_LOCAL_MACHINE, kSharedComponentsKey, L"InstallPath", std::wstring(130, L'i'));
+  EXPECT_EQ(HandlesLeftByReadInstallLocation(session()), 0);  // InstallPath unreadable
+
+  // The override path of the registry step and both outcomes of the override step.
+  WriteRegistry(installPath, L"1.0", 1);
+  env_.Set(L"QEL_PATH_2026", L"D:\\Override\\Folder");
+  Initialized(0);
+  ASSERT_EQ(session().GetPathOverride(L"2026"), Success);
+  EXPECT_EQ(HandlesLeftByReadInstallLocation(session()), 0);
+  long before = CountOwnHandles();
+  EXPECT_EQ(session().GetPathOverride(L"2026"), Success);
+  env_.Unset(L"QEL_PATH_2026");
+  EXPECT_EQ(session().GetPathOverride(L"2026"), PathNotFound);
+  RegistrySandbox::SetDword(HKEY_LOCAL_MACHINE, kSharedComponentsKey, L"EnablePathOverride", 2);
+  EXPECT_EQ(session().GetPathOverride(L"2026"), NoPathOverride);
+  EXPECT_EQ(CountOwnHandles(), before);
 }
 
 // ---- no sink ----

@@ -72,6 +72,11 @@ void StandInSdk::SetSessionId(const std::string& id) {
   WriteConfig();
 }
 
+void StandInSdk::SetRefuseLoad(bool refuse) {
+  config_["FailAttach"] = refuse ? "1" : "0";
+  WriteConfig();
+}
+
 void StandInSdk::WriteConfig() const {
   std::string text;
   for (const auto& [key, value] : config_) text += key + "=" + value + "\n";
@@ -81,7 +86,7 @@ void StandInSdk::WriteConfig() const {
 std::vector<std::string> StandInSdk::Calls(bool withLoading) const {
   std::vector<std::string> calls;
   for (auto& line : SplitLines(ReadFileBytes(dir_ / L"calls.txt"))) {
-    if (!withLoading && (line == "Attach" || line == "Detach")) continue;
+    if (!withLoading && (line == "Attach" || line == "Detach" || line == "AttachRefused")) continue;
     calls.push_back(line);
   }
   return calls;

@@ -52,6 +52,7 @@ void SetSdkLocation(StandInKind kind);
 //
 // Record lines, fields separated by '\t':
 //   "Attach" / "Detach"                       the DLL was loaded / unloaded
+//   "AttachRefused"                           the DLL refused to load (SetRefuseLoad)
 //   "Initialize" plc release language slot result
 //        slot: what the session-id slot held on entry: "null", "set" or "no-slot"
 //   "ReleaseMemory" id pointer
@@ -70,8 +71,10 @@ class StandInSdk {
   void SetResult(const std::string& exportName, int result);
   // The session id Initialize hands out on success (default "standin-session").
   void SetSessionId(const std::string& id);
+  // Makes the DLL's entry point refuse the load, so LoadLibraryW fails.
+  void SetRefuseLoad(bool refuse);
 
-  // The calls so far, in order; "Attach"/"Detach" only when asked for.
+  // The calls so far, in order; the loading lines only when asked for.
   std::vector<std::string> Calls(bool withLoading = false) const;
   void ClearCalls() const;
 

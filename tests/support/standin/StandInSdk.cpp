@@ -3,7 +3,8 @@
 // named by environment variables, because the wrapper unloads it between
 // sessions and nothing kept in the DLL would survive:
 //   AMBREL_STANDIN_SDK_CONFIG  lines "Export=<int>" (the result that export
-//                              returns, 0 when absent) and "SessionId=<text>";
+//                              returns, 0 when absent), "SessionId=<text>" and
+//                              "FailAttach=1" (the DLL refuses to load);
 //   AMBREL_STANDIN_SDK_RECORD  every call is appended, one line each, fields
 //                              separated by tabs (see StandInSdk.h on the test side).
 // Defining STANDIN_OMIT_<Export> leaves that export out.
@@ -63,7 +64,13 @@ std::string Text(const char* value) { return value ? std::string(value) : std::s
 extern "C" {
 
 BOOL WINAPI DllMain(HINSTANCE, DWORD reason, LPVOID) {
-  if (reason == DLL_PROCESS_ATTACH) Record("Attach");
+  if (reason == DLL_PROCESS_ATTACH) {
+    if (ConfigValue("FailAttach", "0") == "1") {
+      Record("AttachRefused");
+      return FALSE;
+    }
+    Record("Attach");
+  }
   if (reason == DLL_PROCESS_DETACH) Record("Detach");
   return TRUE;
 }

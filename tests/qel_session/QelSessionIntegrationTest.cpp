@@ -1,0 +1,195 @@
+// QelSession with its real wrapper over the stand-in installer SDK built by
+// the project, in a sandboxed registry with scratch log and program-data folders.
+#include "qel_session/QelSession.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "haldo_sdk/QelHaldoSdkWrapperImpl.h"
+#include "tests/qel_session/SessionTestSupport.h"
+#include "tests/support/StandInSdk.h"
+
+namespace ambrel::test {
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+
+class SessionWithSdkTest : public ::testing::Test {
+ protected:
+  SessionWithSdkTest() {
+    env_.Unset(L"QEL_INITIALIZE_BYPASSED");
+    env_.Unset(L"QEL_PATH_2026");
+  }
+  void SetUp() override { ResetWrapperState(); }
+  void TearDown() override { ResetWrapperState(); }
+
+  // A complete registry entry of release 2026 with existing folders; the
+  // version folder is returned.
+  std::wstring WriteCompleteInstall(const std::wstring& name = L"Shared") {
+    const std::wstring installPath = dir_.MakeDir(name);
+    dir_.MakeDir(name + L"\\1.0");
+    RegistrySandbox::SetString(HKEY_LOCAL_MACHINE, kSharedComponentsKey, L"InstallPath", installPath);
+    RegistrySandbox::SetString(HKEY_LOCAL_MACHINE, kSharedComponentsKey, L"Version", L"1.0");
+    RegistrySandbox::SetDword(HKEY_LOCAL_MACHINE, kSharedComponentsKey, L"EnablePathOverride", 0);
+    return installPath + L"\\1.0";
+  }
+
+  // Initialize, LockInstallLocation and Uninitialize on a new default
+  // session, each expected to answer 0; the location handed out.
+  static std::wstring RunWholeConversation() {
+    QelSession session;
+    EXPECT_EQ(session.Initialize(L"2026"), Success);
+    std::wstring location;
+    EXPECT_EQ(session.LockInstallLocation(location), Success);
+    EXPECT_EQ(session.Uninitialize(), Success);
+    return location;
+  }
+
+  const Messages& messages() const { return sink_.messages(); }
+
+  RegistrySandbox sandbox_;
+  WrapperLogFolder log_;
+  ProgramDataFolder programData_;
+  StandInSdk sdk_;
+  EnvGuard env_;
+  ScratchDir dir_;
+  SinkCapture sink_;
+};
+
+const std::wstring kSdkInitFailed = L"Failed to intialize HALDO SDK wrapper status code:";
+
+// What the stand-in records for a start, a lock of `lockPath` answered with
+// `lockResult`, the unlock and the end.
+std::vector<std::string> WholeConversationCalls(const std::string& lockPath, int lockResult = 0) {
+  return {"Initialize\tQEL\t2026\tneutral\tnull\t0", "ReleaseMemory\tstandin-session\thanded-out",
+          "LockDirectory\tstandin-session\t" + lockPath + "\t" + std::to_string(lockResult),
+          "UnLockDirectory\tstandin-session\t" + lockPath + "\t0", "Uninitialize\tstandin-session\t0"};
+}
+
+TEST_F(SessionWithSdkTest, WholeConversationLocksAndUnlocksTheVersionFolder) {
+  SetSdkLocation(StandInKind::Signed);
+  const std::wstring expected = WriteCompleteInstall();
+  const std::string lockPath = Narrow(expected) + "\\";
+
+  EXPECT_EQ(RunWholeConversation(), expected);
+
+  EXPECT_THAT(messages(), IsEmpty());
+  EXPECT_EQ(sdk_.Calls(), WholeConversationCalls(lockPath));
+  EXPECT_FALSE(QelHaldoSdkWrapperImpl().IsInitialized());
+}
+
+// No SDK location in the registry: the wrapper cannot load the SDK (3).
+TEST_F(SessionWithSdkTest, SdkStartFailsRegistryComplete) {
+  const std::wstring expected = WriteCompleteInstall();
+  QelSession session;
+  EXPECT_EQ(session.Initialize(L"2026"), Success);
+  EXPECT_EQ(messages(), (Messages{{L"WARN", kSdkInitFailed + L"3"}}));
+
+  sink_.clear();
+  std::wstring location;
+  EXPECT_EQ(session.LockInstallLocation(location), Success);
+  EXPECT_EQ(location, expected);
+  EXPECT_EQ(messages(), (Messages{{L"WARN", kSdkInitFailed + L"3"}}));
+
+  sink_.clear();
+  EXPECT_EQ(session.Uninitialize(), Success);
+  EXPECT_EQ(messages(), (Messages{{L"WARN", L"HALDO SDK wrapper is not initialized"}}));
+  EXPECT_THAT(sdk_.Calls(true), IsEmpty());  // never loaded, so never asked to lock
+}
+
+TEST_F(SessionWithSdkTest, UnsignedSdkIsRefusedAndReportedAsMessage2) {
+  SetSdkLocation(StandInKind::Unsigned);
+  WriteCompleteInstall();
+  QelSession session;
+  EXPECT_EQ(session.Initialize(L"2026"), Success);
+  EXPECT_EQ(messages(), (Messages{{L"WARN", kSdkInitFailed + L"9"}}));
+  EXPECT_THAT(sdk_.Calls(true), IsEmpty());
+}
+
+TEST_F(SessionWithSdkTest, SdkErrorCodesReachTheMessagesWithTheirSign) {
+  SetSdkLocation(StandInKind::Signed);
+  const std::wstring expected = WriteCompleteInstall();
+  sdk_.SetResult("LockDirectory", 5);
+  sdk_.SetResult("UnLockDirectory", -3);
+  sdk_.SetResult("Uninitialize", -1);
+
+  EXPECT_EQ(RunWholeConversation(), expected);
+  EXPECT_EQ(messages(),
+            (Messages{{L"WARN", L"Failed to lock" + expected + L"\\, HALDO SDK wrapper status code : 5"},
+                      {L"WARN", L"Failed to Unlock HALDO SDK wrapper status code:-3"},
+                      {L"WARN", L"Failed to Uninitialize HALDO SDK wrapper status code:-1"}}));
+}
+
+TEST_F(SessionWithSdkTest, SdkRefusingToStartIsPassedThrough) {
+  SetSdkLocation(StandInKind::Signed);
+  WriteCompleteInstall();
+  sdk_.SetResult("Initialize", -12);
+  RunWholeConversation();
+  EXPECT_EQ(messages(), (Messages{{L"WARN", kSdkInitFailed + L"-12"},
+                                  {L"WARN", kSdkInitFailed + L"-12"},
+                                  {L"WARN", L"HALDO SDK wrapper is not initialized"}}));
+}
+
+TEST_F(SessionWithSdkTest, MissingLockExportsAreWrapperCode4) {
+  SetSdkLocation(StandInKind::NoLockDirectory);
+  const std::wstring expected = WriteCompleteInstall();
+  EXPECT_EQ(RunWholeConversation(), expected);
+  EXPECT_EQ(messages(), (Messages{{L"WARN", L"Failed to lock" + expected + L"\\, HALDO SDK wrapper status code : 4"}}));
+}
+
+TEST_F(SessionWithSdkTest, MissingUnlockExportIsMessage15WithCode4) {
+  SetSdkLocation(StandInKind::NoUnLockDirectory);
+  WriteCompleteInstall();
+  RunWholeConversation();
+  EXPECT_EQ(messages(), (Messages{{L"WARN", L"Failed to Unlock HALDO SDK wrapper status code:4"}}));
+}
+
+TEST_F(SessionWithSdkTest, SecondSessionSharesTheSdkSessionAndSecondUninitializeFindsNone) {
+  SetSdkLocation(StandInKind::Signed);
+  const std::wstring expected = WriteCompleteInstall();
+  QelSession first;
+  EXPECT_EQ(first.Initialize(L"2026"), Success);
+  {
+    QelSession second;
+    // The wrapper answers 2 (already held), which counts as usable: no message.
+    EXPECT_EQ(second.Initialize(L"2026"), Success);
+    std::wstring location;
+    EXPECT_EQ(second.LockInstallLocation(location), Success);
+    EXPECT_EQ(location, expected);
+    EXPECT_EQ(second.Uninitialize(), Success);
+    EXPECT_THAT(messages(), IsEmpty());
+  }
+  EXPECT_EQ(first.Uninitialize(), Success);
+  EXPECT_EQ(messages(), (Messages{{L"WARN", L"HALDO SDK wrapper is not initialized"}}));
+  const std::string lockPath = Narrow(expected) + "\\";
+  EXPECT_EQ(sdk_.Calls(), WholeConversationCalls(lockPath));
+}
+
+TEST_F(SessionWithSdkTest, BypassedSessionNeverLoadsTheSdk) {
+  SetSdkLocation(StandInKind::Signed);
+  WriteCompleteInstall();
+  env_.Set(L"QEL_INITIALIZE_BYPASSED", L"1");
+  QelSession session;
+  EXPECT_EQ(session.Initialize(L"2026"), InitializeBypassed);
+  std::wstring location = L"untouched";
+  EXPECT_EQ(session.LockInstallLocation(location), NotInitialized);
+  EXPECT_EQ(location, L"untouched");
+  EXPECT_EQ(session.Uninitialize(), NotInitialized);
+  EXPECT_EQ(messages(), (Messages{{L"INFO", L"Intialize is bypassed"}}));
+  EXPECT_THAT(sdk_.Calls(true), IsEmpty());
+  EXPECT_FALSE(log_.LogExists());
+}
+
+TEST_F(SessionWithSdkTest, NonAsciiFolderReachesTheSdkAsUtf8) {
+  SetSdkLocation(StandInKind::Signed);
+  const std::wstring expected = WriteCompleteInstall(L"\u00C5ngstr\u00F6m \u5171\u6709");
+  sdk_.SetResult("LockDirectory", 6);
+  EXPECT_EQ(RunWholeConversation(), expected);
+  const std::string lockPath = Narrow(expected) + "\\";
+  EXPECT_EQ(sdk_.Calls(), WholeConversationCalls(lockPath, 6));
+  EXPECT_EQ(messages(), (Messages{{L"WARN", L"Failed to lock" + expected + L"\\, HALDO SDK wrapper status code : 6"}}));
+}
+
+}  // namespace
+}  // namespace ambrel::test
