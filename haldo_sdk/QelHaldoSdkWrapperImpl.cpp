@@ -36,7 +36,7 @@ Function BindSdkExport(const QelHaldoSdkWrapperState& state, const char* name) {
   if (!state.module) return nullptr;
   // GetProcAddress hands out a generic function pointer; the export's real
   // type is the one the SDK documents.
-  return reinterpret_cast<Function>(reinterpret_cast<void*>(::GetProcAddress(state.module, name)));
+  return reinterpret_cast<Function>(::GetProcAddress(state.module, name));
 }
 
 // LockDirectory and UnLockDirectory differ only in the export and the texts.

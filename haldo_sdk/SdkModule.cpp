@@ -46,7 +46,8 @@ bool IsRunningProcessId(const std::string& text) {
 }  // namespace
 
 RegistryBufferAllocator& SdkLocationBufferAllocator() {
-  static RegistryBufferAllocator allocator{&std::malloc, &std::realloc};
+  static RegistryBufferAllocator allocator{[](std::size_t size) { return std::malloc(size); },
+                                           [](void* memory, std::size_t size) { return std::realloc(memory, size); }};
   return allocator;
 }
 

@@ -47,19 +47,10 @@ std::wstring ReadSdkLocation(std::vector<DWORD>* offered) {
   return text;
 }
 
-class AllocatorSwap {
- public:
-  explicit AllocatorSwap(RegistryBufferAllocator replacement) : saved_(SdkLocationBufferAllocator()) {
-    SdkLocationBufferAllocator() = replacement;
-  }
-  ~AllocatorSwap() { SdkLocationBufferAllocator() = saved_; }
-
- private:
-  RegistryBufferAllocator saved_;
-};
-
 void* NoMemory(std::size_t) { return nullptr; }
 void* NoLargerMemory(void*, std::size_t) { return nullptr; }
+void* Allocate(std::size_t size) { return std::malloc(size); }
+void* Reallocate(void* memory, std::size_t size) { return std::realloc(memory, size); }
 
 // ---- ReadStringFromRegistry: first query of 256 bytes, growth by 256
 
@@ -150,7 +141,7 @@ TEST_F(RegistryReadTest, EmptyValue) {
 
 TEST_F(RegistryReadTest, BufferAllocationFailure) {
   SetSdkLocation(StandInKind::Signed);
-  AllocatorSwap swap({&NoMemory, &std::realloc});
+  ValueSwap<RegistryBufferAllocator> swap(SdkLocationBufferAllocator(), {&NoMemory, &Reallocate});
   EXPECT_EQ(wrapper_.Initialize("QEL", "2026", "neutral"), 3);
   EXPECT_THAT(log_.Messages(),
               ElementsAreArray(FailedLoad({"[ERROR] HALDOAPIWrapperImpl::ReadStringFromRegistry: Failed to allocate "
@@ -161,7 +152,7 @@ TEST_F(RegistryReadTest, BufferAllocationFailure) {
 TEST_F(RegistryReadTest, BufferEnlargementFailure) {
   ScratchDir dir;
   SetSdkLocation(SignedCopyWithPathLength(dir, 200));
-  AllocatorSwap swap({&std::malloc, &NoLargerMemory});
+  ValueSwap<RegistryBufferAllocator> swap(SdkLocationBufferAllocator(), {&Allocate, &NoLargerMemory});
   EXPECT_EQ(wrapper_.Initialize("QEL", "2026", "neutral"), 3);
   EXPECT_THAT(log_.Messages(), ElementsAreArray(FailedLoad({kReadFailedLine, kPathEmptyLine})));
 }
@@ -207,6 +198,17 @@ TEST_F(DllPathTest, ExpansionThatDoesNotFitIn260CharactersFails) {
   EnvGuard env;
   env.Set(L"AMBREL_TEST_SDK_DIR", dll.substr(0, dll.rfind(L'\\')));
   SetSdkLocation(L"%AMBREL_TEST_SDK_DIR%\\..\\" + dll.substr(dir.path().size() + 1));
+  EXPECT_EQ(wrapper_.Initialize("QEL", "2026", "neutral"), 3);
+  EXPECT_THAT(log_.Messages(),
+              ElementsAreArray(FailedLoad(
+                  {"[ERROR] HALDOAPIWrapperImpl::GetDllPath: expanded Dll Path does not exist!", kPathEmptyLine})));
+}
+
+TEST_F(DllPathTest, UnexpectedErrorTestingThePathCountsAsMissing) {
+  // Asking for the attributes of a path below a device fails with
+  // ERROR_BAD_DEV_TYPE (66): only the lock-file test may raise, so this one
+  // reports the path as missing.
+  SetSdkLocation(L"\\\\.\\NUL\\StandInSdk.dll");
   EXPECT_EQ(wrapper_.Initialize("QEL", "2026", "neutral"), 3);
   EXPECT_THAT(log_.Messages(),
               ElementsAreArray(FailedLoad(
