@@ -112,14 +112,20 @@ void ShowInstallerActivity(const Installer& installer) {
 
 // The delay-load helper reports a DLL it could not load as an exception.
 // Compiler-specific: structured exception handling (-fms-extensions on clang,
-// which only catches what a called function raises, hence noinline).
-__declspec(noinline) std::wstring CallSharedComponent() {
-  wchar_t path[MAX_PATH] = {};
+// which only catches what a called function raises, hence noinline; MSVC
+// wants no objects to unwind in the function).
+__declspec(noinline) bool TryCallSharedComponent(wchar_t* path, unsigned size) {
   __try {
-    SampleComponentPath(path, MAX_PATH);
+    SampleComponentPath(path, size);
   } __except (GetExceptionCode() == 0xC06D007E ? EXCEPTION_EXECUTE_HANDLER : EXCEPTION_CONTINUE_SEARCH) {
-    return L"(not loaded: the delay-load helper raised 0xC06D007E)";
+    return false;
   }
+  return true;
+}
+
+std::wstring CallSharedComponent() {
+  wchar_t path[MAX_PATH] = {};
+  if (!TryCallSharedComponent(path, MAX_PATH)) return L"(not loaded: the delay-load helper raised 0xC06D007E)";
   return path;
 }
 

@@ -49,15 +49,23 @@ std::wstring LoadError(DWORD code) { return L"error " + std::to_wstring(code); }
 
 // The delay-load helper raises its failure as an exception; it is caught here
 // so the report can say so. Kept out of line: clang only catches exceptions
-// raised in functions called from the __try block.
-template <typename Fn>
-__declspec(noinline) std::wstring CallDelayImport(Fn fn) {
-  wchar_t buffer[MAX_PATH] = {};
+// raised in functions called from the __try block. Nothing here needs
+// unwinding, as MSVC requires next to __try.
+using DelayImportFn = void (*)(wchar_t*, unsigned);
+__declspec(noinline) DWORD TryDelayImport(DelayImportFn fn, wchar_t* buffer, unsigned size) {
   DWORD code = 0;
   __try {  // Compiler-specific: structured exception handling (-fms-extensions on clang).
-    fn(buffer, MAX_PATH);
+    fn(buffer, size);
   } __except (code = GetExceptionCode(), code == kDelayLoadModuleNotFound ? EXCEPTION_EXECUTE_HANDLER
                                                                           : EXCEPTION_CONTINUE_SEARCH) {
+    return code;
+  }
+  return 0;
+}
+
+std::wstring CallDelayImport(DelayImportFn fn) {
+  wchar_t buffer[MAX_PATH] = {};
+  if (const DWORD code = TryDelayImport(fn, buffer, MAX_PATH)) {
     wchar_t text[32];
     std::swprintf(text, 32, L"failed 0x%08lX", code);
     return text;
