@@ -1,0 +1,107 @@
+// QelLoadHelper::DelayLoadHook for a DLL that lies beside the library against
+// a bare LoadLibraryExW of the same file with the same flags; each repetition
+// loads and frees. The library's objects are linked in, so "beside the
+// library" is this program's folder (bin/, where Ambrel.dll lies too).
+//
+// The shared-components folder is looked up by the first hook call (a whole
+// installer session over the signed stand-in SDK in the registry sandbox)
+// and kept; the timed calls then register it, load from the library's folder
+// and remove the registration again, as every later failing delay load does.
+#include <windows.h>
+
+#include <cstdio>
+#include <string>
+
+#include "Ambrel.h"
+#include "bench/BenchHarness.h"
+#include "qel_loader/DelayLoadHook.h"
+#include "tests/support/StandInSdk.h"
+#include "tests/support/TestSupport.h"
+
+namespace {
+
+using namespace ambrel;
+using namespace ambrel::test;
+
+constexpr char kProbe[] = "ambrel_benchprobe.dll";
+constexpr DWORD kHookLoadFlags = 0xD00;  // DLL_LOAD_DIR | USER_DIRS | SYSTEM32, as the hook loads
+
+HMODULE HookLoad() {
+  DelayLoadInfo info{};
+  info.cb = sizeof info;
+  info.szDll = kProbe;
+  return reinterpret_cast<HMODULE>(QelLoadHelper::DelayLoadHook(dliFailLoadLib, &info));
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  using namespace ambrel::bench;
+  const int rounds = RoundsArgument(argc, argv, 300);
+  constexpr int kBatch = 10;
+
+  RegistrySandbox sandbox;
+  EnvGuard env{L"QEL_INITIALIZE_BYPASSED", L"QEL_PATH_2026", L"AMBREL_STANDIN_SDK_CONFIG",
+               L"AMBREL_STANDIN_SDK_RECORD"};
+  for (const wchar_t* name : {L"QEL_INITIALIZE_BYPASSED", L"QEL_PATH_2026", L"AMBREL_STANDIN_SDK_CONFIG",
+                              L"AMBREL_STANDIN_SDK_RECORD"})
+    env.Unset(name);
+  WrapperLogFolder log;
+  ProgramDataFolder programData;
+  ScratchDir install;
+  install.MakeDir(L"Shared\\1.0");
+  const wchar_t kKey[] = L"SOFTWARE\\Tavrel\\SharedComponents\\2026";
+  RegistrySandbox::SetString(HKEY_LOCAL_MACHINE, kKey, L"InstallPath", install / L"Shared");
+  RegistrySandbox::SetString(HKEY_LOCAL_MACHINE, kKey, L"Version", L"1.0");
+  RegistrySandbox::SetDword(HKEY_LOCAL_MACHINE, kKey, L"EnablePathOverride", 0);
+  SetSdkLocation(StandInKind::Signed);
+
+  const std::wstring probeFile = TestBinDirectory() + L"\\" + Widen(kProbe);
+  Require(::GetModuleHandleA(kProbe) == nullptr, "the probe DLL is already loaded");
+
+  // The first call looks the shared folder up and keeps it.
+  const double start = NowMicroseconds();
+  const HMODULE first = HookLoad();
+  const double firstCall = NowMicroseconds() - start;
+  Require(first != nullptr, "the hook did not load the probe DLL");
+  ::FreeLibrary(first);
+  Require(DelayLoadSharedDllPath() == install / L"Shared\\1.0", "the hook did not keep the shared folder");
+  std::printf("first hook call (folder look-up through a whole session): %.1f us\n", firstCall);
+
+  bool allSucceeded = true;
+  const Comparison c = Compare(
+      rounds, kBatch,
+      [&] {
+        const HMODULE module = HookLoad();
+        allSucceeded &= module != nullptr;
+        ::FreeLibrary(module);
+      },
+      [&] {
+        const HMODULE module = ::LoadLibraryExW(probeFile.c_str(), nullptr, kHookLoadFlags);
+        allSucceeded &= module != nullptr;
+        ::FreeLibrary(module);
+      });
+  Print("DelayLoadHook (folder cached)", c, 1.10);
+
+  // The same hook against a floor that also registers and removes the shared
+  // folder around the load, as the hook must: what is left is the hook's own work.
+  const std::wstring& shared = DelayLoadSharedDllPath();
+  const Comparison registered = Compare(
+      rounds, kBatch,
+      [&] {
+        const HMODULE module = HookLoad();
+        allSucceeded &= module != nullptr;
+        ::FreeLibrary(module);
+      },
+      [&] {
+        const DLL_DIRECTORY_COOKIE cookie = ::AddDllDirectory(shared.c_str());
+        const HMODULE module = ::LoadLibraryExW(probeFile.c_str(), nullptr, kHookLoadFlags);
+        if (cookie) ::RemoveDllDirectory(cookie);
+        allSucceeded &= module != nullptr && cookie != nullptr;
+        ::FreeLibrary(module);
+      });
+  Print("DelayLoadHook vs load + registration", registered, 1.10);
+  Require(allSucceeded, "a timed load failed");
+  Require(::GetModuleHandleA(kProbe) == nullptr, "the probe DLL stayed loaded");
+  return 0;
+}

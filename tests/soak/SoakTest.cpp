@@ -1,0 +1,154 @@
+// Long runs in one process: many session cycles over the signed stand-in SDK
+// and many call-stack captures must not leave handles or memory behind. The
+// only handles allowed to stay are the registry keys the session leaves open
+// on purpose (an install folder without its version folder), counted exactly.
+#include <gtest/gtest.h>
+
+#include <windows.h>
+
+#include <psapi.h>
+
+#include <cstdio>
+#include <string>
+
+#include "Ambrel.h"
+#include "qel_session/QelSession.h"
+#include "tests/support/HandleCount.h"
+#include "tests/support/StandInSdk.h"
+#include "tests/support/TestSupport.h"
+
+namespace ambrel::test {
+namespace {
+
+constexpr wchar_t kSharedComponentsKey[] = L"SOFTWARE\\Tavrel\\SharedComponents\\2026";
+constexpr long long kPrivateBytesAllowance = 64 * 1024;
+
+long long PrivateBytes() {
+  PROCESS_MEMORY_COUNTERS_EX counters{};
+  counters.cb = sizeof counters;
+  if (!::GetProcessMemoryInfo(::GetCurrentProcess(), reinterpret_cast<PROCESS_MEMORY_COUNTERS*>(&counters),
+                              sizeof counters))
+    return -1;
+  return static_cast<long long>(counters.PrivateUsage);
+}
+
+struct Usage {
+  long long handles;
+  long long privateBytes;
+};
+
+Usage Measure() { return {static_cast<long long>(CountProcessHandles()), PrivateBytes()}; }
+
+class SoakTest : public ::testing::Test {
+ protected:
+  SoakTest() {
+    for (const wchar_t* name : {L"QEL_INITIALIZE_BYPASSED", L"QEL_PATH_2026", L"AMBREL_STANDIN_SDK_CONFIG",
+                                L"AMBREL_STANDIN_SDK_RECORD"})
+      env_.Unset(name);
+  }
+  void SetUp() override {
+    ResetWrapperState();
+    ASSERT_GT(CountProcessHandles(), 0u) << "the handle table cannot be read here";
+    ASSERT_GT(PrivateBytes(), 0) << "private bytes cannot be read here";
+  }
+  void TearDown() override { ResetWrapperState(); }
+
+  RegistrySandbox sandbox_;
+  EnvGuard env_;
+  WrapperLogFolder log_;
+  ProgramDataFolder programData_;
+  ScratchDir install_;
+};
+
+enum class CycleKind { Complete, VersionFolderMissing };
+
+// One whole conversation; true when every step answered as the design says
+// for that kind of installation.
+bool Cycle(CycleKind kind, const std::wstring& expected) {
+  QelSession session;
+  if (session.Initialize(L"2026") != Success) return false;
+  std::wstring location;
+  const QelStatus located = session.LockInstallLocation(location);
+  const bool ended = session.Uninitialize() == Success;
+  if (kind == CycleKind::Complete) return ended && located == Success && location == expected;
+  return ended && located == PathNotFound;
+}
+
+TEST_F(SoakTest, TenThousandSessionCyclesKeepOnlyTheDeliberatelyOpenKeys) {
+  install_.MakeDir(L"Shared\\1.0");
+  const std::wstring expected = install_ / L"Shared\\1.0";
+  RegistrySandbox::SetString(HKEY_LOCAL_MACHINE, kSharedComponentsKey, L"InstallPath", install_ / L"Shared");
+  RegistrySandbox::SetString(HKEY_LOCAL_MACHINE, kSharedComponentsKey, L"Version", L"1.0");
+  RegistrySandbox::SetDword(HKEY_LOCAL_MACHINE, kSharedComponentsKey, L"EnablePathOverride", 0);
+  SetSdkLocation(StandInKind::Signed);
+
+  // Warm-up (not counted): first-use statics, the crypto providers, Wine's own
+  // caches, and one pass through the path that leaves a key open.
+  for (int i = 0; i < 20; ++i) ASSERT_TRUE(Cycle(CycleKind::Complete, expected));
+  RegistrySandbox::SetString(HKEY_LOCAL_MACHINE, kSharedComponentsKey, L"Version", L"missing");
+  ASSERT_TRUE(Cycle(CycleKind::VersionFolderMissing, expected));
+  RegistrySandbox::SetString(HKEY_LOCAL_MACHINE, kSharedComponentsKey, L"Version", L"1.0");
+  log_.Clear();
+
+  // Every hundredth cycle finds the version folder missing, which leaves the
+  // session's registry key open on purpose: exactly one handle each.
+  constexpr int kCycles = 10000;
+  constexpr int kEvery = 100;
+  int failures = 0;
+  long long deliberatelyOpen = 0;
+  const double start = static_cast<double>(::GetTickCount64());
+  const Usage before = Measure();
+  for (int i = 0; i < kCycles; ++i) {
+    if (i % kEvery == kEvery - 1) {
+      RegistrySandbox::SetString(HKEY_LOCAL_MACHINE, kSharedComponentsKey, L"Version", L"missing");
+      failures += !Cycle(CycleKind::VersionFolderMissing, expected);
+      RegistrySandbox::SetString(HKEY_LOCAL_MACHINE, kSharedComponentsKey, L"Version", L"1.0");
+      ++deliberatelyOpen;
+    } else {
+      failures += !Cycle(CycleKind::Complete, expected);
+    }
+    // The log grows by design (six lines a cycle); emptied now and then so
+    // the file system's growth stays out of the figures.
+    if (i % 1000 == 999) log_.Clear();
+  }
+  const Usage after = Measure();
+  const double seconds = (static_cast<double>(::GetTickCount64()) - start) / 1000;
+
+  std::printf("[soak] %d session cycles in %.1f s: handles %lld -> %lld (growth %lld, deliberately open keys %lld), "
+              "private bytes %lld -> %lld (growth %lld, allowed < %lld)\n",
+              kCycles, seconds, before.handles, after.handles, after.handles - before.handles, deliberatelyOpen,
+              before.privateBytes, after.privateBytes, after.privateBytes - before.privateBytes,
+              kPrivateBytesAllowance);
+  std::fflush(stdout);
+  EXPECT_EQ(failures, 0);
+  EXPECT_EQ(after.handles - before.handles, deliberatelyOpen);
+  EXPECT_LT(after.privateBytes - before.privateBytes, kPrivateBytesAllowance);
+}
+
+TEST_F(SoakTest, ThousandCallStacksLeaveNothingBehind) {
+  std::wstring text;
+  for (int i = 0; i < 5; ++i) ASSERT_TRUE(OSxMisc::GetCallStack(text));  // warm-up
+
+  constexpr int kCalls = 1000;
+  int failures = 0;
+  const double start = static_cast<double>(::GetTickCount64());
+  const Usage before = Measure();
+  for (int i = 0; i < kCalls; ++i) {
+    std::wstring stack;
+    failures += !OSxMisc::GetCallStack(stack) || stack.empty();
+  }
+  const Usage after = Measure();
+  const double seconds = (static_cast<double>(::GetTickCount64()) - start) / 1000;
+
+  std::printf("[soak] %d GetCallStack calls in %.1f s: handles %lld -> %lld (growth %lld), "
+              "private bytes %lld -> %lld (growth %lld)\n",
+              kCalls, seconds, before.handles, after.handles, after.handles - before.handles, before.privateBytes,
+              after.privateBytes, after.privateBytes - before.privateBytes);
+  std::fflush(stdout);
+  EXPECT_EQ(failures, 0);
+  EXPECT_EQ(after.handles, before.handles);
+  EXPECT_LE(after.privateBytes, before.privateBytes);
+}
+
+}  // namespace
+}  // namespace ambrel::test
