@@ -21,6 +21,7 @@
 
 #include "bench/BenchHarness.h"
 #include "qel_session/QelSession.h"
+#include "tests/support/PrivateBytes.h"
 #include "tests/support/StandInSdk.h"
 #include "tests/support/TestSupport.h"
 
@@ -225,6 +226,36 @@ bool FloorCycle(const std::wstring& expectedLocation) {
          freed;
 }
 
+// Private bytes left behind by `count` runs of `operation`, after one run to warm up.
+template <typename Operation>
+void PrintGrowth(const char* name, int count, Operation&& operation) {
+  operation();
+  const long long before = PrivateBytes();
+  for (int i = 0; i < count; ++i) operation();
+  const long long growth = PrivateBytes() - before;
+  std::printf("%-40s %6d runs: private bytes %+lld (%+.0f per run)\n", name, count, growth,
+              static_cast<double>(growth) / count);
+  std::fflush(stdout);
+}
+
+// Where a cycle's memory goes: the whole paths and their system pieces, each
+// repeated on its own.
+void PrintGrowthOfPieces(int count, const std::wstring& expected) {
+  const std::wstring& sdkPath = FloorSdkPath();
+  const std::wstring logPath = ExpandedLogPath();
+  PrintGrowth("library cycle", count, [&] { LibraryCycle(expected); });
+  PrintGrowth("floor cycle", count, [&] { FloorCycle(expected); });
+  PrintGrowth("WinVerifyTrust + CryptQueryObject", count, [&] { FloorSignatureValid(sdkPath); });
+  PrintGrowth("LoadLibraryW + FreeLibrary of the SDK", count, [&] { ::FreeLibrary(::LoadLibraryW(sdkPath.c_str())); });
+  const std::wstring plainDll = TestBinDirectory() + L"\\ambrel_benchprobe.dll";
+  PrintGrowth("LoadLibraryW + FreeLibrary of a C-only DLL", count,
+              [&] { ::FreeLibrary(::LoadLibraryW(plainDll.c_str())); });
+  PrintGrowth("self-update test", count, [&] { FloorSelfUpdateRunning(); });
+  PrintGrowth("one log line", count, [&] { AppendRecord(logPath, "[INFO] growth"); });
+  std::wstring location;
+  PrintGrowth("locate (registry, existence tests)", count, [&] { FloorLocate(location); });
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -260,6 +291,14 @@ int main(int argc, char** argv) {
 
   // A stale self-update lock file: 4294967295 is no process id, so the
   // snapshot is walked to its end on every cycle.
+  for (int i = 1; i + 1 < argc; ++i) {
+    if (std::strcmp(argv[i], "--growth") == 0) {
+      programData.WriteLock("4294967295");
+      PrintGrowthOfPieces(std::max(1, std::atoi(argv[i + 1])), expected);
+      return 0;
+    }
+  }
+
   programData.WriteLock("4294967295");
   Require(LibraryCycle(expected) && FloorCycle(expected), "a cycle failed with the stale lock file");
   bool allSucceeded = true;

@@ -6,14 +6,13 @@
 
 #include <windows.h>
 
-#include <psapi.h>
-
 #include <cstdio>
 #include <string>
 
 #include "Ambrel.h"
 #include "qel_session/QelSession.h"
 #include "tests/support/HandleCount.h"
+#include "tests/support/PrivateBytes.h"
 #include "tests/support/StandInSdk.h"
 #include "tests/support/TestSupport.h"
 
@@ -22,15 +21,6 @@ namespace {
 
 constexpr wchar_t kSharedComponentsKey[] = L"SOFTWARE\\Tavrel\\SharedComponents\\2026";
 constexpr long long kPrivateBytesAllowance = 64 * 1024;
-
-long long PrivateBytes() {
-  PROCESS_MEMORY_COUNTERS_EX counters{};
-  counters.cb = sizeof counters;
-  if (!::GetProcessMemoryInfo(::GetCurrentProcess(), reinterpret_cast<PROCESS_MEMORY_COUNTERS*>(&counters),
-                              sizeof counters))
-    return -1;
-  return static_cast<long long>(counters.PrivateUsage);
-}
 
 struct Usage {
   long long handles;

@@ -68,6 +68,17 @@ int DirectoryCall(const char* exportName, const char* sessionId, const char* dir
 
 }  // namespace
 
+#if defined(__GLIBCXX__)
+// Compiler-specific (static libstdc++): its emergency exception pool (about
+// 72 KiB) is allocated from the process heap when the DLL loads and is not
+// given back when it unloads, unless asked. The wrapper unloads the SDK after
+// every session, so without this each session cycle would leave that much
+// behind in the host and hide what the library itself keeps.
+namespace __gnu_cxx {
+void __freeres() noexcept;
+}
+#endif
+
 extern "C" {
 
 BOOL WINAPI DllMain(HINSTANCE, DWORD reason, LPVOID) {
@@ -78,7 +89,12 @@ BOOL WINAPI DllMain(HINSTANCE, DWORD reason, LPVOID) {
     }
     Record("Attach");
   }
-  if (reason == DLL_PROCESS_DETACH) Record("Detach");
+  if (reason == DLL_PROCESS_DETACH) {
+    Record("Detach");
+#if defined(__GLIBCXX__)
+    __gnu_cxx::__freeres();
+#endif
+  }
   return TRUE;
 }
 
