@@ -21,7 +21,7 @@
 
 #include "bench/BenchHarness.h"
 #include "qel_session/QelSession.h"
-#include "tests/support/PrivateBytes.h"
+#include "tests/support/ProcessMemory.h"
 #include "tests/support/StandInSdk.h"
 #include "tests/support/TestSupport.h"
 

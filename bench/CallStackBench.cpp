@@ -1,143 +1,16 @@
-// OSxMisc::GetCallStack against the bare Debug Help sequence it is built on:
-// load dbghelp.dll, bind the functions, add the same symbol options,
-// SymInitializeW with the same search path and invade TRUE, a context of this
-// thread (RtlCaptureContext rather than a fault), the StackWalk64 loop with
-// the same three look-ups per frame and the same text, SymCleanup, unload.
-// The floor captures two calls deep so both texts have the same frame count.
+// OSxMisc::GetCallStack against the bare Debug Help sequence it is built on
+// (tests/support/BareDbghelp.h), alternating in one process.
 #include <windows.h>
-
-#include <dbghelp.h>
 
 #include <cstdio>
 #include <string>
 
 #include "Ambrel.h"
 #include "bench/BenchHarness.h"
+#include "tests/support/BareDbghelp.h"
+#include "tests/support/ProcessMemory.h"
 
 namespace {
-
-struct Dbghelp {
-  HMODULE module = nullptr;
-  decltype(&::SymInitializeW) symInitializeW = nullptr;
-  decltype(&::SymCleanup) symCleanup = nullptr;
-  decltype(&::SymGetOptions) symGetOptions = nullptr;
-  decltype(&::SymSetOptions) symSetOptions = nullptr;
-  decltype(&::StackWalk64) stackWalk64 = nullptr;
-  decltype(&::SymFunctionTableAccess64) symFunctionTableAccess64 = nullptr;
-  decltype(&::SymGetModuleBase64) symGetModuleBase64 = nullptr;
-  decltype(&::SymGetLineFromAddrW64) symGetLineFromAddrW64 = nullptr;
-  decltype(&::SymGetModuleInfoW64) symGetModuleInfoW64 = nullptr;
-  decltype(&::SymFromAddrW) symFromAddrW = nullptr;
-};
-
-template <typename Function>
-void Bind(HMODULE module, const char* name, Function& slot) {
-  slot = reinterpret_cast<Function>(reinterpret_cast<void*>(::GetProcAddress(module, name)));
-}
-
-std::wstring SearchPath() {
-  wchar_t file[MAX_PATH] = {};
-  ::GetModuleFileNameW(nullptr, file, MAX_PATH);
-  std::wstring path = L".;" + std::wstring(file);
-  path.erase(path.find_last_of(L'\\') + 1);
-  path += L';';
-  for (const wchar_t* name : {L"_NT_SYMBOL_PATH", L"_NT_ALTERNATE_SYMBOL_PATH", L"SYSTEMROOT"}) {
-    wchar_t value[1024];
-    const DWORD length = ::GetEnvironmentVariableW(name, value, 1024);
-    if (length > 0 && length < 1024) path += std::wstring(value, length) + L';';
-  }
-  return path;
-}
-
-void Walk(const Dbghelp& d, CONTEXT& context, std::wstring& text) {
-  const HANDLE process = ::GetCurrentProcess();
-  const HANDLE thread = ::GetCurrentThread();
-  STACKFRAME64 frame = {};
-  frame.AddrPC = {context.Rip, 0, AddrModeFlat};
-  frame.AddrFrame = {context.Rbp, 0, AddrModeFlat};
-  frame.AddrStack = {context.Rsp, 0, AddrModeFlat};
-  auto step = [&] {
-    return d.stackWalk64(IMAGE_FILE_MACHINE_AMD64, process, thread, &frame, &context, nullptr,
-                         d.symFunctionTableAccess64, d.symGetModuleBase64, nullptr) != FALSE;
-  };
-  if (!step()) return;
-  for (;;) {
-    if (frame.AddrPC.Offset == frame.AddrReturn.Offset) break;
-    if (frame.AddrPC.Offset == 0) {
-      if (frame.AddrReturn.Offset == 0 || !step()) break;
-      continue;
-    }
-    const DWORD64 pc = frame.AddrPC.Offset;
-    IMAGEHLP_MODULEW64 module = {};
-    module.SizeOfStruct = sizeof module;
-    if (d.symGetModuleInfoW64(process, pc, &module)) {
-      text += module.ModuleName;
-      text += L"! ";
-    } else {
-      text += L"_NA_\t";
-    }
-    alignas(SYMBOL_INFOW) unsigned char buffer[sizeof(SYMBOL_INFOW) + 2 * 2000] = {};
-    auto* symbol = reinterpret_cast<SYMBOL_INFOW*>(buffer);
-    symbol->SizeOfStruct = sizeof(SYMBOL_INFOW);
-    symbol->MaxNameLen = 2000;
-    DWORD64 displacement = 0;
-    if (d.symFromAddrW(process, pc, &displacement, symbol)) {
-      text += symbol->Name;
-      text += L' ';
-    } else {
-      text += L"_NA_\t";
-    }
-    IMAGEHLP_LINEW64 line = {};
-    line.SizeOfStruct = sizeof line;
-    DWORD lineDisplacement = 0;
-    if (d.symGetLineFromAddrW64(process, pc, &lineDisplacement, &line) && line.FileName) {
-      text += L"[" + std::wstring(line.FileName) + L" @ " + std::to_wstring(line.LineNumber) + L"]";
-    } else {
-      text += L"[NULL]";
-    }
-    text += L"\t\n";
-    if (frame.AddrReturn.Offset == 0 || !step()) break;
-  }
-}
-
-__declspec(noinline) void CaptureAndWalk(const Dbghelp& d, std::wstring& text) {
-  CONTEXT context;
-  ::RtlCaptureContext(&context);
-  Walk(d, context, text);
-}
-
-__declspec(noinline) void CaptureTwoDeep(const Dbghelp& d, std::wstring& text) {
-  CaptureAndWalk(d, text);
-  ::GetCurrentThreadId();  // keeps the call above from becoming a tail call
-}
-
-bool FloorCallStack(std::wstring& text) {
-  Dbghelp d;
-  d.module = ::LoadLibraryW(L"dbghelp.dll");
-  if (!d.module) return false;
-  Bind(d.module, "SymInitializeW", d.symInitializeW);
-  Bind(d.module, "SymCleanup", d.symCleanup);
-  Bind(d.module, "SymGetOptions", d.symGetOptions);
-  Bind(d.module, "SymSetOptions", d.symSetOptions);
-  Bind(d.module, "StackWalk64", d.stackWalk64);
-  Bind(d.module, "SymFunctionTableAccess64", d.symFunctionTableAccess64);
-  Bind(d.module, "SymGetModuleBase64", d.symGetModuleBase64);
-  Bind(d.module, "SymGetLineFromAddrW64", d.symGetLineFromAddrW64);
-  Bind(d.module, "SymGetModuleInfoW64", d.symGetModuleInfoW64);
-  Bind(d.module, "SymFromAddrW", d.symFromAddrW);
-  d.symSetOptions(d.symGetOptions() | SYMOPT_UNDNAME | SYMOPT_DEFERRED_LOADS | SYMOPT_LOAD_LINES |
-                  SYMOPT_FAIL_CRITICAL_ERRORS);
-  bool ok = false;
-  if (d.symInitializeW(::GetCurrentProcess(), SearchPath().c_str(), TRUE)) {
-    std::wstring walked;
-    CaptureTwoDeep(d, walked);
-    ok = !walked.empty();
-    if (ok) text = std::move(walked);
-    d.symCleanup(::GetCurrentProcess());
-  }
-  ::FreeLibrary(d.module);
-  return ok;
-}
 
 size_t LineCount(const std::wstring& text) {
   size_t lines = 0;
@@ -147,13 +20,52 @@ size_t LineCount(const std::wstring& text) {
 
 }  // namespace
 
+// Private bytes and failures of `count` calls of each side, after one call
+// of each to warm up, alternating as in the timing.
+void PrintGrowth(int count) {
+  using ambrel::test::HeapBytesInUse;
+  using ambrel::test::PrivateBytes;
+  std::wstring text;
+  OSxMisc::GetCallStack(text);
+  ambrel::test::BareDbghelpCallStack(text);
+  long long libraryHeap = 0, floorHeap = 0;
+  long long libraryGrowth = 0, floorGrowth = 0;
+  int libraryFailures = 0, floorFailures = 0;
+  for (int i = 0; i < count; ++i) {
+    long long before = PrivateBytes(), heapBefore = HeapBytesInUse();
+    libraryFailures += ![] {
+      std::wstring stack;
+      return OSxMisc::GetCallStack(stack);
+    }();
+    libraryGrowth += PrivateBytes() - before;
+    libraryHeap += HeapBytesInUse() - heapBefore;
+    before = PrivateBytes();
+    heapBefore = HeapBytesInUse();
+    floorFailures += ![] {
+      std::wstring stack;
+      return ambrel::test::BareDbghelpCallStack(stack);
+    }();
+    floorGrowth += PrivateBytes() - before;
+    floorHeap += HeapBytesInUse() - heapBefore;
+  }
+  std::printf("%d calls each: library private bytes %+lld, heap in use %+lld, %d failed; "
+              "floor private bytes %+lld, heap in use %+lld, %d failed\n",
+              count, libraryGrowth, libraryHeap, libraryFailures, floorGrowth, floorHeap, floorFailures);
+}
+
 int main(int argc, char** argv) {
   using namespace ambrel::bench;
   const int rounds = RoundsArgument(argc, argv, 60);
+  for (int i = 1; i + 1 < argc; ++i) {
+    if (std::strcmp(argv[i], "--growth") == 0) {
+      PrintGrowth(std::max(1, std::atoi(argv[i + 1])));
+      return 0;
+    }
+  }
 
   std::wstring libraryText, floorText;
   Require(OSxMisc::GetCallStack(libraryText), "GetCallStack failed");
-  Require(FloorCallStack(floorText), "the floor's walk failed");
+  Require(ambrel::test::BareDbghelpCallStack(floorText), "the floor's walk failed");
   std::printf("frames: library %zu, floor %zu\n", LineCount(libraryText), LineCount(floorText));
 
   bool allSucceeded = true;
@@ -165,7 +77,7 @@ int main(int argc, char** argv) {
       },
       [&] {
         std::wstring text;
-        allSucceeded &= FloorCallStack(text);
+        allSucceeded &= ambrel::test::BareDbghelpCallStack(text);
       });
   Print("GetCallStack", c, 1.05);
   Require(allSucceeded, "a timed call failed");

@@ -11,8 +11,9 @@
 
 #include "Ambrel.h"
 #include "qel_session/QelSession.h"
+#include "tests/support/BareDbghelp.h"
 #include "tests/support/HandleCount.h"
-#include "tests/support/PrivateBytes.h"
+#include "tests/support/ProcessMemory.h"
 #include "tests/support/StandInSdk.h"
 #include "tests/support/TestSupport.h"
 
@@ -115,29 +116,54 @@ TEST_F(SoakTest, TenThousandSessionCyclesKeepOnlyTheDeliberatelyOpenKeys) {
   EXPECT_LT(after.privateBytes - before.privateBytes, kPrivateBytesAllowance);
 }
 
+// Wine's Debug Help keeps some heap memory from every SymInitializeW /
+// SymCleanup pair (about 12 KB a call, the same for the bare sequence as for
+// the library), so "no growth" is checked against what the bare sequence keeps
+// in the same process: the library may keep nothing beyond it. Handles must
+// not grow at all.
 TEST_F(SoakTest, ThousandCallStacksLeaveNothingBehind) {
   std::wstring text;
-  for (int i = 0; i < 5; ++i) ASSERT_TRUE(OSxMisc::GetCallStack(text));  // warm-up
+  for (int i = 0; i < 5; ++i) {  // warm-up
+    ASSERT_TRUE(OSxMisc::GetCallStack(text));
+    ASSERT_TRUE(BareDbghelpCallStack(text));
+  }
 
   constexpr int kCalls = 1000;
+  constexpr int kBareCalls = 100;
   int failures = 0;
   const double start = static_cast<double>(::GetTickCount64());
   const Usage before = Measure();
+  const long long heapBefore = HeapBytesInUse();
   for (int i = 0; i < kCalls; ++i) {
     std::wstring stack;
     failures += !OSxMisc::GetCallStack(stack) || stack.empty();
   }
   const Usage after = Measure();
+  const long long heapAfter = HeapBytesInUse();
   const double seconds = (static_cast<double>(::GetTickCount64()) - start) / 1000;
 
-  std::printf("[soak] %d GetCallStack calls in %.1f s: handles %lld -> %lld (growth %lld), "
-              "private bytes %lld -> %lld (growth %lld)\n",
-              kCalls, seconds, before.handles, after.handles, after.handles - before.handles, before.privateBytes,
-              after.privateBytes, after.privateBytes - before.privateBytes);
+  int bareFailures = 0;
+  const long long bareHeapBefore = HeapBytesInUse();
+  for (int i = 0; i < kBareCalls; ++i) {
+    std::wstring stack;
+    bareFailures += !BareDbghelpCallStack(stack);
+  }
+  static_assert(kCalls % kBareCalls == 0);
+  const long long bareHeapGrowth = HeapBytesInUse() - bareHeapBefore;
+  const long long bareHeapPerCall = bareHeapGrowth / kBareCalls;
+  const long long heapGrowth = heapAfter - heapBefore;
+  const long long beyondDebugHelp = heapGrowth - bareHeapGrowth * (kCalls / kBareCalls);
+
+  std::printf("[soak] %d GetCallStack calls in %.1f s (%d failed): handles %lld -> %lld (growth %lld), "
+              "private bytes %lld -> %lld (growth %lld), heap in use growth %lld; the bare Debug Help sequence "
+              "keeps %lld bytes a call (%d calls, %d failed), so the library kept %lld bytes beyond it\n",
+              kCalls, seconds, failures, before.handles, after.handles, after.handles - before.handles,
+              before.privateBytes, after.privateBytes, after.privateBytes - before.privateBytes, heapGrowth,
+              bareHeapPerCall, kBareCalls, bareFailures, beyondDebugHelp);
   std::fflush(stdout);
   EXPECT_EQ(failures, 0);
   EXPECT_EQ(after.handles, before.handles);
-  EXPECT_LE(after.privateBytes, before.privateBytes);
+  EXPECT_LE(beyondDebugHelp, 0);
 }
 
 }  // namespace

@@ -9,4 +9,9 @@ namespace ambrel::test {
 // committed pages of private (not image, not mapped-file) regions.
 long long PrivateBytes();
 
+// Bytes in allocated blocks of all the process's heaps (HeapWalk). Unlike
+// committed memory, which a heap keeps after its blocks are freed, this falls
+// back when memory is given back.
+long long HeapBytesInUse();
+
 }  // namespace ambrel::test

@@ -1,8 +1,10 @@
-#include "tests/support/PrivateBytes.h"
+#include "tests/support/ProcessMemory.h"
 
 #include <windows.h>
 
 #include <psapi.h>
+
+#include <vector>
 
 namespace ambrel::test {
 
@@ -20,6 +22,28 @@ long long PrivateBytes() {
     if (region.State == MEM_COMMIT && region.Type == MEM_PRIVATE) committed += static_cast<long long>(region.RegionSize);
   }
   return committed;
+}
+
+long long HeapBytesInUse() {
+  std::vector<HANDLE> heaps(64);
+  for (;;) {
+    const DWORD count = ::GetProcessHeaps(static_cast<DWORD>(heaps.size()), heaps.data());
+    if (count <= heaps.size()) {
+      heaps.resize(count);
+      break;
+    }
+    heaps.resize(count);
+  }
+  long long inUse = 0;
+  for (const HANDLE heap : heaps) {
+    if (!::HeapLock(heap)) continue;
+    PROCESS_HEAP_ENTRY entry{};
+    while (::HeapWalk(heap, &entry)) {
+      if (entry.wFlags & PROCESS_HEAP_ENTRY_BUSY) inUse += entry.cbData;
+    }
+    ::HeapUnlock(heap);
+  }
+  return inUse;
 }
 
 }  // namespace ambrel::test
