@@ -22,6 +22,7 @@
 #include "bench/BenchHarness.h"
 #include "qel_session/QelSession.h"
 #include "tests/support/ProcessMemory.h"
+#include "tests/support/SessionSandbox.h"
 #include "tests/support/StandInSdk.h"
 #include "tests/support/TestSupport.h"
 
@@ -262,21 +263,9 @@ int main(int argc, char** argv) {
   using namespace ambrel::bench;
   const int rounds = RoundsArgument(argc, argv, 150);
 
-  RegistrySandbox sandbox;
-  EnvGuard env{L"QEL_INITIALIZE_BYPASSED", L"QEL_PATH_2026", L"AMBREL_STANDIN_SDK_CONFIG",
-               L"AMBREL_STANDIN_SDK_RECORD"};
-  for (const wchar_t* name : {L"QEL_INITIALIZE_BYPASSED", L"QEL_PATH_2026", L"AMBREL_STANDIN_SDK_CONFIG",
-                              L"AMBREL_STANDIN_SDK_RECORD"})
-    env.Unset(name);
-  WrapperLogFolder log;
-  ProgramDataFolder programData;
-  ScratchDir install;
-  install.MakeDir(L"Shared\\1.0");
-  const std::wstring expected = install / L"Shared\\1.0";
-  RegistrySandbox::SetString(HKEY_LOCAL_MACHINE, kSharedComponentsKey, L"InstallPath", install / L"Shared");
-  RegistrySandbox::SetString(HKEY_LOCAL_MACHINE, kSharedComponentsKey, L"Version", L"1.0");
-  RegistrySandbox::SetDword(HKEY_LOCAL_MACHINE, kSharedComponentsKey, L"EnablePathOverride", 0);
-  SetSdkLocation(StandInKind::Signed);
+  SessionSandbox sandbox;
+  const WrapperLogFolder& log = sandbox.log();
+  const std::wstring& expected = sandbox.versionFolder();
 
   // Both paths must succeed and write the same number of log lines before
   // any figure counts.
@@ -293,20 +282,20 @@ int main(int argc, char** argv) {
   // snapshot is walked to its end on every cycle.
   for (int i = 1; i + 1 < argc; ++i) {
     if (std::strcmp(argv[i], "--growth") == 0) {
-      programData.WriteLock("4294967295");
+      sandbox.programData().WriteLock("4294967295");
       PrintGrowthOfPieces(std::max(1, std::atoi(argv[i + 1])), expected);
       return 0;
     }
   }
 
-  programData.WriteLock("4294967295");
+  sandbox.programData().WriteLock("4294967295");
   Require(LibraryCycle(expected) && FloorCycle(expected), "a cycle failed with the stale lock file");
   bool allSucceeded = true;
   const Comparison stale = Compare(
       rounds, 1, [&] { allSucceeded &= LibraryCycle(expected); }, [&] { allSucceeded &= FloorCycle(expected); });
   Print("bootstrap cycle (stale lock file)", stale, 1.10);
 
-  programData.RemoveLock();
+  sandbox.programData().RemoveLock();
   const Comparison noLock = Compare(
       rounds, 1, [&] { allSucceeded &= LibraryCycle(expected); }, [&] { allSucceeded &= FloorCycle(expected); });
   Print("bootstrap cycle (no lock file)", noLock, 1.10);

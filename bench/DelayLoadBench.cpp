@@ -15,7 +15,7 @@
 #include "Ambrel.h"
 #include "bench/BenchHarness.h"
 #include "qel_loader/DelayLoadHook.h"
-#include "tests/support/StandInSdk.h"
+#include "tests/support/SessionSandbox.h"
 #include "tests/support/TestSupport.h"
 
 namespace {
@@ -33,6 +33,13 @@ HMODULE HookLoad() {
   return reinterpret_cast<HMODULE>(QelLoadHelper::DelayLoadHook(dliFailLoadLib, &info));
 }
 
+// One timed repetition of the library's side.
+bool HookLoadAndFree() {
+  const HMODULE module = HookLoad();
+  ::FreeLibrary(module);
+  return module != nullptr;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -40,22 +47,7 @@ int main(int argc, char** argv) {
   const int rounds = RoundsArgument(argc, argv, 300);
   constexpr int kBatch = 10;
 
-  RegistrySandbox sandbox;
-  EnvGuard env{L"QEL_INITIALIZE_BYPASSED", L"QEL_PATH_2026", L"AMBREL_STANDIN_SDK_CONFIG",
-               L"AMBREL_STANDIN_SDK_RECORD"};
-  for (const wchar_t* name : {L"QEL_INITIALIZE_BYPASSED", L"QEL_PATH_2026", L"AMBREL_STANDIN_SDK_CONFIG",
-                              L"AMBREL_STANDIN_SDK_RECORD"})
-    env.Unset(name);
-  WrapperLogFolder log;
-  ProgramDataFolder programData;
-  ScratchDir install;
-  install.MakeDir(L"Shared\\1.0");
-  const wchar_t kKey[] = L"SOFTWARE\\Tavrel\\SharedComponents\\2026";
-  RegistrySandbox::SetString(HKEY_LOCAL_MACHINE, kKey, L"InstallPath", install / L"Shared");
-  RegistrySandbox::SetString(HKEY_LOCAL_MACHINE, kKey, L"Version", L"1.0");
-  RegistrySandbox::SetDword(HKEY_LOCAL_MACHINE, kKey, L"EnablePathOverride", 0);
-  SetSdkLocation(StandInKind::Signed);
-
+  SessionSandbox sandbox;
   const std::wstring probeFile = TestBinDirectory() + L"\\" + Widen(kProbe);
   Require(::GetModuleHandleA(kProbe) == nullptr, "the probe DLL is already loaded");
 
@@ -65,17 +57,13 @@ int main(int argc, char** argv) {
   const double firstCall = NowMicroseconds() - start;
   Require(first != nullptr, "the hook did not load the probe DLL");
   ::FreeLibrary(first);
-  Require(DelayLoadSharedDllPath() == install / L"Shared\\1.0", "the hook did not keep the shared folder");
+  Require(DelayLoadSharedDllPath() == sandbox.versionFolder(), "the hook did not keep the shared folder");
   std::printf("first hook call (folder look-up through a whole session): %.1f us\n", firstCall);
 
   bool allSucceeded = true;
   const Comparison c = Compare(
       rounds, kBatch,
-      [&] {
-        const HMODULE module = HookLoad();
-        allSucceeded &= module != nullptr;
-        ::FreeLibrary(module);
-      },
+      [&] { allSucceeded &= HookLoadAndFree(); },
       [&] {
         const HMODULE module = ::LoadLibraryExW(probeFile.c_str(), nullptr, kHookLoadFlags);
         allSucceeded &= module != nullptr;
@@ -88,11 +76,7 @@ int main(int argc, char** argv) {
   const std::wstring& shared = DelayLoadSharedDllPath();
   const Comparison registered = Compare(
       rounds, kBatch,
-      [&] {
-        const HMODULE module = HookLoad();
-        allSucceeded &= module != nullptr;
-        ::FreeLibrary(module);
-      },
+      [&] { allSucceeded &= HookLoadAndFree(); },
       [&] {
         const DLL_DIRECTORY_COOKIE cookie = ::AddDllDirectory(shared.c_str());
         const HMODULE module = ::LoadLibraryExW(probeFile.c_str(), nullptr, kHookLoadFlags);

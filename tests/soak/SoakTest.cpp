@@ -14,13 +14,13 @@
 #include "tests/support/BareDbghelp.h"
 #include "tests/support/HandleCount.h"
 #include "tests/support/ProcessMemory.h"
+#include "tests/support/SessionSandbox.h"
 #include "tests/support/StandInSdk.h"
 #include "tests/support/TestSupport.h"
 
 namespace ambrel::test {
 namespace {
 
-constexpr wchar_t kSharedComponentsKey[] = L"SOFTWARE\\Tavrel\\SharedComponents\\2026";
 constexpr long long kPrivateBytesAllowance = 64 * 1024;
 
 struct Usage {
@@ -32,11 +32,6 @@ Usage Measure() { return {static_cast<long long>(CountProcessHandles()), Private
 
 class SoakTest : public ::testing::Test {
  protected:
-  SoakTest() {
-    for (const wchar_t* name : {L"QEL_INITIALIZE_BYPASSED", L"QEL_PATH_2026", L"AMBREL_STANDIN_SDK_CONFIG",
-                                L"AMBREL_STANDIN_SDK_RECORD"})
-      env_.Unset(name);
-  }
   void SetUp() override {
     ResetWrapperState();
     ASSERT_GT(CountProcessHandles(), 0u) << "the handle table cannot be read here";
@@ -44,11 +39,7 @@ class SoakTest : public ::testing::Test {
   }
   void TearDown() override { ResetWrapperState(); }
 
-  RegistrySandbox sandbox_;
-  EnvGuard env_;
-  WrapperLogFolder log_;
-  ProgramDataFolder programData_;
-  ScratchDir install_;
+  SessionSandbox sandbox_;
 };
 
 enum class CycleKind { Complete, VersionFolderMissing };
@@ -66,20 +57,15 @@ bool Cycle(CycleKind kind, const std::wstring& expected) {
 }
 
 TEST_F(SoakTest, TenThousandSessionCyclesKeepOnlyTheDeliberatelyOpenKeys) {
-  install_.MakeDir(L"Shared\\1.0");
-  const std::wstring expected = install_ / L"Shared\\1.0";
-  RegistrySandbox::SetString(HKEY_LOCAL_MACHINE, kSharedComponentsKey, L"InstallPath", install_ / L"Shared");
-  RegistrySandbox::SetString(HKEY_LOCAL_MACHINE, kSharedComponentsKey, L"Version", L"1.0");
-  RegistrySandbox::SetDword(HKEY_LOCAL_MACHINE, kSharedComponentsKey, L"EnablePathOverride", 0);
-  SetSdkLocation(StandInKind::Signed);
+  const std::wstring& expected = sandbox_.versionFolder();
 
   // Warm-up (not counted): first-use statics, the crypto providers, Wine's own
   // caches, and one pass through the path that leaves a key open.
   for (int i = 0; i < 20; ++i) ASSERT_TRUE(Cycle(CycleKind::Complete, expected));
-  RegistrySandbox::SetString(HKEY_LOCAL_MACHINE, kSharedComponentsKey, L"Version", L"missing");
+  SessionSandbox::SetVersion(L"missing");
   ASSERT_TRUE(Cycle(CycleKind::VersionFolderMissing, expected));
-  RegistrySandbox::SetString(HKEY_LOCAL_MACHINE, kSharedComponentsKey, L"Version", L"1.0");
-  log_.Clear();
+  SessionSandbox::SetVersion(L"1.0");
+  sandbox_.log().Clear();
 
   // Every hundredth cycle finds the version folder missing, which leaves the
   // session's registry key open on purpose: exactly one handle each.
@@ -91,16 +77,16 @@ TEST_F(SoakTest, TenThousandSessionCyclesKeepOnlyTheDeliberatelyOpenKeys) {
   const Usage before = Measure();
   for (int i = 0; i < kCycles; ++i) {
     if (i % kEvery == kEvery - 1) {
-      RegistrySandbox::SetString(HKEY_LOCAL_MACHINE, kSharedComponentsKey, L"Version", L"missing");
+      SessionSandbox::SetVersion(L"missing");
       failures += !Cycle(CycleKind::VersionFolderMissing, expected);
-      RegistrySandbox::SetString(HKEY_LOCAL_MACHINE, kSharedComponentsKey, L"Version", L"1.0");
+      SessionSandbox::SetVersion(L"1.0");
       ++deliberatelyOpen;
     } else {
       failures += !Cycle(CycleKind::Complete, expected);
     }
     // The log grows by design (six lines a cycle); emptied now and then so
     // the file system's growth stays out of the figures.
-    if (i % 1000 == 999) log_.Clear();
+    if (i % 1000 == 999) sandbox_.log().Clear();
   }
   const Usage after = Measure();
   const double seconds = (static_cast<double>(::GetTickCount64()) - start) / 1000;
