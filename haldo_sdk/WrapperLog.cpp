@@ -5,6 +5,7 @@
 #include <ctime>
 #include <filesystem>
 #include <fstream>
+#include <utility>
 
 #include "haldo_sdk/QelHaldoSdkWrapperState.h"
 #include "qel_loader/TextConvert.h"
@@ -14,12 +15,26 @@ namespace {
 
 constexpr wchar_t kLogFileTail[] = L"\\Tavrel\\HALDO\\HALDO_APIWrapper.log";
 
+// The stream's classic conversion writes one byte per character and fails on
+// a character beyond one byte, which would drop the whole buffered record (a
+// non-ASCII SDK path, or a narrow message byte widened past 0xFF). Such
+// characters are written as '?' so the record itself is kept.
+std::wstring OneBytePerCharacter(std::wstring line) {
+  for (wchar_t& c : line) {
+    if (static_cast<unsigned>(c) > 0xFF) c = L'?';
+  }
+  return line;
+}
+
 // Append, text mode, shared with other processes. A failed open leaves the
 // stream failed and every write a no-op, which is what silent logging wants.
 void AppendToLog(const std::wstring& path, std::wstring_view first, std::wstring_view second = {},
                  std::wstring_view third = {}, std::wstring_view fourth = {}) {
+  std::wstring line;
+  line.reserve(first.size() + second.size() + third.size() + fourth.size());
+  line.append(first).append(second).append(third).append(fourth);
   std::wofstream file(std::filesystem::path(path), std::ios::out | std::ios::app);
-  file << first << second << third << fourth << std::endl;
+  file << OneBytePerCharacter(std::move(line)) << std::endl;
 }
 
 std::wstring LocalTimestamp() {
