@@ -198,5 +198,18 @@ TEST_F(SessionIdSizeTest, IdOf64KiBIsKeptWhole) {
                     "UnLockDirectory\t" + id + "\t" + kDirectory + "\t0", "Uninitialize\t" + id + "\t0"}});
 }
 
+// The id's bytes are widened one by one; bytes from 0x80 become characters
+// beyond one byte, which the log writes as '?' and keeps the record.
+TEST_F(SessionIdSizeTest, NonAsciiIdBytesAreLoggedAsQuestionMarks) {
+  SetSdkLocation(StandInKind::Signed);
+  const std::string id = "caf\xC3\xA9-\xFF";
+  sdk_.SetSessionId(id);
+  ASSERT_EQ(wrapper_.Initialize("QEL", "2026", "neutral"), 0);
+  EXPECT_EQ(WrapperState().sessionId, id);
+  EXPECT_THAT(log_.Messages(),
+              ElementsAreArray(SuccessfulInitializeLines(SdkPath(StandInKind::Signed), "caf??-?")));
+  EXPECT_EQ(wrapper_.Uninitialize(), 0);
+}
+
 }  // namespace
 }  // namespace ambrel::test

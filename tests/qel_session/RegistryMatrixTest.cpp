@@ -24,22 +24,7 @@ const std::wstring kVersionMissing = L"The Version for the Install Path Does Not
 
 std::wstring OkText() { return SystemErrorText(ERROR_SUCCESS); }
 
-// How a value is written. Texts may hold "{dir}" (the scratch folder),
-// "{p129}" and "{p130}" (folders below it whose paths have exactly that many
-// characters).
-struct Spec {
-  enum Kind { kAbsent, kText, kRaw } kind = kAbsent;
-  DWORD type = REG_SZ;
-  std::wstring text;
-  bool terminated = true;
-  std::string raw;
-};
-Spec Missing() { return {}; }
-Spec Sz(std::wstring text, DWORD type = REG_SZ, bool terminated = true) {
-  return {Spec::kText, type, std::move(text), terminated, {}};
-}
-Spec Raw(DWORD type, std::string bytes) { return {Spec::kRaw, type, {}, true, std::move(bytes)}; }
-std::string DwordBytes(DWORD value) { return std::string(reinterpret_cast<const char*>(&value), sizeof value); }
+using Spec = ValueSpec;
 
 class RegistryMatrix : public ::testing::Test {
  protected:
@@ -54,29 +39,11 @@ class RegistryMatrix : public ::testing::Test {
     session_ = std::make_unique<QelSession>(std::move(mock));
   }
 
-  std::wstring Expand(std::wstring text) const {
-    auto replace = [&text](const std::wstring& token, const std::wstring& by) {
-      for (size_t at = text.find(token); at != std::wstring::npos; at = text.find(token, at + by.size()))
-        text.replace(at, token.size(), by);
-    };
-    replace(L"{p129}", PathOfExactLength(dir_, 129, false));
-    replace(L"{p130}", PathOfExactLength(dir_, 130, false));
-    return WithDir(std::move(text), dir_.path());
-  }
-
+  std::wstring Expand(const std::wstring& text) const { return ExpandPlaceholders(text, dir_); }
   void Write(const std::wstring& name, const Spec& spec) const {
-    switch (spec.kind) {
-      case Spec::kAbsent: WriteValue(HKEY_LOCAL_MACHINE, kSharedComponentsKey, name, Absent()); break;
-      case Spec::kText:
-        WriteValue(HKEY_LOCAL_MACHINE, kSharedComponentsKey, name, Text(Expand(spec.text), spec.type, spec.terminated));
-        break;
-      case Spec::kRaw: WriteValue(HKEY_LOCAL_MACHINE, kSharedComponentsKey, name, Bytes(spec.type, spec.raw)); break;
-    }
+    WriteSpec(HKEY_LOCAL_MACHINE, kSharedComponentsKey, name, spec, dir_);
   }
-
-  void MakeFolders(const std::vector<std::wstring>& folders) const {
-    for (const auto& folder : folders) dir_.MakeDir(Expand(folder).substr(dir_.path().size() + 1));
-  }
+  void MakeFolders(const std::vector<std::wstring>& folders) const { ambrel::test::MakeFolders(dir_, folders); }
 
   Messages ExpandAll(const Messages& messages) const {
     Messages expanded;

@@ -52,11 +52,48 @@ inline std::wstring PathOfExactLength(const ScratchDir& dir, size_t length, bool
   return path;
 }
 
-// Replaces every "{dir}" in `text` with `dir`.
-inline std::wstring WithDir(std::wstring text, const std::wstring& dir) {
-  for (size_t at = text.find(L"{dir}"); at != std::wstring::npos; at = text.find(L"{dir}", at + dir.size()))
-    text.replace(at, 5, dir);
+// Replaces in `text` every "{dir}" with the scratch folder, and "{p129}" and
+// "{p130}" with folders below it whose paths have exactly that many characters.
+inline std::wstring ExpandPlaceholders(std::wstring text, const ScratchDir& dir) {
+  auto replace = [&text](const std::wstring& token, const std::wstring& by) {
+    for (size_t at = text.find(token); at != std::wstring::npos; at = text.find(token, at + by.size()))
+      text.replace(at, token.size(), by);
+  };
+  replace(L"{p129}", PathOfExactLength(dir, 129, false));
+  replace(L"{p130}", PathOfExactLength(dir, 130, false));
+  replace(L"{dir}", dir.path());
   return text;
+}
+
+// A row's value: absent, text (with placeholders) or raw bytes.
+struct ValueSpec {
+  enum Kind { kAbsent, kText, kRaw } kind = kAbsent;
+  DWORD type = REG_SZ;
+  std::wstring text;
+  bool terminated = true;
+  std::string raw;
+};
+inline ValueSpec Missing() { return {}; }
+inline ValueSpec Sz(std::wstring text, DWORD type = REG_SZ, bool terminated = true) {
+  return {ValueSpec::kText, type, std::move(text), terminated, {}};
+}
+inline ValueSpec Raw(DWORD type, std::string bytes) { return {ValueSpec::kRaw, type, {}, true, std::move(bytes)}; }
+inline std::string DwordBytes(DWORD value) { return std::string(reinterpret_cast<const char*>(&value), sizeof value); }
+
+inline void WriteSpec(HKEY root, const std::wstring& key, const std::wstring& name, const ValueSpec& spec,
+                      const ScratchDir& dir) {
+  switch (spec.kind) {
+    case ValueSpec::kAbsent: WriteValue(root, key, name, Absent()); break;
+    case ValueSpec::kText:
+      WriteValue(root, key, name, Text(ExpandPlaceholders(spec.text, dir), spec.type, spec.terminated));
+      break;
+    case ValueSpec::kRaw: WriteValue(root, key, name, Bytes(spec.type, spec.raw)); break;
+  }
+}
+
+// Creates each folder (placeholders allowed; all below `dir`).
+inline void MakeFolders(const ScratchDir& dir, const std::vector<std::wstring>& folders) {
+  for (const auto& folder : folders) dir.MakeDir(ExpandPlaceholders(folder, dir).substr(dir.path().size() + 1));
 }
 
 }  // namespace ambrel::test
