@@ -7,6 +7,7 @@
 #include "haldo_sdk/QelHaldoSdkWrapperState.h"
 #include "haldo_sdk/SdkModule.h"
 #include "haldo_sdk/WrapperLog.h"
+#include "haldo_sdk/WrapperStatus.h"
 
 namespace ambrel {
 
@@ -19,10 +20,8 @@ QelHaldoSdkWrapperState& WrapperState() {
 
 namespace {
 
-using ambrel::LogWrapperError;
-using ambrel::LogWrapperInfo;
-using ambrel::QelHaldoSdkWrapperState;
-using ambrel::WrapperState;
+// The wrapper classes live outside the library's namespace; their helpers do not.
+using namespace ambrel;
 
 // The SDK's entry points, bound by name at each call.
 using SdkInitializeFunction = int (*)(const char* plc, const char* release, const char* language, char** sessionId);
@@ -36,23 +35,24 @@ Function BindSdkExport(const QelHaldoSdkWrapperState& state, const char* name) {
   if (!state.module) return nullptr;
   // GetProcAddress hands out a generic function pointer; the export's real
   // type is the one the SDK documents.
-  return reinterpret_cast<Function>(reinterpret_cast<void*>(::GetProcAddress(state.module, name)));
+  return reinterpret_cast<Function>(::GetProcAddress(state.module, name));
 }
 
-// LockDirectory and UnLockDirectory differ only in the export and the texts.
-int CallDirectoryExport(const std::string& directory, const char* exportName, const std::string& operation) {
+// LockDirectory and UnLockDirectory differ only in the export, whose name
+// also begins their log messages.
+int CallDirectoryExport(const std::string& directory, const std::string& exportName) {
   QelHaldoSdkWrapperState& state = WrapperState();
   if (directory.empty()) {
-    LogWrapperError(operation + ": Argument \"directoryToLock \" is empty!");
-    return 5;
+    LogWrapperError(exportName + ": Argument \"directoryToLock \" is empty!");
+    return kWrapperArgumentMissing;
   }
-  const auto function = BindSdkExport<SdkDirectoryFunction>(state, exportName);
+  const auto function = BindSdkExport<SdkDirectoryFunction>(state, exportName.c_str());
   if (!function) {
-    LogWrapperError(operation + ": Failed to obtain " + exportName + "Func handle!");
-    return 4;
+    LogWrapperError(exportName + ": Failed to obtain " + exportName + "Func handle!");
+    return kWrapperExportMissing;
   }
   const int result = function(state.sessionId.c_str(), directory.c_str());
-  if (result != 0) LogWrapperError(operation + ": API returned error code " + std::to_string(result));
+  if (result != 0) LogWrapperError(exportName + ": API returned error code " + std::to_string(result));
   return result;
 }
 
@@ -61,18 +61,18 @@ int CallDirectoryExport(const std::string& directory, const char* exportName, co
 int QelHaldoSdkWrapperImpl::Initialize(const std::string& plc, const std::string& release,
                                        const std::string& language) {
   QelHaldoSdkWrapperState& state = WrapperState();
-  if (!state.sessionId.empty()) return 2;
+  if (!state.sessionId.empty()) return kWrapperAlreadyInitialized;
 
-  ambrel::OpenWrapperLog();
+  OpenWrapperLog();
   if (plc.empty() || release.empty()) {
     LogWrapperError("Initialize: Either \"plc\" or \"release\" argument absent!");
-    return 5;
+    return kWrapperArgumentMissing;
   }
   LogWrapperInfo("Initialize: plc = \"" + plc + "\", release = \"" + release + "\", language = \"" + language +
                  "\"");
 
-  int loadCode = 0;
-  if (!ambrel::LoadSdk(loadCode)) {
+  int loadCode = kWrapperSdkNotLoaded;
+  if (!LoadSdk(loadCode)) {
     LogWrapperError("Initialize: Failed to load SDK! ");
     return loadCode;
   }
@@ -81,7 +81,7 @@ int QelHaldoSdkWrapperImpl::Initialize(const std::string& plc, const std::string
   const auto initialize = BindSdkExport<SdkInitializeFunction>(state, "Initialize");
   if (!initialize) {
     LogWrapperError("Initialize: Failed to obtain InitializeFunc handle!");
-    return 4;
+    return kWrapperExportMissing;
   }
 
   // Null before the call, so an SDK that fails without writing it hands
@@ -105,32 +105,32 @@ int QelHaldoSdkWrapperImpl::Initialize(const std::string& plc, const std::string
 bool QelHaldoSdkWrapperImpl::IsInitialized() { return !WrapperState().sessionId.empty(); }
 
 int QelHaldoSdkWrapperImpl::LockDirectory(const std::string& directoryToLock) {
-  return CallDirectoryExport(directoryToLock, "LockDirectory", "LockDirectory");
+  return CallDirectoryExport(directoryToLock, "LockDirectory");
 }
 
 int QelHaldoSdkWrapperImpl::UnLockDirectory(const std::string& directoryToLock) {
-  return CallDirectoryExport(directoryToLock, "UnLockDirectory", "UnLockDirectory");
+  return CallDirectoryExport(directoryToLock, "UnLockDirectory");
 }
 
 int QelHaldoSdkWrapperImpl::Uninitialize() {
   QelHaldoSdkWrapperState& state = WrapperState();
   if (state.sessionId.empty()) {
     LogWrapperError("Uninitialize: Not initialized!");
-    return 7;
+    return kWrapperNotInitialized;
   }
   const auto uninitialize = BindSdkExport<SdkUninitializeFunction>(state, "Uninitialize");
   if (!uninitialize) {
     LogWrapperError("Uninitialize: Failed to obtain UninitializeFunc handle!");
-    return 4;
+    return kWrapperExportMissing;
   }
   const int result = uninitialize(state.sessionId.c_str());
   if (result == 0) state.sessionId.clear();
 
   // The SDK is unloaded whatever it answered; a later Initialize loads it again.
   const HMODULE module = std::exchange(state.module, nullptr);
-  if (module && !ambrel::SdkModuleUnloader()(module)) {
+  if (module && !SdkModuleUnloader()(module)) {
     LogWrapperError("Uninitialize: Unload failed!");
-    return 1;
+    return kWrapperUnloadFailed;
   }
   LogWrapperInfo("Initialize: HALDO SDK unloaded successfully");
   return result;

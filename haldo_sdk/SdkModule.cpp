@@ -11,6 +11,7 @@
 #include "haldo_sdk/QelHaldoSdkWrapperState.h"
 #include "haldo_sdk/SignatureCheck.h"
 #include "haldo_sdk/WrapperLog.h"
+#include "haldo_sdk/WrapperStatus.h"
 #include "qel_loader/FileSystemStatus.h"
 #include "qel_loader/WinResource.h"
 
@@ -25,6 +26,14 @@ constexpr DWORD kExpandLimit = MAX_PATH;
 // first is far larger than the first query, each enlargement one unit larger
 // than the byte count it offers.
 void TerminateAfter(wchar_t* buffer, DWORD returnedBytes) { buffer[returnedBytes / sizeof(wchar_t)] = L'\0'; }
+
+// The registry buffer goes back through the allocator it came from.
+struct RegistryBufferTraits {
+  using Type = void*;
+  static Type Invalid() noexcept { return nullptr; }
+  static void Close(Type memory) noexcept { SdkLocationBufferAllocator().release(memory); }
+};
+using RegistryBuffer = UniqueResource<RegistryBufferTraits>;
 
 std::string ReadWholeFile(const std::filesystem::path& path) {
   std::ifstream file(path, std::ios::in);
@@ -46,7 +55,9 @@ bool IsRunningProcessId(const std::string& text) {
 }  // namespace
 
 RegistryBufferAllocator& SdkLocationBufferAllocator() {
-  static RegistryBufferAllocator allocator{&std::malloc, &std::realloc};
+  static RegistryBufferAllocator allocator{[](std::size_t size) { return std::malloc(size); },
+                                           [](void* memory, std::size_t size) { return std::realloc(memory, size); },
+                                           [](void* memory) { std::free(memory); }};
   return allocator;
 }
 
@@ -58,7 +69,7 @@ ModuleUnloadFunction& SdkModuleUnloader() {
 bool ReadStringFromRegistry(wchar_t** value, std::vector<DWORD>* offeredSizes) {
   *value = nullptr;
   const RegistryBufferAllocator& allocator = SdkLocationBufferAllocator();
-  UniqueCrtMemory buffer(allocator.allocate(kRegistryBufferBytes));
+  RegistryBuffer buffer(allocator.allocate(kRegistryBufferBytes));
   if (!buffer) {
     LogWrapperError("ReadStringFromRegistry: Failed to allocate memory for buffer to read registry!");
     return false;
@@ -105,7 +116,7 @@ void GetDllPath() {
     LogWrapperError("GetDllPath: Failed to read registry!");
     return;
   }
-  const UniqueCrtMemory owner(raw);
+  const RegistryBuffer owner(raw);
   const std::wstring value(raw);
   if (value.empty()) return;
 
@@ -146,13 +157,13 @@ bool IsSelfUpdateRunning() {
 }
 
 bool LoadSdk(int& code) {
-  code = kSdkNotLoaded;
+  code = kWrapperSdkNotLoaded;
   QelHaldoSdkWrapperState& state = WrapperState();
   if (state.module) return true;
 
   if (IsSelfUpdateRunning()) {
     WriteWrapperLogLine(L"[INFO] Load: Self-update is running");
-    code = kSdkSelfUpdateRunning;
+    code = kWrapperSelfUpdateRunning;
     return false;
   }
 
@@ -164,7 +175,7 @@ bool LoadSdk(int& code) {
   WriteWrapperLogLine(L"[INFO] Load: HALDO SDK path = " + state.dllPath);
 
   if (!VerifyCertificate(state.dllPath)) {
-    code = kSdkSignatureRejected;
+    code = kWrapperSignatureRejected;
     WriteWrapperLogLine(L"[ERROR] IsSignatureValid: Signature invalid at path = " + state.dllPath);
     return false;
   }

@@ -11,22 +11,17 @@
 
 namespace ambrel {
 
-// Why a load failed (read by Initialize only when the load fails).
-enum SdkLoadCode : int {
-  kSdkNotLoaded = 3,
-  kSdkSelfUpdateRunning = 8,
-  kSdkSignatureRejected = 9,
-};
-
 inline constexpr wchar_t kHaldoKeyPath[] = L"SOFTWARE\\Tavrel\\HALDO\\";
 inline constexpr wchar_t kSdkLocationValue[] = L"HALDOSDKLocation";
 inline constexpr wchar_t kSelfUpdateLockFileName[] = L"TvHALDOInstaller.run.lock";
 
-// Where the registry buffer's memory comes from. The process keeps one; tests
-// put failing functions in it to reach the out-of-memory paths.
+// Where the registry buffer's memory comes from and goes back to: malloc,
+// realloc and free. The process keeps one; tests put failing or counting
+// functions in it to reach the out-of-memory paths and to see every release.
 struct RegistryBufferAllocator {
   void* (*allocate)(std::size_t size);
   void* (*reallocate)(void* memory, std::size_t size);
+  void (*release)(void* memory);
 };
 RegistryBufferAllocator& SdkLocationBufferAllocator();
 
@@ -35,8 +30,8 @@ RegistryBufferAllocator& SdkLocationBufferAllocator();
 using ModuleUnloadFunction = BOOL(WINAPI*)(HMODULE module);
 ModuleUnloadFunction& SdkModuleUnloader();
 
-// Reads "HALDOSDKLocation" into a malloc'd, NUL-terminated buffer that the
-// caller frees. The first query offers 256 bytes and each retry 256 more;
+// Reads "HALDOSDKLocation" into a NUL-terminated buffer from the allocator
+// above, which the caller releases through it (free, by default). The first query offers 256 bytes and each retry 256 more;
 // `offeredSizes`, when given, receives the byte count offered by each query.
 bool ReadStringFromRegistry(wchar_t** value, std::vector<DWORD>* offeredSizes = nullptr);
 
@@ -53,7 +48,7 @@ std::filesystem::path SelfUpdateLockFilePath();
 bool IsSelfUpdateRunning();
 
 // True when the shared state holds the loaded SDK. On failure `code` tells
-// why (3, 8 or 9).
+// why: kWrapperSdkNotLoaded, kWrapperSelfUpdateRunning or kWrapperSignatureRejected.
 bool LoadSdk(int& code);
 
 }  // namespace ambrel

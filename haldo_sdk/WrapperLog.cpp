@@ -5,7 +5,6 @@
 #include <ctime>
 #include <filesystem>
 #include <fstream>
-#include <utility>
 
 #include "haldo_sdk/QelHaldoSdkWrapperState.h"
 #include "qel_loader/TextConvert.h"
@@ -16,37 +15,34 @@ namespace {
 constexpr wchar_t kLogFileTail[] = L"\\Tavrel\\HALDO\\HALDO_APIWrapper.log";
 
 // The stream's classic conversion writes one byte per character and fails on
-// a character beyond one byte, which would drop the whole buffered record (a
-// non-ASCII SDK path, or a narrow message byte widened past 0xFF). Such
-// characters are written as '?' so the record itself is kept.
-std::wstring OneBytePerCharacter(std::wstring line) {
-  for (wchar_t& c : line) {
+// characters above U+00FF, which would drop the rest of the line and its line
+// break. Such characters become '?', so every line stays whole.
+std::wstring OneBytePerCharacter(std::wstring_view text) {
+  std::wstring out(text);
+  for (wchar_t& c : out) {
     if (static_cast<unsigned>(c) > 0xFF) c = L'?';
   }
-  return line;
+  return out;
 }
 
 // Append, text mode, shared with other processes. A failed open leaves the
 // stream failed and every write a no-op, which is what silent logging wants.
 void AppendToLog(const std::wstring& path, std::wstring_view first, std::wstring_view second = {},
                  std::wstring_view third = {}, std::wstring_view fourth = {}) {
-  std::wstring line;
-  line.reserve(first.size() + second.size() + third.size() + fourth.size());
-  line.append(first).append(second).append(third).append(fourth);
   std::wofstream file(std::filesystem::path(path), std::ios::out | std::ios::app);
-  file << OneBytePerCharacter(std::move(line)) << std::endl;
+  file << OneBytePerCharacter(first) << OneBytePerCharacter(second) << OneBytePerCharacter(third)
+       << OneBytePerCharacter(fourth) << std::endl;
 }
 
-std::wstring LocalTimestamp() {
-  const __time64_t now = _time64(nullptr);
+}  // namespace
+
+std::wstring FormatLogTimestamp(__time64_t time) {
   std::tm local{};
-  if (_localtime64_s(&local, &now) != 0) return {};
+  if (_localtime64_s(&local, &time) != 0) return {};
   char text[512] = {};
   const size_t length = std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%S", &local);
   return WidenBytes(std::string_view(text, length));
 }
-
-}  // namespace
 
 void OpenWrapperLog() {
   // One unit more than the limit passed, so the text is terminated whatever
@@ -61,7 +57,7 @@ void OpenWrapperLog() {
 void WriteWrapperLogLine(std::wstring_view message) {
   QelHaldoSdkWrapperState& state = WrapperState();
   if (state.logPath.empty()) OpenWrapperLog();
-  const std::wstring timestamp = LocalTimestamp();
+  const std::wstring timestamp = FormatLogTimestamp(_time64(nullptr));
   // Still no path: the variable cannot be expanded, so the line is lost.
   if (state.logPath.empty()) return;
   AppendToLog(state.logPath, L"[", timestamp, L"] ", message);

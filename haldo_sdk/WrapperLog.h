@@ -3,6 +3,7 @@
 // reported, so logging never changes a result.
 #pragma once
 
+#include <ctime>
 #include <string>
 #include <string_view>
 
@@ -11,6 +12,9 @@ namespace ambrel {
 // Seventy-one equals signs: the first line of every initialisation attempt.
 inline constexpr std::wstring_view kWrapperLogSeparator =
     L"=======================================================================";
+
+// Local time as "%Y-%m-%dT%H:%M:%S"; empty when the time cannot be converted.
+std::wstring FormatLogTimestamp(__time64_t time);
 
 // Recomputes the log path from %LOCALAPPDATA% and writes a separator line.
 void OpenWrapperLog();

@@ -32,9 +32,11 @@ extern "C" AMBREL_API bool InitializeQel();
 
 // The shared-components folder, looked up once per library through a
 // throw-away installer session (the lock is dropped at once); "" when there is
-// none. Never null; the pointer stays valid while the library is loaded.
-// The first call does the lookup (concurrent first calls wait for it); not
-// alongside InitializeQel on another thread, which drives the same installer state.
+// none, also when first called after a successful InitializeQel. Never null;
+// the pointer stays valid while the library is loaded. A first call that
+// throws (filesystem_error "status") is retried by the next. Concurrent first
+// calls wait for one lookup; not alongside InitializeQel on another thread,
+// which drives the same installer state.
 extern "C" AMBREL_API const wchar_t* GetSharedDllPath();
 
 namespace QelLoadHelper {
@@ -53,7 +55,8 @@ AMBREL_API bool IsDevelopment();
 // dliFailLoadLib it loads the DLL from this library's folder, else from the
 // shared-components folder (registered as a DLL directory for the call only)
 // and returns the module; null otherwise, and for every other notification.
-// Runs on the thread whose delay-load failed; reads the folder InitializeQel recorded.
+// PATH and the current directory are never searched. Runs on the thread whose
+// delay load failed; does not read the folder InitializeQel recorded.
 AMBREL_API FARPROC WINAPI DelayLoadHook(unsigned dliNotify, PDelayLoadInfo pdli);
 
 // Calls unloadOne (normally __FUnloadDelayLoadedDLL2 of the calling image) once

@@ -3,6 +3,9 @@
 #include <climits>
 #include <cwchar>
 #include <stdexcept>
+#include <system_error>
+
+#include "qel_loader/SystemError.h"
 
 namespace ambrel {
 namespace {
@@ -52,6 +55,18 @@ std::wstring WidenBytes(std::string_view text) {
   std::wstring out;
   out.reserve(text.size());
   for (char byte : text) out.push_back(static_cast<wchar_t>(static_cast<short>(static_cast<signed char>(byte))));
+  return out;
+}
+
+std::wstring FileNameToWide(std::string_view name) {
+  if (name.empty()) return {};
+  const UINT codePage = ::AreFileApisANSI() ? CP_ACP : CP_OEMCP;
+  const int inLength = CheckedLength(name.size());
+  const int needed = ::MultiByteToWideChar(codePage, MB_ERR_INVALID_CHARS, name.data(), inLength, nullptr, 0);
+  if (needed <= 0) throw std::system_error(MakeWindowsError(::GetLastError()), "file name");
+  std::wstring out(static_cast<size_t>(needed), L'\0');
+  if (::MultiByteToWideChar(codePage, MB_ERR_INVALID_CHARS, name.data(), inLength, out.data(), needed) != needed)
+    throw std::system_error(MakeWindowsError(::GetLastError()), "file name");
   return out;
 }
 

@@ -25,4 +25,10 @@ inline std::wstring Utf8ToWide(std::string_view text) { return CodePageToWide(te
 // no code page is involved.
 std::wstring WidenBytes(std::string_view text);
 
+// A narrow file name as the file APIs read it: their code page (ANSI or OEM,
+// which is UTF-8 when the process runs with that code page). Unlike the
+// conversions above it does not guess: bytes the code page cannot convert
+// raise std::system_error, a name of 2^31 bytes or more std::length_error.
+std::wstring FileNameToWide(std::string_view name);
+
 }  // namespace ambrel

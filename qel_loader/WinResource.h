@@ -7,7 +7,6 @@
 #include <objbase.h>
 #include <wincrypt.h>
 
-#include <cstdlib>
 #include <utility>
 
 namespace ambrel {
@@ -103,12 +102,6 @@ struct CertContextTraits {
   static Type Invalid() noexcept { return nullptr; }
   static void Close(Type context) noexcept { ::CertFreeCertificateContext(context); }
 };
-// malloc'd memory (buffers whose growth goes through realloc).
-struct CrtMemoryTraits {
-  using Type = void*;
-  static Type Invalid() noexcept { return nullptr; }
-  static void Close(Type memory) noexcept { ::free(memory); }
-};
 
 using UniqueRegKey = UniqueResource<RegKeyTraits>;
 using UniqueModule = UniqueResource<ModuleTraits>;
@@ -120,7 +113,6 @@ using UniqueEnvironmentStrings = UniqueResource<EnvironmentStringsTraits>;
 using UniqueCertStore = UniqueResource<CertStoreTraits>;
 using UniqueCryptMsg = UniqueResource<CryptMsgTraits>;
 using UniqueCertContext = UniqueResource<CertContextTraits>;
-using UniqueCrtMemory = UniqueResource<CrtMemoryTraits>;
 
 // Owner of one COM interface pointer.
 template <typename Interface>

@@ -314,24 +314,28 @@ TEST_F(WrapperLockTest, LockWithTheModuleLoadedButNoSessionPassesAnEmptyId) {
   EXPECT_THAT(sdk_.Calls(), ElementsAre("LockDirectory\t\tC:\\Qel\t0"));
 }
 
-TEST_F(WrapperLockTest, MissingLockExportsReturn4) {
-  SetSdkLocation(StandInKind::NoLockDirectory);
-  ASSERT_EQ(wrapper_.Initialize("QEL", "2026", "neutral"), 0);
-  EXPECT_EQ(wrapper_.LockDirectory("C:\\Qel"), 4);
-  EXPECT_EQ(wrapper_.UnLockDirectory("C:\\Qel"), 0);
-  const auto messages = log_.Messages();
-  ASSERT_EQ(messages.size(), 6u);
-  EXPECT_EQ(messages[5], "[ERROR] HALDOAPIWrapperImpl::LockDirectory: Failed to obtain LockDirectoryFunc handle!");
-}
-
-TEST_F(WrapperLockTest, MissingUnLockExportReturns4) {
-  SetSdkLocation(StandInKind::NoUnLockDirectory);
-  ASSERT_EQ(wrapper_.Initialize("QEL", "2026", "neutral"), 0);
-  EXPECT_EQ(wrapper_.LockDirectory("C:\\Qel"), 0);
-  EXPECT_EQ(wrapper_.UnLockDirectory("C:\\Qel"), 4);
-  const auto messages = log_.Messages();
-  ASSERT_EQ(messages.size(), 6u);
-  EXPECT_EQ(messages[5], "[ERROR] HALDOAPIWrapperImpl::UnLockDirectory: Failed to obtain UnLockDirectoryFunc handle!");
+TEST_F(WrapperLockTest, MissingLockExportReturns4AndTheOtherStillWorks) {
+  struct Case {
+    StandInKind kind;
+    int lockResult;
+    int unlockResult;
+    std::string line;
+  };
+  const Case cases[] = {
+      {StandInKind::NoLockDirectory, 4, 0,
+       "[ERROR] HALDOAPIWrapperImpl::LockDirectory: Failed to obtain LockDirectoryFunc handle!"},
+      {StandInKind::NoUnLockDirectory, 0, 4,
+       "[ERROR] HALDOAPIWrapperImpl::UnLockDirectory: Failed to obtain UnLockDirectoryFunc handle!"},
+  };
+  for (const Case& c : cases) {
+    ResetWrapperState();
+    log_.Clear();
+    SetSdkLocation(c.kind);
+    ASSERT_EQ(wrapper_.Initialize("QEL", "2026", "neutral"), 0);
+    EXPECT_EQ(wrapper_.LockDirectory("C:\\Qel"), c.lockResult);
+    EXPECT_EQ(wrapper_.UnLockDirectory("C:\\Qel"), c.unlockResult);
+    EXPECT_THAT(log_.Messages(), ElementsAreArray(Concat(SuccessfulInitializeLines(SdkPath(c.kind)), {c.line})));
+  }
 }
 
 // ---- Uninitialize
@@ -404,21 +408,10 @@ BOOL WINAPI UnloadThenReportFailure(HMODULE module) {
   return FALSE;
 }
 
-class UnloaderSwap {
- public:
-  explicit UnloaderSwap(ModuleUnloadFunction replacement) : saved_(SdkModuleUnloader()) {
-    SdkModuleUnloader() = replacement;
-  }
-  ~UnloaderSwap() { SdkModuleUnloader() = saved_; }
-
- private:
-  ModuleUnloadFunction saved_;
-};
-
 TEST_F(WrapperUninitializeTest, UnloadFailureReturns1AndForgetsTheModule) {
   SetSdkLocation(StandInKind::Signed);
   ASSERT_EQ(wrapper_.Initialize("QEL", "2026", "neutral"), 0);
-  UnloaderSwap swap(&UnloadThenReportFailure);
+  ValueSwap<ModuleUnloadFunction> swap(SdkModuleUnloader(), &UnloadThenReportFailure);
   EXPECT_EQ(wrapper_.Uninitialize(), 1);
   EXPECT_EQ(WrapperState().module, nullptr);
   EXPECT_FALSE(wrapper_.IsInitialized());  // the SDK itself succeeded

@@ -43,23 +43,28 @@ std::wstring ReadSdkLocation(std::vector<DWORD>* offered) {
   wchar_t* value = nullptr;
   if (!ReadStringFromRegistry(&value, offered)) return L"<failed>";
   std::wstring text = value ? value : L"<null>";
-  std::free(value);
+  SdkLocationBufferAllocator().release(value);
   return text;
 }
 
-class AllocatorSwap {
- public:
-  explicit AllocatorSwap(RegistryBufferAllocator replacement) : saved_(SdkLocationBufferAllocator()) {
-    SdkLocationBufferAllocator() = replacement;
-  }
-  ~AllocatorSwap() { SdkLocationBufferAllocator() = saved_; }
-
- private:
-  RegistryBufferAllocator saved_;
-};
-
 void* NoMemory(std::size_t) { return nullptr; }
 void* NoLargerMemory(void*, std::size_t) { return nullptr; }
+void* Allocate(std::size_t size) { return std::malloc(size); }
+void* Reallocate(void* memory, std::size_t size) { return std::realloc(memory, size); }
+void Release(void* memory) { std::free(memory); }
+
+// Counts the blocks handed out and not yet given back.
+int g_outstanding = 0;
+void* CountedAllocate(std::size_t size) {
+  void* memory = std::malloc(size);
+  if (memory) ++g_outstanding;
+  return memory;
+}
+void CountedRelease(void* memory) {
+  if (memory) --g_outstanding;
+  std::free(memory);
+}
+void* FailingCountedReallocate(void*, std::size_t) { return nullptr; }
 
 // ---- ReadStringFromRegistry: first query of 256 bytes, growth by 256
 
@@ -150,7 +155,7 @@ TEST_F(RegistryReadTest, EmptyValue) {
 
 TEST_F(RegistryReadTest, BufferAllocationFailure) {
   SetSdkLocation(StandInKind::Signed);
-  AllocatorSwap swap({&NoMemory, &std::realloc});
+  ValueSwap<RegistryBufferAllocator> swap(SdkLocationBufferAllocator(), {&NoMemory, &Reallocate, &Release});
   EXPECT_EQ(wrapper_.Initialize("QEL", "2026", "neutral"), 3);
   EXPECT_THAT(log_.Messages(),
               ElementsAreArray(FailedLoad({"[ERROR] HALDOAPIWrapperImpl::ReadStringFromRegistry: Failed to allocate "
@@ -161,9 +166,44 @@ TEST_F(RegistryReadTest, BufferAllocationFailure) {
 TEST_F(RegistryReadTest, BufferEnlargementFailure) {
   ScratchDir dir;
   SetSdkLocation(SignedCopyWithPathLength(dir, 200));
-  AllocatorSwap swap({&std::malloc, &NoLargerMemory});
+  ValueSwap<RegistryBufferAllocator> swap(SdkLocationBufferAllocator(), {&Allocate, &NoLargerMemory, &Release});
   EXPECT_EQ(wrapper_.Initialize("QEL", "2026", "neutral"), 3);
   EXPECT_THAT(log_.Messages(), ElementsAreArray(FailedLoad({kReadFailedLine, kPathEmptyLine})));
+}
+
+TEST_F(RegistryReadTest, TheBufferIsGivenBackOnEveryPath) {
+  struct Case {
+    const char* name;
+    void (*prepare)(const ScratchDir& dir);
+    RegistryBufferAllocator allocator;
+    int expected;
+  };
+  const Case cases[] = {
+      {"key missing", [](const ScratchDir&) {}, {&CountedAllocate, &Reallocate, &CountedRelease}, 3},
+      {"value missing", [](const ScratchDir&) { RegistrySandbox::CreateKey(HKEY_LOCAL_MACHINE, kHaldoKey); },
+       {&CountedAllocate, &Reallocate, &CountedRelease}, 3},
+      {"value empty", [](const ScratchDir&) { SetSdkLocation(L""); },
+       {&CountedAllocate, &Reallocate, &CountedRelease}, 3},
+      {"enlargement failed", [](const ScratchDir& dir) { SetSdkLocation(SignedCopyWithPathLength(dir, 200)); },
+       {&CountedAllocate, &FailingCountedReallocate, &CountedRelease}, 3},
+      {"enlarged and read", [](const ScratchDir& dir) { SetSdkLocation(SignedCopyWithPathLength(dir, 200)); },
+       {&CountedAllocate, &Reallocate, &CountedRelease}, 0},
+      {"read at once", [](const ScratchDir&) { SetSdkLocation(StandInKind::Signed); },
+       {&CountedAllocate, &Reallocate, &CountedRelease}, 0},
+  };
+  for (const Case& c : cases) {
+    ResetWrapperState();
+    RegistrySandbox::DeleteKey(HKEY_LOCAL_MACHINE, kHaldoKey);
+    ScratchDir dir;
+    c.prepare(dir);
+    g_outstanding = 0;
+    {
+      ValueSwap<RegistryBufferAllocator> swap(SdkLocationBufferAllocator(), c.allocator);
+      EXPECT_EQ(wrapper_.Initialize("QEL", "2026", "neutral"), c.expected) << c.name;
+    }
+    EXPECT_EQ(g_outstanding, 0) << c.name;
+    if (c.expected == 0) EXPECT_EQ(wrapper_.Uninitialize(), 0);
+  }
 }
 
 TEST_F(RegistryReadTest, AFailedReadIsRetriedByTheNextLoad) {
@@ -207,6 +247,17 @@ TEST_F(DllPathTest, ExpansionThatDoesNotFitIn260CharactersFails) {
   EnvGuard env;
   env.Set(L"AMBREL_TEST_SDK_DIR", dll.substr(0, dll.rfind(L'\\')));
   SetSdkLocation(L"%AMBREL_TEST_SDK_DIR%\\..\\" + dll.substr(dir.path().size() + 1));
+  EXPECT_EQ(wrapper_.Initialize("QEL", "2026", "neutral"), 3);
+  EXPECT_THAT(log_.Messages(),
+              ElementsAreArray(FailedLoad(
+                  {"[ERROR] HALDOAPIWrapperImpl::GetDllPath: expanded Dll Path does not exist!", kPathEmptyLine})));
+}
+
+TEST_F(DllPathTest, UnexpectedErrorTestingThePathCountsAsMissing) {
+  // Asking for the attributes of a path below a device fails with
+  // ERROR_BAD_DEV_TYPE (66): only the lock-file test may raise, so this one
+  // reports the path as missing.
+  SetSdkLocation(L"\\\\.\\NUL\\StandInSdk.dll");
   EXPECT_EQ(wrapper_.Initialize("QEL", "2026", "neutral"), 3);
   EXPECT_THAT(log_.Messages(),
               ElementsAreArray(FailedLoad(

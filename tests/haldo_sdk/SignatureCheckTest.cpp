@@ -2,7 +2,9 @@
 
 #include <softpub.h>
 
+#include "haldo_sdk/SdkModule.h"
 #include "tests/haldo_sdk/WrapperTest.h"
+#include "tests/support/HandleCount.h"
 
 namespace ambrel::test {
 namespace {
@@ -202,6 +204,29 @@ TEST_F(PublisherStageTest, WholeCheckOfAnUnsignedFileSkipsThePublisherStage) {
 TEST_F(PublisherStageTest, WholeCheckOfTheMakersFilePassesSilently) {
   EXPECT_TRUE(VerifyCertificate(StandInSdkPath(StandInKind::Signed)));
   EXPECT_FALSE(log_.LogExists());
+}
+
+// ---- Handles
+
+using HandleReleaseTest = WrapperTest;
+
+TEST_F(HandleReleaseTest, ChecksGiveBackEveryKernelHandle) {
+  const StandInKind kinds[] = {StandInKind::Signed, StandInKind::Unsigned, StandInKind::Tampered,
+                               StandInKind::OtherPublisher};
+  auto runAll = [&] {
+    for (StandInKind kind : kinds) VerifyCertificate(StandInSdkPath(kind));
+    SignatureNamesPublisher(StandInSdkPath(StandInKind::Unsigned), kSdkPublisher);
+    programData_.WriteLock(std::to_string(::GetCurrentProcessId()));
+    IsSelfUpdateRunning();  // stops at the first match
+    programData_.WriteLock("no process has this id");
+    IsSelfUpdateRunning();  // walks the whole snapshot
+    programData_.RemoveLock();
+  };
+  runAll();  // the first round loads providers and caches that stay
+  const std::size_t before = CountProcessHandles();
+  ASSERT_GT(before, 0u) << "the handle table could not be read";
+  for (int round = 0; round < 3; ++round) runAll();
+  EXPECT_EQ(CountProcessHandles(), before);
 }
 
 }  // namespace

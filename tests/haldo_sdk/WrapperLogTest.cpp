@@ -142,5 +142,22 @@ TEST_F(WrapperLogTest, LineWriterOpensTheLogWhenNoPathIsKnown) {
   EXPECT_THAT(log_.Messages(), ElementsAre(kLogSeparator, "[ERROR] VerifyCertificate failed!"));
 }
 
+TEST_F(WrapperLogTest, TimeThatCannotBeConvertedGivesAnEmptyTimestamp) {
+  // _localtime64_s refuses negative times; the record then begins with "[] ".
+  EXPECT_EQ(FormatLogTimestamp(-1), L"");
+  const std::wstring stamp = FormatLogTimestamp(0);
+  EXPECT_TRUE(HasTimestampShape("[" + Narrow(stamp) + "] ")) << Narrow(stamp);
+}
+
+TEST_F(WrapperLogTest, CharactersBeyondOneByteBecomeQuestionMarksAndTheLineStaysWhole) {
+  // Latin-1 characters keep their byte; anything above, including narrow bytes
+  // widened by sign extension (0xE9 -> U+FFE9), is written as '?'.
+  WriteWrapperLogLine(L"[INFO] Load: HALDO SDK path = C:\\Jos\u00e9\\\u0416\\sdk.dll");
+  LogWrapperInfo("caf\xE9");
+  LogWrapperInfo("next");
+  EXPECT_THAT(log_.Messages(), ElementsAre(kLogSeparator, "[INFO] Load: HALDO SDK path = C:\\Jos\xE9\\?\\sdk.dll",
+                                           "[INFO] HALDOAPIWrapperImpl::caf?", "[INFO] HALDOAPIWrapperImpl::next"));
+}
+
 }  // namespace
 }  // namespace ambrel::test

@@ -17,6 +17,20 @@
 
 namespace ambrel::test {
 
+// Puts a replacement into one of the wrapper's process-wide seams for the scope.
+template <typename T>
+class ValueSwap {
+ public:
+  ValueSwap(T& slot, T replacement) : slot_(slot), saved_(slot) { slot_ = replacement; }
+  ~ValueSwap() { slot_ = saved_; }
+  ValueSwap(const ValueSwap&) = delete;
+  ValueSwap& operator=(const ValueSwap&) = delete;
+
+ private:
+  T& slot_;
+  T saved_;
+};
+
 class WrapperTest : public ::testing::Test {
  protected:
   void SetUp() override { ResetWrapperState(); }
@@ -25,14 +39,9 @@ class WrapperTest : public ::testing::Test {
   static std::string Path(const std::wstring& path) { return Narrow(path); }
   static std::string SdkPath(StandInKind kind) { return Narrow(StandInSdkPath(kind)); }
 
-  // The log lines of a successful initialisation, for QEL / 2026 / neutral.
   static std::vector<std::string> SuccessfulInitializeLines(const std::string& dllPath,
                                                             const std::string& sessionId = StandInSdk::kDefaultSessionId) {
-    return {kLogSeparator,
-            "[INFO] HALDOAPIWrapperImpl::Initialize: plc = \"QEL\", release = \"2026\", language = \"neutral\"",
-            "[INFO] Load: HALDO SDK path = " + dllPath,
-            "[INFO] HALDOAPIWrapperImpl::Initialize: HALDO SDK loaded successfully",
-            "[INFO] HALDOAPIWrapperImpl::Initialize: session id = " + sessionId};
+    return SuccessfulInitializeLog(dllPath, sessionId);
   }
 
   RegistrySandbox sandbox_;

@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <system_error>
+
 namespace ambrel {
 namespace {
 
@@ -24,6 +26,33 @@ TEST(TextConvert, WidenBytesSignExtendsEachByte) {
   EXPECT_EQ(wide[1], static_cast<wchar_t>(0x7F));
   EXPECT_EQ(wide[2], static_cast<wchar_t>(0xFF80));
   EXPECT_EQ(wide[3], static_cast<wchar_t>(0xFFFF));
+}
+
+TEST(TextConvert, FileNameToWideUsesTheFileApisCodePage) {
+  EXPECT_EQ(FileNameToWide("ambrel_dlprobe.dll"), L"ambrel_dlprobe.dll");
+  EXPECT_EQ(FileNameToWide(""), L"");
+  // Whatever the code page, the result is what the file APIs would read.
+  const std::string name = "caf\xe9.dll";
+  const UINT codePage = ::AreFileApisANSI() ? CP_ACP : CP_OEMCP;
+  wchar_t expected[16] = {};
+  const int length = ::MultiByteToWideChar(codePage, MB_ERR_INVALID_CHARS, name.data(), 8, expected, 16);
+  if (length == 0) {
+    EXPECT_THROW(FileNameToWide(name), std::system_error);
+  } else {
+    EXPECT_EQ(FileNameToWide(name), std::wstring(expected, static_cast<size_t>(length)));
+  }
+}
+
+TEST(TextConvert, FileNameToWideFollowsASwitchToTheOemCodePage) {
+  const std::string name = "\x82.dll";  // 'e' acute in code page 437/850, a low quote in 1252
+  ::SetFileApisToOEM();
+  const std::wstring oem = FileNameToWide(name);
+  ::SetFileApisToANSI();
+  const std::wstring ansi = FileNameToWide(name);
+  wchar_t expected[8] = {};
+  ASSERT_GT(::MultiByteToWideChar(CP_OEMCP, 0, name.data(), 5, expected, 8), 0);
+  EXPECT_EQ(oem, std::wstring(expected, 5));
+  if (::GetACP() != ::GetOEMCP()) EXPECT_NE(oem, ansi);
 }
 
 }  // namespace

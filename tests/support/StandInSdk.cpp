@@ -123,6 +123,16 @@ std::vector<std::string> WrapperLogFolder::Messages() const {
 
 void WrapperLogFolder::Clear() const { ::DeleteFileW(LogFile().c_str()); }
 
+std::vector<std::string> SuccessfulInitializeLog(const std::string& dllPath, const std::string& sessionId,
+                                                 const std::string& plc, const std::string& release,
+                                                 const std::string& language) {
+  return {kLogSeparator,
+          "[INFO] HALDOAPIWrapperImpl::Initialize: plc = \"" + plc + "\", release = \"" + release +
+              "\", language = \"" + language + "\"",
+          "[INFO] Load: HALDO SDK path = " + dllPath, "[INFO] HALDOAPIWrapperImpl::Initialize: HALDO SDK loaded successfully",
+          "[INFO] HALDOAPIWrapperImpl::Initialize: session id = " + sessionId};
+}
+
 bool HasTimestampShape(const std::string& line) {
   // "[YYYY-MM-DDTHH:MM:SS] ": digits everywhere but at the fixed punctuation.
   static const std::string shape = "[dddd-dd-ddTdd:dd:dd] ";

@@ -113,6 +113,13 @@ class WrapperLogFolder {
 
 // Seventy-one '=' signs.
 extern const std::string kLogSeparator;
+
+// The log of a successful wrapper Initialize (as WrapperLogFolder::Messages()
+// returns it): separator, arguments, SDK path, loaded, session id.
+std::vector<std::string> SuccessfulInitializeLog(const std::string& dllPath,
+                                                 const std::string& sessionId = StandInSdk::kDefaultSessionId,
+                                                 const std::string& plc = "QEL", const std::string& release = "2026",
+                                                 const std::string& language = "neutral");
 // True when `line` begins with "[YYYY-MM-DDTHH:MM:SS] ".
 bool HasTimestampShape(const std::string& line);
 

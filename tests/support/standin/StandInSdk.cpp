@@ -66,6 +66,13 @@ void Record(const std::string& line) {
 
 std::string Text(const char* value) { return value ? std::string(value) : std::string("<null>"); }
 
+// LockDirectory and UnLockDirectory behave alike.
+int DirectoryCall(const char* exportName, const char* sessionId, const char* directory) {
+  const int result = ConfiguredResult(exportName);
+  Record(std::string(exportName) + "\t" + Text(sessionId) + "\t" + Text(directory) + "\t" + std::to_string(result));
+  return result;
+}
+
 }  // namespace
 
 extern "C" {
@@ -128,17 +135,13 @@ __declspec(dllexport) int Uninitialize(const char* sessionId) {
 
 #ifndef STANDIN_OMIT_LockDirectory
 __declspec(dllexport) int LockDirectory(const char* sessionId, const char* directory) {
-  const int result = ConfiguredResult("LockDirectory");
-  Record("LockDirectory\t" + Text(sessionId) + "\t" + Text(directory) + "\t" + std::to_string(result));
-  return result;
+  return DirectoryCall("LockDirectory", sessionId, directory);
 }
 #endif
 
 #ifndef STANDIN_OMIT_UnLockDirectory
 __declspec(dllexport) int UnLockDirectory(const char* sessionId, const char* directory) {
-  const int result = ConfiguredResult("UnLockDirectory");
-  Record("UnLockDirectory\t" + Text(sessionId) + "\t" + Text(directory) + "\t" + std::to_string(result));
-  return result;
+  return DirectoryCall("UnLockDirectory", sessionId, directory);
 }
 #endif
 

@@ -1,0 +1,62 @@
+// The bootstrap entry's internal parts: the edition-aware entry for the folder
+// utilities, and the steps of a full run over a session object.
+#pragma once
+
+#include <optional>
+#include <string>
+
+#include "qel_loader/Environment.h"
+#include "qel_loader/FileSystemStatus.h"
+#include "qel_loader/InstallQueries.h"
+#include "qel_loader/PathList.h"
+#include "qel_session/QelStatus.h"
+
+namespace ambrel {
+
+// The environment marker that makes later sessions, here and in child
+// processes, skip the installer service.
+inline constexpr wchar_t kBypassMarker[] = L"QEL_INITIALIZE_BYPASSED";
+
+// True for a KLXLITE installation without doing anything; else InitializeQel().
+bool InitializeQelForEdition();
+
+// The new PATH value with `directory` in front of `oldPath`: the directory,
+// one ';', then the old value unchanged.
+std::wstring PrependToPathList(const std::wstring& directory, const std::wstring& oldPath);
+
+// Locate, check, put on PATH, record, mark, while the installer holds the
+// lock. PATH changes only in a run that goes on to record the folder. Throws
+// std::filesystem::filesystem_error ("status") on an unexpected error of the
+// folder test.
+template <typename Session>
+bool PrepareProcess(Session& session) {
+  std::wstring directory;
+  if (session.LockInstallLocation(directory) != QelStatus::Success) return false;
+  if (directory.empty() || !IsExistingDirectory(directory)) return false;
+
+  const std::optional<std::wstring> path = ReadEnvironmentVariable(L"PATH");
+  if (!path) return false;
+  if (!PathListContains(*path, directory) &&
+      !WriteEnvironmentVariable(L"PATH", PrependToPathList(directory, *path).c_str())) {
+    return false;
+  }
+  SharedDllPath() = directory;
+  WriteEnvironmentVariable(kBypassMarker, L"1");  // a lost marker only costs children a session
+  return true;
+}
+
+// A full run over a fresh session: start it, prepare the process, end it.
+// Bypassed counts as success. A session that did not start is not
+// uninitialised; neither is one left by an exception (the caller's session
+// object is destroyed all the same). Generic so tests can script a session.
+template <typename Session>
+bool RunBootstrapSession(Session& session) {
+  const QelStatus started = session.Initialize(QelRelease);
+  if (started == QelStatus::InitializeBypassed) return true;
+  if (started != QelStatus::Success) return false;
+  const bool prepared = PrepareProcess(session);
+  session.Uninitialize();
+  return prepared;
+}
+
+}  // namespace ambrel

@@ -1,0 +1,374 @@
+#include "qel_loader/Bootstrap.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cwctype>
+#include <filesystem>
+#include <map>
+
+#include "Ambrel.h"
+#include "qel_loader/InstallQueries.h"
+#include "qel_loader/TextConvert.h"
+#include "tests/qel_loader/BootstrapSandbox.h"
+
+namespace ambrel {
+namespace {
+
+using test::BinFile;
+using test::BootstrapSandbox;
+using test::CopyFileTo;
+using test::EnvGuard;
+using test::kMarker;
+using test::LibraryCopy;
+using test::ScratchDir;
+
+using Calls = std::vector<std::string>;
+using test::kWholeSession;
+const std::wstring kOldPath = L"C:\\windows\\system32;C:\\windows;C:\\Tools\\bin";
+
+std::optional<std::wstring> Env(const std::wstring& name) { return EnvGuard::Get(name); }
+
+// Each case starts in the Fresh state: nothing recorded, no marker (the
+// sandbox removes it), and the wrapper's state reset.
+class InitializeQelTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    SharedDllPath().clear();
+    sandbox.env().Set(L"PATH", kOldPath);
+  }
+  void TearDown() override { SharedDllPath().clear(); }
+
+  // The directory field of the stand-in's LockDirectory record, or "".
+  std::string LockedDirectory() {
+    for (const std::string& line : sandbox.sdk().Calls()) {
+      if (line.rfind("LockDirectory\t", 0) == 0) {
+        const size_t id = line.find('\t') + 1;
+        const size_t dir = line.find('\t', id) + 1;
+        return line.substr(dir, line.find('\t', dir) - dir);
+      }
+    }
+    return "";
+  }
+
+  BootstrapSandbox sandbox;
+};
+
+TEST_F(InitializeQelTest, FreshRunPrependsRecordsAndMarks) {
+  EXPECT_TRUE(InitializeQel());
+  EXPECT_EQ(Env(L"PATH"), sandbox.sharedDir() + L";" + kOldPath);
+  EXPECT_EQ(SharedDllPath(), sandbox.sharedDir());
+  EXPECT_EQ(Env(kMarker), L"1");
+  EXPECT_EQ(sandbox.SdkCalls(), kWholeSession);
+  EXPECT_EQ(LockedDirectory(), WideToUtf8(sandbox.sharedDir()) + "\\");
+}
+
+TEST_F(InitializeQelTest, DirectoryIsRecordedExactlyAsTheSessionReturnedIt) {
+  // The override hands the text on untouched: a trailing separator stays.
+  const std::wstring location = sandbox.sharedDir() + L"\\";
+  sandbox.OverrideLocation(location);
+  EXPECT_TRUE(InitializeQel());
+  EXPECT_EQ(SharedDllPath(), location);
+  EXPECT_EQ(Env(L"PATH"), location + L";" + kOldPath);
+}
+
+TEST_F(InitializeQelTest, SecondCallAfterSuccessReturnsAtOnce) {
+  ASSERT_TRUE(InitializeQel());
+  sandbox.env().Set(L"PATH", L"C:\\changed");
+  sandbox.env().Unset(kMarker);
+  sandbox.sdk().ClearCalls();
+  EXPECT_TRUE(InitializeQel());
+  EXPECT_EQ(Env(L"PATH"), L"C:\\changed") << "PATH is not looked at again";
+  EXPECT_EQ(Env(kMarker), std::nullopt);
+  EXPECT_TRUE(sandbox.SdkCalls(true).empty()) << "no session";
+  EXPECT_EQ(SharedDllPath(), sandbox.sharedDir());
+}
+
+TEST_F(InitializeQelTest, MarkerAlreadyPresentWithAnyValueIsBypassed) {
+  for (const wchar_t* value : {L"1", L"0", L"anything"}) {
+    sandbox.env().Set(kMarker, value);
+    EXPECT_TRUE(InitializeQel()) << test::Narrow(value);
+    EXPECT_EQ(Env(L"PATH"), kOldPath);
+    EXPECT_TRUE(SharedDllPath().empty());
+    EXPECT_EQ(Env(kMarker), value);
+    EXPECT_TRUE(sandbox.SdkCalls(true).empty()) << "the SDK is never reached, so nothing is unlocked or ended";
+  }
+}
+
+TEST_F(InitializeQelTest, PathHoldingTheDirectoryInOtherCaseIsLeftAlone) {
+  std::wstring lower = sandbox.sharedDir();
+  std::transform(lower.begin(), lower.end(), lower.begin(), [](wchar_t c) { return std::towlower(c); });
+  ASSERT_NE(lower, sandbox.sharedDir()) << "the folder name must have capitals for this case";
+  const std::wstring path = L"C:\\windows;" + lower + L";C:\\Tools";
+  sandbox.env().Set(L"PATH", path);
+  EXPECT_TRUE(InitializeQel());
+  EXPECT_EQ(Env(L"PATH"), path);
+  EXPECT_EQ(SharedDllPath(), sandbox.sharedDir());
+  EXPECT_EQ(Env(kMarker), L"1");
+  EXPECT_EQ(sandbox.SdkCalls(), kWholeSession);
+}
+
+TEST_F(InitializeQelTest, PathHoldingTheDirectoryWithATrailingBackslashGetsItPrependedAgain) {
+  const std::wstring path = sandbox.sharedDir() + L"\\;C:\\windows";
+  sandbox.env().Set(L"PATH", path);
+  EXPECT_TRUE(InitializeQel());
+  EXPECT_EQ(Env(L"PATH"), sandbox.sharedDir() + L";" + path);
+  EXPECT_EQ(SharedDllPath(), sandbox.sharedDir());
+}
+
+TEST_F(InitializeQelTest, PathAbsentFailsAndRecordsNothing) {
+  sandbox.env().Unset(L"PATH");
+  EXPECT_FALSE(InitializeQel());
+  EXPECT_EQ(Env(L"PATH"), std::nullopt);
+  EXPECT_TRUE(SharedDllPath().empty());
+  EXPECT_EQ(Env(kMarker), std::nullopt);
+  EXPECT_EQ(sandbox.SdkCalls(), kWholeSession) << "the session is still unlocked and ended";
+}
+
+TEST_F(InitializeQelTest, FailedRunLeavesTheProcessFreshAndTheNextCallRetries) {
+  sandbox.env().Unset(L"PATH");
+  ASSERT_FALSE(InitializeQel());
+  sandbox.env().Set(L"PATH", kOldPath);
+  sandbox.sdk().ClearCalls();
+  EXPECT_TRUE(InitializeQel());
+  EXPECT_EQ(sandbox.SdkCalls(), kWholeSession);
+  EXPECT_EQ(Env(L"PATH"), sandbox.sharedDir() + L";" + kOldPath);
+  EXPECT_EQ(SharedDllPath(), sandbox.sharedDir());
+}
+
+TEST_F(InitializeQelTest, LockedDirectoryThatDoesNotExistFailsAndTheSessionIsEnded) {
+  sandbox.OverrideLocation(sandbox.scratch() / L"not-there");
+  EXPECT_FALSE(InitializeQel());
+  EXPECT_EQ(Env(L"PATH"), kOldPath);
+  EXPECT_TRUE(SharedDllPath().empty());
+  EXPECT_EQ(Env(kMarker), std::nullopt);
+  EXPECT_EQ(sandbox.SdkCalls(), kWholeSession);
+}
+
+TEST_F(InitializeQelTest, LockedPathThatIsARegularFileFailsAndTheSessionIsEnded) {
+  sandbox.OverrideLocation(sandbox.scratch().WriteFile(L"a-file.txt", "not a folder"));
+  EXPECT_FALSE(InitializeQel());
+  EXPECT_EQ(Env(L"PATH"), kOldPath);
+  EXPECT_TRUE(SharedDllPath().empty());
+  EXPECT_EQ(Env(kMarker), std::nullopt);
+  EXPECT_EQ(sandbox.SdkCalls(), kWholeSession);
+}
+
+TEST_F(InitializeQelTest, NoUsableLocationFailsWithoutALockButTheSessionIsEnded) {
+  ASSERT_TRUE(::RemoveDirectoryW(sandbox.sharedDir().c_str()));  // the version folder is gone
+  EXPECT_FALSE(InitializeQel());
+  EXPECT_EQ(Env(L"PATH"), kOldPath);
+  EXPECT_EQ(Env(kMarker), std::nullopt);
+  EXPECT_EQ(sandbox.SdkCalls(), (Calls{"Initialize", "UnLockDirectory", "Uninitialize"}));
+}
+
+TEST_F(InitializeQelTest, FailedLockStillPreparesTheProcess) {
+  sandbox.sdk().SetResult("LockDirectory", 5);
+  EXPECT_TRUE(InitializeQel());
+  EXPECT_EQ(Env(L"PATH"), sandbox.sharedDir() + L";" + kOldPath);
+  EXPECT_EQ(SharedDllPath(), sandbox.sharedDir());
+  EXPECT_EQ(sandbox.SdkCalls(), kWholeSession);
+}
+
+TEST_F(InitializeQelTest, SdkThatDoesNotStartStillLeavesTheRegistryLocationUsable) {
+  // The session reports 0 and hands out the registry's folder without a lock;
+  // ending finds no SDK session, so nothing is unlocked or ended.
+  sandbox.sdk().SetResult("Initialize", 3);
+  EXPECT_TRUE(InitializeQel());
+  EXPECT_EQ(SharedDllPath(), sandbox.sharedDir());
+  EXPECT_EQ(sandbox.SdkCalls(), (Calls{"Initialize"}));
+}
+
+TEST_F(InitializeQelTest, UnexpectedFileSystemErrorPropagatesWithoutEndingTheSession) {
+  // A raw disk's attributes: Wine answers ERROR_BAD_DEV_TYPE, Windows
+  // ERROR_ACCESS_DENIED; neither means "not found".
+  sandbox.OverrideLocation(L"\\\\.\\PhysicalDrive0");
+  try {
+    (void)InitializeQel();
+    ADD_FAILURE() << "no exception";
+  } catch (const std::filesystem::filesystem_error& error) {
+    EXPECT_NE(std::string(error.what()).find("status"), std::string::npos) << error.what();
+    EXPECT_EQ(error.path1().wstring(), L"\\\\.\\PhysicalDrive0");
+  }
+  EXPECT_EQ(Env(L"PATH"), kOldPath);
+  EXPECT_TRUE(SharedDllPath().empty());
+  EXPECT_EQ(Env(kMarker), std::nullopt);
+  EXPECT_EQ(sandbox.SdkCalls(), (Calls{"Initialize", "LockDirectory"}));
+}
+
+TEST_F(InitializeQelTest, DevelopmentBuildOnlySetsTheMarker) {
+  LibraryCopy development(L"R:\\");
+  auto initialize = development.As<bool (*)()>("InitializeQel");
+  ASSERT_NE(initialize, nullptr);
+  EXPECT_TRUE(initialize());
+  EXPECT_EQ(Env(kMarker), L"1");
+  EXPECT_EQ(Env(L"PATH"), kOldPath);
+  EXPECT_TRUE(sandbox.SdkCalls(true).empty()) << "no session";
+  EXPECT_TRUE(sandbox.WrapperLog().empty()) << "no session: " << testing::PrintToString(sandbox.WrapperLog());
+  // The copy's recorded folder has no export of its own to read it by; its
+  // only writer is the step that a development build never reaches.
+}
+
+TEST_F(InitializeQelTest, EditionAwareEntryDoesNothingOnALiteInstallation) {
+  // "This library" is the test program here, so Kalvex.ini goes beside it.
+  const std::wstring ini = BinFile(L"Kalvex.ini");
+  ASSERT_EQ(::GetFileAttributesW(ini.c_str()), INVALID_FILE_ATTRIBUTES) << "a Kalvex.ini is already there";
+  struct Remove {
+    std::wstring file;
+    ~Remove() { ::DeleteFileW(file.c_str()); }
+  } remove{ini};
+  ASSERT_TRUE(::WritePrivateProfileStringW(L"Tavrel Kalvex Installation Options", L"ProductEdition", L"KLXLITE",
+                                           ini.c_str()));
+  EXPECT_TRUE(InitializeQelForEdition());
+  EXPECT_EQ(Env(L"PATH"), kOldPath);
+  EXPECT_EQ(Env(kMarker), std::nullopt);
+  EXPECT_TRUE(SharedDllPath().empty());
+  EXPECT_TRUE(sandbox.SdkCalls(true).empty());
+
+  // Another edition runs the bootstrap.
+  ASSERT_TRUE(::WritePrivateProfileStringW(L"Tavrel Kalvex Installation Options", L"ProductEdition", L"KLXPRO",
+                                           ini.c_str()));
+  EXPECT_TRUE(InitializeQelForEdition());
+  EXPECT_EQ(SharedDllPath(), sandbox.sharedDir());
+  EXPECT_EQ(sandbox.SdkCalls(), kWholeSession);
+}
+
+// The folder utilities' entry onto the bootstrap: with the edition honoured a
+// KLXLITE installation is left alone; without, the bootstrap runs all the same,
+// and the recorded folder is what OSxFolder hands out.
+TEST_F(InitializeQelTest, FolderUtilityEntryHonoursTheEditionOnlyWhenAsked) {
+  const std::wstring ini = BinFile(L"Kalvex.ini");
+  ASSERT_EQ(::GetFileAttributesW(ini.c_str()), INVALID_FILE_ATTRIBUTES) << "a Kalvex.ini is already there";
+  struct Remove {
+    std::wstring file;
+    ~Remove() { ::DeleteFileW(file.c_str()); }
+  } remove{ini};
+  ASSERT_TRUE(::WritePrivateProfileStringW(L"Tavrel Kalvex Installation Options", L"ProductEdition", L"KLXLITE",
+                                           ini.c_str()));
+  const wchar_t* before = OSxFolder::GetSharedDllPath();
+  ASSERT_NE(before, nullptr);
+  EXPECT_STREQ(before, L"");
+
+  EXPECT_TRUE(OSxFolder::UpdateSharedDllPath(true));
+  EXPECT_EQ(Env(L"PATH"), kOldPath);
+  EXPECT_EQ(Env(kMarker), std::nullopt);
+  EXPECT_STREQ(OSxFolder::GetSharedDllPath(), L"");
+  EXPECT_TRUE(sandbox.SdkCalls(true).empty());
+
+  EXPECT_TRUE(OSxFolder::UpdateSharedDllPath(false));
+  EXPECT_EQ(std::wstring(OSxFolder::GetSharedDllPath()), sandbox.sharedDir());
+  EXPECT_EQ(Env(L"PATH"), sandbox.sharedDir() + L";" + kOldPath);
+  EXPECT_EQ(Env(kMarker), L"1");
+  EXPECT_EQ(sandbox.SdkCalls(), kWholeSession);
+
+  // Done once: a later call returns at once, whatever it is asked.
+  EXPECT_TRUE(OSxFolder::UpdateSharedDllPath(true));
+  EXPECT_TRUE(OSxFolder::UpdateSharedDllPath(false));
+  EXPECT_EQ(sandbox.SdkCalls(), kWholeSession);
+}
+
+// ---- child processes ----
+
+class InitializeQelChildTest : public InitializeQelTest {
+ protected:
+  std::map<std::string, std::string> RunInit() {
+    auto lines = host.Run(sandbox, L"init");
+    EXPECT_EQ(lines["exit code"], "0");
+    return lines;
+  }
+  test::HostLayout host;
+};
+
+TEST_F(InitializeQelChildTest, ChildStartedAfterASuccessInheritsTheMarkerAndIsBypassed) {
+  ASSERT_TRUE(InitializeQel());
+  const std::wstring parentPath = *Env(L"PATH");
+  sandbox.sdk().ClearCalls();
+  auto child = RunInit();
+  EXPECT_EQ(child["marker before"], "1");
+  EXPECT_EQ(child["init"], "true");
+  EXPECT_EQ(child["path before"], test::Narrow(parentPath));
+  EXPECT_EQ(child["path after"], test::Narrow(parentPath)) << "the child does not prepend again";
+  EXPECT_EQ(child["lookup"], "") << "the child's own lookup is bypassed too";
+  EXPECT_TRUE(sandbox.SdkCalls(true).empty()) << "the child never reaches the SDK";
+}
+
+TEST_F(InitializeQelChildTest, EmptyPathGetsTheDirectoryAndALoneSemicolon) {
+  // The C runtime drops a variable set to "" in-process, so the empty value
+  // is handed to a child through the Win32 block, where it survives.
+  sandbox.env().Unset(L"PATH");
+  ASSERT_TRUE(::SetEnvironmentVariableW(L"PATH", L""));
+  auto child = RunInit();
+  ASSERT_EQ(child["path before"], "") << "Wine did not pass the empty PATH on";
+  EXPECT_EQ(child["init"], "true");
+  EXPECT_EQ(child["path after"], test::Narrow(sandbox.sharedDir()) + ";");
+  EXPECT_EQ(child["marker after"], "1");
+  EXPECT_EQ(sandbox.SdkCalls(), kWholeSession);
+}
+
+// ---- the steps over a scripted session ----
+
+// A session whose answers are given and whose calls are recorded, for the
+// statuses the real session never produces from Initialize.
+struct ScriptedSession {
+  QelStatus initializeStatus = QelStatus::Success;
+  QelStatus lockStatus = QelStatus::Success;
+  std::wstring location;
+  std::vector<std::string> calls;
+
+  QelStatus Initialize(const std::wstring& release) {
+    calls.push_back("Initialize " + WideToUtf8(release));
+    return initializeStatus;
+  }
+  QelStatus LockInstallLocation(std::wstring& out) {
+    calls.push_back("LockInstallLocation");
+    out = location;
+    return lockStatus;
+  }
+  QelStatus Uninitialize() {
+    calls.push_back("Uninitialize");
+    return QelStatus::Success;
+  }
+};
+
+TEST_F(InitializeQelTest, InitializeStatusOtherThanSuccessAndBypassedFailsWithoutUninitialize) {
+  for (QelStatus status : {QelStatus::RegistryReadFailed, QelStatus::NotInitialized, QelStatus::PathNotFound}) {
+    ScriptedSession session;
+    session.initializeStatus = status;
+    session.location = sandbox.sharedDir();
+    EXPECT_FALSE(RunBootstrapSession(session)) << status;
+    EXPECT_EQ(session.calls, (Calls{"Initialize 2026"}));
+    EXPECT_EQ(Env(L"PATH"), kOldPath);
+    EXPECT_TRUE(SharedDllPath().empty());
+  }
+}
+
+TEST_F(InitializeQelTest, BypassedSessionSucceedsWithoutUninitialize) {
+  ScriptedSession session;
+  session.initializeStatus = QelStatus::InitializeBypassed;
+  EXPECT_TRUE(RunBootstrapSession(session));
+  EXPECT_EQ(session.calls, (Calls{"Initialize 2026"}));
+  EXPECT_EQ(Env(L"PATH"), kOldPath);
+}
+
+TEST_F(InitializeQelTest, FailedOrEmptyLocationFailsAndUninitializes) {
+  ScriptedSession failed;
+  failed.lockStatus = QelStatus::VersionEmpty;
+  failed.location = sandbox.sharedDir();
+  EXPECT_FALSE(RunBootstrapSession(failed));
+  EXPECT_EQ(failed.calls, (Calls{"Initialize 2026", "LockInstallLocation", "Uninitialize"}));
+
+  ScriptedSession empty;
+  EXPECT_FALSE(RunBootstrapSession(empty));
+  EXPECT_EQ(empty.calls, (Calls{"Initialize 2026", "LockInstallLocation", "Uninitialize"}));
+  EXPECT_EQ(Env(L"PATH"), kOldPath);
+  EXPECT_TRUE(SharedDllPath().empty());
+  EXPECT_EQ(Env(kMarker), std::nullopt);
+}
+
+TEST(PrependToPathList, DirectorySemicolonOldValue) {
+  EXPECT_EQ(PrependToPathList(L"D:\\Shared\\2026.1", L"C:\\a;C:\\b;"), L"D:\\Shared\\2026.1;C:\\a;C:\\b;");
+  EXPECT_EQ(PrependToPathList(L"D:\\Shared\\2026.1", L""), L"D:\\Shared\\2026.1;");
+}
+
+}  // namespace
+}  // namespace ambrel
