@@ -84,35 +84,9 @@ std::wstring ProgramDirectory() {
   return std::filesystem::path(path).parent_path().wstring();
 }
 
-// An environment value holds at most 32,767 characters with its terminator,
-// so the fullest PATH has 32,766 (Wine's runtime silently cuts a longer value
-// to that).
-constexpr size_t kLongestValue = 32766;
-
-// Entries "E00001;E00002;..." cut to exactly `length` characters.
-std::wstring PathOfLength(size_t length) {
-  std::wstring path;
-  for (int i = 1; path.size() < length; ++i) {
-    wchar_t entry[16];
-    swprintf(entry, 16, L"E%05d;", i);
-    path += entry;
-  }
-  path.resize(length);
-  return path;
-}
-
-// What the runtime keeps of `value` when asked to store it: asked
-// independently of the library on a scratch variable; nullopt when the write
-// is refused.
-std::optional<std::wstring> RuntimeKeeps(const std::wstring& value) {
-  EnvGuard probe{L"AMBREL_PROBE_VALUE"};
-  if (_wputenv_s(L"AMBREL_PROBE_VALUE", value.c_str()) != 0) return std::nullopt;
-  return EnvGuard::Get(L"AMBREL_PROBE_VALUE");
-}
-
 TEST(PathVariableBadInput, TheLongestValueIsKeptWhole) {
   EnvGuard env{L"PATH"};
-  const std::wstring full = PathOfLength(kLongestValue);
+  const std::wstring full = PathListOfLength(kLongestEnvironmentValue);
   env.Set(L"PATH", full);
   EXPECT_TRUE(EnvGuard::Get(L"PATH") == full);
 }
@@ -149,9 +123,9 @@ TEST(PathVariableBadInput, AbsentPathIsFalseForTheEditAndNotCreated) {
 // first 32,766 characters, so PATH's last entries are lost.
 TEST(PathVariableBadInput, PrependToTheFullestPath) {
   EnvGuard env{L"PATH"};
-  const std::wstring full = PathOfLength(kLongestValue);
+  const std::wstring full = PathListOfLength(kLongestEnvironmentValue);
   const std::wstring wanted = ProgramDirectory() + L";" + full;
-  const std::optional<std::wstring> kept = RuntimeKeeps(wanted);
+  const std::optional<std::wstring> kept = EnvGuard::Kept(wanted);
   env.Set(L"PATH", full);
   EXPECT_EQ(OSxUtil::PrependKalvexPath(), kept.has_value());
   EXPECT_TRUE(EnvGuard::Get(L"PATH") == (kept ? *kept : full));
@@ -162,9 +136,9 @@ TEST(PathVariableBadInput, PrependToTheFullestPath) {
 TEST(PathVariableBadInput, FolderAtTheEndOfAPathOf32767CharactersIsFound) {
   EnvGuard env{L"PATH"};
   const std::wstring tail = L";" + ProgramDirectory();
-  std::wstring full = PathOfLength(kLongestValue - tail.size()) + tail;
+  std::wstring full = PathListOfLength(kLongestEnvironmentValue - tail.size()) + tail;
   for (auto& c : full) c = static_cast<wchar_t>(std::towupper(c));  // found in other letter case too
-  ASSERT_EQ(full.size(), kLongestValue);
+  ASSERT_EQ(full.size(), kLongestEnvironmentValue);
   env.Set(L"PATH", full);
   EXPECT_TRUE(OSxUtil::PrependKalvexPath());
   EXPECT_TRUE(EnvGuard::Get(L"PATH") == full);
@@ -172,7 +146,7 @@ TEST(PathVariableBadInput, FolderAtTheEndOfAPathOf32767CharactersIsFound) {
 
 TEST(PathVariableBadInput, EditOfAPathOf32767Characters) {
   EnvGuard env{L"PATH"};
-  const std::wstring full = PathOfLength(kLongestValue);
+  const std::wstring full = PathListOfLength(kLongestEnvironmentValue);
   env.Set(L"PATH", full);
   // The last entry is cut short by the length; it goes with its tail.
   const size_t last = full.rfind(L';') + 1;
@@ -191,7 +165,7 @@ TEST(PathVariableBadInput, EditOfAPathOf32767Characters) {
 TEST(PathVariableBadInput, AppPathRemovedFromAPathOf32767Characters) {
   RegistrySandbox registry;
   EnvGuard env{L"PATH"};
-  const std::wstring full = PathOfLength(kLongestValue);
+  const std::wstring full = PathListOfLength(kLongestEnvironmentValue);
   RegistrySandbox::SetString(HKEY_CURRENT_USER, kAppPathKey, L"Path", L"E02000");
   env.Set(L"PATH", full);
   const size_t at = full.find(L"E02000");
