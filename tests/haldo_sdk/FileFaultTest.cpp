@@ -92,6 +92,32 @@ TEST_F(LogFaultTest, FolderInPlaceOfTheFileWritesNothingAndChangesNoResult) {
   ::RemoveDirectoryW(log_.LogFile().c_str());
 }
 
+// A LOCALAPPDATA whose expansion does not fit the 260-character buffer names
+// no log: the system leaves a cut-off text there (Wine: the first 259
+// characters), which must not be taken for the folder. Here the cut-off text
+// is a real folder with Tavrel\HALDO in it, and nothing may land there.
+TEST_F(LogFaultTest, LocalAppDataLongerThanTheExpansionBufferNamesNoLog) {
+  SetSdkLocation(StandInKind::Signed);
+  ScratchDir dir;
+  const std::wstring cutOff = dir.path() + L"\\" + std::wstring(MAX_PATH - 1 - dir.path().size() - 1, L'c');
+  ASSERT_EQ(cutOff.size(), static_cast<size_t>(MAX_PATH - 1));
+  const std::wstring decoyFolder = cutOff + L"\\Tavrel\\HALDO";
+  ASSERT_TRUE(::CreateDirectoryW((L"\\\\?\\" + cutOff).c_str(), nullptr));
+  ASSERT_TRUE(::CreateDirectoryW((L"\\\\?\\" + cutOff + L"\\Tavrel").c_str(), nullptr));
+  ASSERT_TRUE(::CreateDirectoryW((L"\\\\?\\" + decoyFolder).c_str(), nullptr));
+  EnvGuard env;
+  env.Set(L"LOCALAPPDATA", cutOff + L"more\\Local");
+
+  EXPECT_EQ(Conversation(wrapper_), kAllSucceed);
+  EXPECT_EQ(WrapperState().logPath, L"");
+  const std::wstring decoyLog = L"\\\\?\\" + decoyFolder + L"\\HALDO_APIWrapper.log";
+  EXPECT_EQ(::GetFileAttributesW(decoyLog.c_str()), INVALID_FILE_ATTRIBUTES);
+  ::DeleteFileW(decoyLog.c_str());
+  ::RemoveDirectoryW((L"\\\\?\\" + decoyFolder).c_str());
+  ::RemoveDirectoryW((L"\\\\?\\" + cutOff + L"\\Tavrel").c_str());
+  ::RemoveDirectoryW((L"\\\\?\\" + cutOff).c_str());
+}
+
 // ---- the self-update lock file
 
 using LockFaultTest = WrapperTest;
