@@ -45,6 +45,8 @@ std::vector<InstalledRow> Rows() {
       {"InstallPathWithVariable", Sz(L"%AMBREL_MATRIX_DIR%\\Shared"), Sz(L"v"), {kSharedV}, false},
       {"InstallPathExpandSzWithVariable", Sz(L"%AMBREL_MATRIX_DIR%\\Shared", REG_EXPAND_SZ), Sz(L"v"), {kSharedV},
        false},
+      {"InstallPathInvalidCharacters", Sz(L"{dir}\\a<b>|\"?*"), Sz(L"v"), {kSharedV}, false},
+      {"VersionInvalidCharacters", Sz(kShared), Sz(L"a<b>|\"?*"), {kSharedV}, false},
       {"VersionMissing", Sz(kShared), Missing(), {kSharedV}, false},
       {"VersionEmpty", Sz(kShared), Sz(L""), {kSharedV}, false},
       {"VersionEmptyWithoutNul", Sz(kShared), Raw(REG_SZ, ""), {kSharedV}, false},

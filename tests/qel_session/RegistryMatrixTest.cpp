@@ -110,6 +110,9 @@ std::vector<LocateRow> LocateRows() {
        {{L"ERROR", kPathIncorrect + L"%AMBREL_MATRIX_DIR%\\Shared Error Code : " + ok}}},
       {"InstallPathExpandSzWithVariable", Sz(L"%AMBREL_MATRIX_DIR%\\Shared", REG_EXPAND_SZ), Sz(L"v"), {kSharedV},
        PathNotFound, L"", {{L"ERROR", kPathIncorrect + L"%AMBREL_MATRIX_DIR%\\Shared Error Code : " + ok}}},
+      // Characters no file name may hold: "invalid name", one of the not-found errors.
+      {"InstallPathInvalidCharacters", Sz(L"{dir}\\a<b>|\"?*"), Sz(L"v"), {kSharedV}, PathNotFound, L"",
+       {{L"ERROR", kPathIncorrect + L"{dir}\\a<b>|\"?* Error Code : " + ok}}},
       // Version
       {"VersionMissing", Sz(kShared), Missing(), {kSharedV}, RegistryReadFailed, L"", {readVersionFailed}},
       {"VersionEmpty", Sz(kShared), Sz(L""), {kSharedV}, VersionEmpty, L"",
@@ -129,6 +132,8 @@ std::vector<LocateRow> LocateRows() {
       {"VersionNonAsciiMissing", Sz(kShared), Sz(L"v\u00E9r\u015Fi\u00F6n"), {kSharedV}, PathNotFound,
        kShared + L"\\v\u00E9r\u015Fi\u00F6n", {{L"ERROR", kVersionMissing + L"v\u00E9r\u015Fi\u00F6n Error Code : " + ok}}},
       {"VersionWithSemicolon", Sz(kShared), Sz(L"1;2"), {kShared + L"\\1;2"}, Success, kShared + L"\\1;2", {}},
+      {"VersionInvalidCharacters", Sz(kShared), Sz(L"a<b>|\"?*"), {kSharedV}, PathNotFound,
+       kShared + L"\\a<b>|\"?*", {{L"ERROR", kVersionMissing + L"a<b>|\"?* Error Code : " + ok}}},
       {"VersionWithVariable", Sz(kShared), Sz(L"%AMBREL_MATRIX_VERSION%"), {kSharedV}, PathNotFound,
        kShared + L"\\%AMBREL_MATRIX_VERSION%",
        {{L"ERROR", kVersionMissing + L"%AMBREL_MATRIX_VERSION% Error Code : " + ok}}},
