@@ -151,13 +151,7 @@ void ShowBootstrap(const Installer& installer) {
   const bool result = InitializeQel();
   Show("InitializeQel()", result);
   Show("PATH after", Variable(L"PATH"));
-  // The recorded folder is read through OSxFolder::GetSharedDllPath when this
-  // build of the library has it.
-  using RecordedFn = const wchar_t* (*)();
-  const auto recorded = reinterpret_cast<RecordedFn>(::GetProcAddress(
-      ::GetModuleHandleW(L"Ambrel.dll"),
-      AMBREL_EXPORT_NAME("?GetSharedDllPath@OSxFolder@@SAPEB_WXZ", "_ZN9OSxFolder16GetSharedDllPathEv")));
-  Show("recorded folder", recorded ? std::wstring(recorded()) : L"(OSxFolder::GetSharedDllPath not in this build)");
+  Show("OSxFolder::GetSharedDllPath()", std::wstring(OSxFolder::GetSharedDllPath()));
   Show(Narrow(kMarker).append(" after").c_str(), Variable(kMarker));
   ShowInstallerActivity(installer);
 
@@ -183,6 +177,16 @@ int ChildMain() {
   return 0;
 }
 
+void ShowCallStack() {
+  Heading("Call stack: OSxMisc::GetCallStack()");
+  std::wstring stack;
+  if (OSxMisc::GetCallStack(stack)) {
+    std::printf("%s", Narrow(stack).c_str());
+  } else {
+    std::printf("  OSxMisc::GetCallStack() failed: dbghelp.dll is not available\n");
+  }
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -201,7 +205,7 @@ int main(int argc, char** argv) {
     ShowDelayLoad(shared / L"2026.1", installer);
     ShowBootstrap(installer);
     ShowChildProcess(installer);
-    // Further sections of the tour follow here.
+    ShowCallStack();
   } catch (const std::exception& error) {
     std::printf("sample host failed: %s\n", error.what());
     return 1;

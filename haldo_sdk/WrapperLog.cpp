@@ -48,7 +48,10 @@ void OpenWrapperLog() {
   // One unit more than the limit passed, so the text is terminated whatever
   // an expansion that does not fit leaves behind.
   wchar_t expanded[MAX_PATH + 1] = {};
-  if (::ExpandEnvironmentStringsW(L"%LOCALAPPDATA%", expanded, MAX_PATH) == 0) return;
+  const DWORD needed = ::ExpandEnvironmentStringsW(L"%LOCALAPPDATA%", expanded, MAX_PATH);
+  // An expansion that does not fit leaves a cut-off text (Wine: the first 259
+  // characters), which names some other folder: treat it as no path at all.
+  if (needed == 0 || needed > MAX_PATH) return;
   QelHaldoSdkWrapperState& state = WrapperState();
   state.logPath = std::wstring(expanded) + kLogFileTail;
   AppendToLog(state.logPath, kWrapperLogSeparator);

@@ -34,30 +34,34 @@ extern "C" AMBREL_API bool InitializeQel();
 // throw-away installer session (the lock is dropped at once); "" when there is
 // none, also when first called after a successful InitializeQel. Never null;
 // the pointer stays valid while the library is loaded. A first call that
-// throws (filesystem_error "status") is retried by the next.
+// throws (filesystem_error "status") is retried by the next. Concurrent first
+// calls wait for one lookup; not alongside InitializeQel on another thread,
+// which drives the same installer state.
 extern "C" AMBREL_API const wchar_t* GetSharedDllPath();
 
 namespace QelLoadHelper {
 
 // True when the registry entry of shared-components release "2026" names an
 // existing install folder that holds an existing version sub-folder. Reads the
-// registry and file system afresh on each call. Throws
-// std::filesystem::filesystem_error ("exists") on an unexpected file-system error.
+// registry and file system afresh on each call (keeps no state; any thread).
+// Throws std::filesystem::filesystem_error ("exists") on an unexpected file-system error.
 AMBREL_API bool IsQELInstalled();
 
 // True when this library's module file lies on drive R: (a development build).
+// Keeps no state; any thread.
 AMBREL_API bool IsDevelopment();
 
 // Delay-load failure hook: assign it to __pfnDliFailureHook2. For
 // dliFailLoadLib it loads the DLL from this library's folder, else from the
 // shared-components folder (registered as a DLL directory for the call only)
 // and returns the module; null otherwise, and for every other notification.
-// PATH and the current directory are never searched.
+// PATH and the current directory are never searched. Runs on the thread whose
+// delay load failed; does not read the folder InitializeQel recorded.
 AMBREL_API FARPROC WINAPI DelayLoadHook(unsigned dliNotify, PDelayLoadInfo pdli);
 
 // Calls unloadOne (normally __FUnloadDelayLoadedDLL2 of the calling image) once
 // per ';'-separated name of moduleList, in order, empty names included. Does
-// nothing for an empty list or a null callback.
+// nothing for an empty list or a null callback. Call at shutdown, from one thread.
 AMBREL_API void UnloadDelayLoadedModules(std::string_view moduleList, BOOL(WINAPI* unloadOne)(LPCSTR));
 
 }  // namespace QelLoadHelper
@@ -81,6 +85,7 @@ class AMBREL_API OSxFolder {
  public:
   // The user's documents folder into buffer (size in characters, truncating
   // copy). True when the shell calls succeeded, also when the copy was cut.
+  // Keeps no state; any thread.
   static bool GetMyDocumentsDir(wchar_t* buffer, size_t size);
   // Target path of a shortcut (.lnk) file, or "". COM must be initialised on
   // the calling thread. Throws std::length_error when the link's GetPath fails.
@@ -88,10 +93,11 @@ class AMBREL_API OSxFolder {
   // Points an existing shortcut at a new target and saves it. COM must be
   // initialised on the calling thread.
   static bool UpdateShortcut(const wchar_t* shortcutFile, const wchar_t* newTarget);
-  // The folder recorded by a successful InitializeQel; "" until then. Never null.
+  // The folder recorded by a successful InitializeQel; "" until then. Never
+  // null. Read it after the bootstrap, not while it runs on another thread.
   static const wchar_t* GetSharedDllPath();
-  // Runs InitializeQel; with honourEdition true a KLXLITE installation returns
-  // true without doing anything.
+  // Runs InitializeQel and returns its result; with honourEdition true a
+  // KLXLITE installation returns true without doing anything. Start-up thread only.
   static bool UpdateSharedDllPath(bool honourEdition);
 };
 
@@ -99,16 +105,19 @@ class AMBREL_API OSxFolder {
 
 class AMBREL_API OSxUtil {
  public:
-  // Puts the host executable's folder in front of PATH unless it is there.
+  // Puts the host executable's folder in front of PATH unless it is there;
+  // true when PATH holds it afterwards. Changes the process environment: one thread.
   static bool PrependKalvexPath();
-  // Takes the host's per-user App Paths "Path" text out of PATH and deletes the value.
+  // Takes the host's per-user App Paths "Path" text out of PATH and deletes the
+  // value; true when the value was found, read and deleted. Changes PATH: one thread.
   static bool RemoveAppPathSetting();
 };
 
-// Keeps a private copy of the environment block the first time it is called.
+// Keeps a private copy of the environment block the first time it is called;
+// later calls do nothing. Call first thing at start-up, from one thread.
 extern "C" AMBREL_API void BackupInitialEnvironmentBlock();
 // That copy (name=value strings, then an extra NUL), or null before the first
-// backup. Owned by the library: do not free or change it.
+// backup. Owned by the library: do not free or change it. Any thread once taken.
 extern "C" AMBREL_API const wchar_t* GetInitialEnvironmentBlock();
 
 // ---- Mail, locale, keys, thread names, call stack ----
@@ -117,22 +126,28 @@ class AMBREL_API OSxMisc {
  public:
   // Opens the mail program's compose dialog through Simple MAPI with the given
   // texts (each may be null). True when MAPI reported success or a cancel.
+  // Blocks while the dialog is open; several threads may call it at once.
   static bool SendEMail(const wchar_t* recipient, const wchar_t* subject, const wchar_t* body,
                         const wchar_t* attachment);
-  // True while the C++ global locale is the classic "C" locale.
+  // True while the C++ global locale is the classic "C" locale. Any thread.
   static bool IsEnglish();
-  // True while the virtual key is down, as the thread's message queue last saw it.
+  // True while the virtual key is down, as the calling thread's message queue
+  // last saw it.
   static bool IsKeyPressed(int virtualKey);
-  // Copy count 16-bit units forward, nothing else (one routine, two names).
+  // Copy count 16-bit units forward, nothing else (one routine, two names); no
+  // result. Any thread.
   static void Uint16ToWchar(wchar_t* destination, const unsigned short* source, size_t count);
   static void WcharToUint16(unsigned short* destination, const wchar_t* source, size_t count);
-  // The calling thread's stack, one symbolised frame per line. On failure
-  // false, and text is left as it was. Not for two threads at once.
+  // Replaces text with the calling thread's stack, one line per frame
+  // ("module! symbol [file @ line]", tab, '\n'), first the capture routine, and
+  // returns true; on failure (no dbghelp.dll) false with text left as it was.
+  // Loads and unloads dbghelp.dll on each call: never from two threads at once.
   static bool GetCallStack(std::wstring& text);
 };
 
 class AMBREL_API OSxThread {
  public:
-  // Names a thread for an attached debugger (0xFFFFFFFF: the calling thread).
+  // Names a thread for an attached debugger (0xFFFFFFFF: the calling thread);
+  // no result, nothing happens without a debugger. Any thread.
   static void SetThreadName(const char* name, unsigned long threadId);
 };

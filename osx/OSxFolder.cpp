@@ -4,6 +4,7 @@
 #include "Ambrel.h"
 #include "osx/ShellLink.h"
 #include "osx/TruncatingCopy.h"
+#include "qel_loader/Bootstrap.h"
 #include "qel_loader/InstallQueries.h"
 #include "qel_loader/WinResource.h"
 
@@ -33,3 +34,7 @@ bool OSxFolder::UpdateShortcut(const wchar_t* shortcutFile, const wchar_t* newTa
 }
 
 const wchar_t* OSxFolder::GetSharedDllPath() { return ambrel::SharedDllPath().c_str(); }
+
+bool OSxFolder::UpdateSharedDllPath(bool honourEdition) {
+  return honourEdition ? ambrel::InitializeQelForEdition() : InitializeQel();
+}

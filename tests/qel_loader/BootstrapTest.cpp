@@ -233,6 +233,40 @@ TEST_F(InitializeQelTest, EditionAwareEntryDoesNothingOnALiteInstallation) {
   EXPECT_EQ(sandbox.SdkCalls(), kWholeSession);
 }
 
+// The folder utilities' entry onto the bootstrap: with the edition honoured a
+// KLXLITE installation is left alone; without, the bootstrap runs all the same,
+// and the recorded folder is what OSxFolder hands out.
+TEST_F(InitializeQelTest, FolderUtilityEntryHonoursTheEditionOnlyWhenAsked) {
+  const std::wstring ini = BinFile(L"Kalvex.ini");
+  ASSERT_EQ(::GetFileAttributesW(ini.c_str()), INVALID_FILE_ATTRIBUTES) << "a Kalvex.ini is already there";
+  struct Remove {
+    std::wstring file;
+    ~Remove() { ::DeleteFileW(file.c_str()); }
+  } remove{ini};
+  ASSERT_TRUE(::WritePrivateProfileStringW(L"Tavrel Kalvex Installation Options", L"ProductEdition", L"KLXLITE",
+                                           ini.c_str()));
+  const wchar_t* before = OSxFolder::GetSharedDllPath();
+  ASSERT_NE(before, nullptr);
+  EXPECT_STREQ(before, L"");
+
+  EXPECT_TRUE(OSxFolder::UpdateSharedDllPath(true));
+  EXPECT_EQ(Env(L"PATH"), kOldPath);
+  EXPECT_EQ(Env(kMarker), std::nullopt);
+  EXPECT_STREQ(OSxFolder::GetSharedDllPath(), L"");
+  EXPECT_TRUE(sandbox.SdkCalls(true).empty());
+
+  EXPECT_TRUE(OSxFolder::UpdateSharedDllPath(false));
+  EXPECT_EQ(std::wstring(OSxFolder::GetSharedDllPath()), sandbox.sharedDir());
+  EXPECT_EQ(Env(L"PATH"), sandbox.sharedDir() + L";" + kOldPath);
+  EXPECT_EQ(Env(kMarker), L"1");
+  EXPECT_EQ(sandbox.SdkCalls(), kWholeSession);
+
+  // Done once: a later call returns at once, whatever it is asked.
+  EXPECT_TRUE(OSxFolder::UpdateSharedDllPath(true));
+  EXPECT_TRUE(OSxFolder::UpdateSharedDllPath(false));
+  EXPECT_EQ(sandbox.SdkCalls(), kWholeSession);
+}
+
 // ---- child processes ----
 
 class InitializeQelChildTest : public InitializeQelTest {

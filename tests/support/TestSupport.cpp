@@ -3,6 +3,7 @@
 #include <objbase.h>
 
 #include <atomic>
+#include <cstdio>
 #include <ctime>
 #include <filesystem>
 #include <fstream>
@@ -242,6 +243,23 @@ void EnvGuard::Remember(const std::wstring& name) {
   for (const auto& entry : saved_)
     if (_wcsicmp(entry.first.c_str(), name.c_str()) == 0) return;
   saved_.emplace_back(name, Get(name));
+}
+
+std::optional<std::wstring> EnvGuard::Kept(const std::wstring& value) {
+  EnvGuard probe{L"AMBREL_PROBE_VALUE"};
+  if (_wputenv_s(L"AMBREL_PROBE_VALUE", value.c_str()) != 0) return std::nullopt;
+  return Get(L"AMBREL_PROBE_VALUE");
+}
+
+std::wstring PathListOfLength(size_t length) {
+  std::wstring list;
+  for (int i = 1; list.size() < length; ++i) {
+    wchar_t entry[16];
+    swprintf(entry, 16, L"E%05d;", i);
+    list += entry;
+  }
+  list.resize(length);
+  return list;
 }
 
 void EnvGuard::Set(const std::wstring& name, const std::wstring& value) {

@@ -92,6 +92,10 @@ class EnvGuard {
   void Set(const std::wstring& name, const std::wstring& value);
   void Unset(const std::wstring& name);
   static std::optional<std::wstring> Get(const std::wstring& name);
+  // What the runtime keeps of `value` when asked to store it (asked on a
+  // scratch variable, restored at once); nullopt when the write is refused.
+  // Wine's runtime cuts a value past 32,766 characters to that length.
+  static std::optional<std::wstring> Kept(const std::wstring& value);
 
  private:
   void Remember(const std::wstring& name);
@@ -139,6 +143,12 @@ struct ProcessResult {
 // Runs a program with a command line and waits for it (at most `timeoutMs`).
 // The child inherits this process's environment as it is now.
 ProcessResult RunProcess(const std::wstring& program, const std::wstring& arguments, DWORD timeoutMs = 60000);
+
+// An environment value holds at most 32,767 characters with its terminator.
+inline constexpr size_t kLongestEnvironmentValue = 32766;
+
+// A ';'-separated list "E00001;E00002;..." cut to exactly `length` characters.
+std::wstring PathListOfLength(size_t length);
 
 // The whole content of a file as bytes; empty when it cannot be read.
 std::string ReadFileBytes(const std::wstring& path);

@@ -27,22 +27,29 @@ std::string ReadVariable(const char* name) {
   return length > 0 && length < sizeof value ? std::string(value, length) : std::string();
 }
 
-// The configured value of `key`, or `fallback`.
+// The configured value of `key`, or `fallback`. Lines may be of any length
+// (a session id of 64 KiB is one of the configured values).
 std::string ConfigValue(const char* key, const std::string& fallback) {
   const std::string path = ReadVariable("AMBREL_STANDIN_SDK_CONFIG");
   if (path.empty()) return fallback;
   FILE* file = std::fopen(path.c_str(), "rb");
   if (!file) return fallback;
+  std::string content;
+  char chunk[4096];
+  for (size_t got; (got = std::fread(chunk, 1, sizeof chunk, file)) > 0;) content.append(chunk, got);
+  std::fclose(file);
+
   std::string result = fallback;
-  char line[1024];
   const size_t keyLength = std::strlen(key);
-  while (std::fgets(line, sizeof line, file)) {
-    std::string text(line);
-    while (!text.empty() && (text.back() == '\n' || text.back() == '\r')) text.pop_back();
+  for (size_t start = 0; start < content.size();) {
+    size_t end = content.find('\n', start);
+    if (end == std::string::npos) end = content.size();
+    std::string text = content.substr(start, end - start);
+    start = end + 1;
+    while (!text.empty() && text.back() == '\r') text.pop_back();
     if (text.size() > keyLength && text.compare(0, keyLength, key) == 0 && text[keyLength] == '=')
       result = text.substr(keyLength + 1);
   }
-  std::fclose(file);
   return result;
 }
 
