@@ -57,6 +57,25 @@ int main(int argc, char** argv) {
   using namespace ambrel::bench;
   const int rounds = RoundsArgument(argc, argv, 60);
   for (int i = 1; i + 1 < argc; ++i) {
+    if (std::strcmp(argv[i], "--bare") == 0) {
+      // Only the bare sequence, many times in a row: whether Debug Help itself
+      // keeps working and what it keeps.
+      const int count = std::max(1, std::atoi(argv[i + 1]));
+      const long long heapBefore = ambrel::test::HeapBytesInUse();
+      int failures = 0, firstFailure = -1;
+      for (int call = 0; call < count; ++call) {
+        std::wstring stack;
+        if (!ambrel::test::BareDbghelpCallStack(stack)) {
+          if (failures++ == 0) firstFailure = call;
+        }
+        if (call % 100 == 99) {
+          std::printf("bare sequence: %d calls, %d failed (first at %d), heap in use %+lld\n", call + 1, failures,
+                      firstFailure, ambrel::test::HeapBytesInUse() - heapBefore);
+          std::fflush(stdout);
+        }
+      }
+      return 0;
+    }
     if (std::strcmp(argv[i], "--growth") == 0) {
       PrintGrowth(std::max(1, std::atoi(argv[i + 1])));
       return 0;
