@@ -104,9 +104,15 @@ TEST_F(SoakTest, TenThousandSessionCyclesKeepOnlyTheDeliberatelyOpenKeys) {
 
 // Wine's Debug Help keeps some heap memory from every SymInitializeW /
 // SymCleanup pair (about 12 KB a call, the same for the bare sequence as for
-// the library), so "no growth" is checked against what the bare sequence keeps
-// in the same process: the library may keep nothing beyond it. Handles must
-// not grow at all.
+// the library), so "no growth" of memory is checked against what the bare
+// sequence keeps per call, measured first in the same process: the library may
+// keep nothing beyond it. Handles must not grow at all.
+//
+// Wine 8's Debug Help also starts refusing after many set-ups in one process
+// (bench_callstack --bare shows it without the library). So a failed capture
+// is followed at once by one bare sequence: when that fails too, the refusal
+// is Debug Help's and is counted apart; a capture that fails while the bare
+// sequence works is the library's and fails the test.
 TEST_F(SoakTest, ThousandCallStacksLeaveNothingBehind) {
   std::wstring text;
   for (int i = 0; i < 5; ++i) {  // warm-up
@@ -114,42 +120,52 @@ TEST_F(SoakTest, ThousandCallStacksLeaveNothingBehind) {
     ASSERT_TRUE(BareDbghelpCallStack(text));
   }
 
-  constexpr int kCalls = 1000;
   constexpr int kBareCalls = 100;
-  int failures = 0;
-  const double start = static_cast<double>(::GetTickCount64());
-  const Usage before = Measure();
-  const long long heapBefore = HeapBytesInUse();
-  for (int i = 0; i < kCalls; ++i) {
-    std::wstring stack;
-    failures += !OSxMisc::GetCallStack(stack) || stack.empty();
-  }
-  const Usage after = Measure();
-  const long long heapAfter = HeapBytesInUse();
-  const double seconds = (static_cast<double>(::GetTickCount64()) - start) / 1000;
-
   int bareFailures = 0;
   const long long bareHeapBefore = HeapBytesInUse();
   for (int i = 0; i < kBareCalls; ++i) {
     std::wstring stack;
     bareFailures += !BareDbghelpCallStack(stack);
   }
-  static_assert(kCalls % kBareCalls == 0);
   const long long bareHeapGrowth = HeapBytesInUse() - bareHeapBefore;
-  const long long bareHeapPerCall = bareHeapGrowth / kBareCalls;
-  const long long heapGrowth = heapAfter - heapBefore;
-  const long long beyondDebugHelp = heapGrowth - bareHeapGrowth * (kCalls / kBareCalls);
+  ASSERT_EQ(bareFailures, 0) << "Debug Help itself fails here";
 
-  std::printf("[soak] %d GetCallStack calls in %.1f s (%d failed): handles %lld -> %lld (growth %lld), "
-              "private bytes %lld -> %lld (growth %lld), heap in use growth %lld; the bare Debug Help sequence "
-              "keeps %lld bytes a call (%d calls, %d failed), so the library kept %lld bytes beyond it\n",
-              kCalls, seconds, failures, before.handles, after.handles, after.handles - before.handles,
-              before.privateBytes, after.privateBytes, after.privateBytes - before.privateBytes, heapGrowth,
-              bareHeapPerCall, kBareCalls, bareFailures, beyondDebugHelp);
+  constexpr int kCalls = 1000;
+  int libraryFailures = 0;
+  int debugHelpRefusals = 0;
+  const double start = static_cast<double>(::GetTickCount64());
+  const Usage before = Measure();
+  const long long heapBefore = HeapBytesInUse();
+  for (int i = 0; i < kCalls; ++i) {
+    std::wstring stack;
+    if (OSxMisc::GetCallStack(stack) && !stack.empty()) continue;
+    std::wstring bare;
+    if (BareDbghelpCallStack(bare)) {
+      ++libraryFailures;
+    } else {
+      ++debugHelpRefusals;
+    }
+  }
+  const Usage after = Measure();
+  const long long heapGrowth = HeapBytesInUse() - heapBefore;
+  const double seconds = (static_cast<double>(::GetTickCount64()) - start) / 1000;
+  // What the bare sequence would have kept over as many set-ups (the captures
+  // and the bare sequences run after failed ones).
+  const int setUps = kCalls + libraryFailures + debugHelpRefusals;
+  const long long debugHelpShare = bareHeapGrowth * setUps / kBareCalls;
+
+  std::printf("[soak] %d GetCallStack calls in %.1f s: %d failed with Debug Help working, %d while Debug Help "
+              "refused the bare sequence too; handles %lld -> %lld (growth %lld); private bytes %lld -> %lld "
+              "(growth %lld); heap in use growth %lld, of which the bare sequence accounts for %lld "
+              "(%lld bytes a call over %d calls), so the library kept %lld beyond it\n",
+              kCalls, seconds, libraryFailures, debugHelpRefusals, before.handles, after.handles,
+              after.handles - before.handles, before.privateBytes, after.privateBytes,
+              after.privateBytes - before.privateBytes, heapGrowth, debugHelpShare, bareHeapGrowth / kBareCalls,
+              kBareCalls, heapGrowth - debugHelpShare);
   std::fflush(stdout);
-  EXPECT_EQ(failures, 0);
+  EXPECT_EQ(libraryFailures, 0);
   EXPECT_EQ(after.handles, before.handles);
-  EXPECT_LE(beyondDebugHelp, 0);
+  EXPECT_LE(heapGrowth, debugHelpShare);
 }
 
 }  // namespace
