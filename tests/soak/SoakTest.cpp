@@ -44,7 +44,7 @@ class SoakTest : public ::testing::Test {
 
 enum class CycleKind { Complete, VersionFolderMissing };
 
-// One whole conversation; true when every step answered as the design says
+// One whole conversation; true when every step answered as it should
 // for that kind of installation.
 bool Cycle(CycleKind kind, const std::wstring& expected) {
   QelSession session;
@@ -84,7 +84,7 @@ TEST_F(SoakTest, TenThousandSessionCyclesKeepOnlyTheDeliberatelyOpenKeys) {
     } else {
       failures += !Cycle(CycleKind::Complete, expected);
     }
-    // The log grows by design (six lines a cycle); emptied now and then so
+    // The log grows on purpose (six lines a cycle); emptied now and then so
     // the file system's growth stays out of the figures.
     if (i % 1000 == 999) sandbox_.log().Clear();
   }
