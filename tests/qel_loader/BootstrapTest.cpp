@@ -209,16 +209,26 @@ TEST_F(InitializeQelTest, DevelopmentBuildOnlySetsTheMarker) {
   // only writer is the step that a development build never reaches.
 }
 
+// "This library" is the test program here, so Kalvex.ini goes beside it; it
+// is removed again at the end of the test.
+class KalvexIniBesideTheProgram {
+ public:
+  KalvexIniBesideTheProgram() : file_(BinFile(L"Kalvex.ini")) {}
+  ~KalvexIniBesideTheProgram() { ::DeleteFileW(file_.c_str()); }
+  bool WasAbsent() const { return ::GetFileAttributesW(file_.c_str()) == INVALID_FILE_ATTRIBUTES; }
+  bool SetEdition(const wchar_t* edition) const {
+    return ::WritePrivateProfileStringW(L"Tavrel Kalvex Installation Options", L"ProductEdition", edition,
+                                        file_.c_str()) != FALSE;
+  }
+
+ private:
+  std::wstring file_;
+};
+
 TEST_F(InitializeQelTest, EditionAwareEntryDoesNothingOnALiteInstallation) {
-  // "This library" is the test program here, so Kalvex.ini goes beside it.
-  const std::wstring ini = BinFile(L"Kalvex.ini");
-  ASSERT_EQ(::GetFileAttributesW(ini.c_str()), INVALID_FILE_ATTRIBUTES) << "a Kalvex.ini is already there";
-  struct Remove {
-    std::wstring file;
-    ~Remove() { ::DeleteFileW(file.c_str()); }
-  } remove{ini};
-  ASSERT_TRUE(::WritePrivateProfileStringW(L"Tavrel Kalvex Installation Options", L"ProductEdition", L"KLXLITE",
-                                           ini.c_str()));
+  KalvexIniBesideTheProgram ini;
+  ASSERT_TRUE(ini.WasAbsent()) << "a Kalvex.ini is already there";
+  ASSERT_TRUE(ini.SetEdition(L"KLXLITE"));
   EXPECT_TRUE(InitializeQelForEdition());
   EXPECT_EQ(Env(L"PATH"), kOldPath);
   EXPECT_EQ(Env(kMarker), std::nullopt);
@@ -226,8 +236,7 @@ TEST_F(InitializeQelTest, EditionAwareEntryDoesNothingOnALiteInstallation) {
   EXPECT_TRUE(sandbox.SdkCalls(true).empty());
 
   // Another edition runs the bootstrap.
-  ASSERT_TRUE(::WritePrivateProfileStringW(L"Tavrel Kalvex Installation Options", L"ProductEdition", L"KLXPRO",
-                                           ini.c_str()));
+  ASSERT_TRUE(ini.SetEdition(L"KLXPRO"));
   EXPECT_TRUE(InitializeQelForEdition());
   EXPECT_EQ(SharedDllPath(), sandbox.sharedDir());
   EXPECT_EQ(sandbox.SdkCalls(), kWholeSession);
@@ -237,14 +246,9 @@ TEST_F(InitializeQelTest, EditionAwareEntryDoesNothingOnALiteInstallation) {
 // KLXLITE installation is left alone; without, the bootstrap runs all the same,
 // and the recorded folder is what OSxFolder hands out.
 TEST_F(InitializeQelTest, FolderUtilityEntryHonoursTheEditionOnlyWhenAsked) {
-  const std::wstring ini = BinFile(L"Kalvex.ini");
-  ASSERT_EQ(::GetFileAttributesW(ini.c_str()), INVALID_FILE_ATTRIBUTES) << "a Kalvex.ini is already there";
-  struct Remove {
-    std::wstring file;
-    ~Remove() { ::DeleteFileW(file.c_str()); }
-  } remove{ini};
-  ASSERT_TRUE(::WritePrivateProfileStringW(L"Tavrel Kalvex Installation Options", L"ProductEdition", L"KLXLITE",
-                                           ini.c_str()));
+  KalvexIniBesideTheProgram ini;
+  ASSERT_TRUE(ini.WasAbsent()) << "a Kalvex.ini is already there";
+  ASSERT_TRUE(ini.SetEdition(L"KLXLITE"));
   const wchar_t* before = OSxFolder::GetSharedDllPath();
   ASSERT_NE(before, nullptr);
   EXPECT_STREQ(before, L"");
