@@ -24,7 +24,7 @@ const std::wstring kAppPathKey = L"SOFTWARE\\Microsoft\\Windows\\CurrentVersion\
 
 struct AppPathRow {
   const char* name;
-  ValueSpec value;
+  ValueShape value;
   std::wstring pathBefore;
   bool result;
   std::wstring pathAfter;
@@ -66,7 +66,7 @@ class AppPathMatrix : public ::testing::TestWithParam<AppPathRow> {
 
 TEST_P(AppPathMatrix, RemoveAppPathSetting) {
   const AppPathRow& row = GetParam();
-  WriteSpec(HKEY_CURRENT_USER, kAppPathKey, L"Path", row.value, dir_);
+  WriteShape(HKEY_CURRENT_USER, kAppPathKey, L"Path", row.value, dir_);
   env_.Set(L"PATH", row.pathBefore);
   EXPECT_EQ(OSxUtil::RemoveAppPathSetting(), row.result);
   EXPECT_EQ(EnvGuard::Get(L"PATH"), row.pathAfter);

@@ -19,8 +19,8 @@ const std::wstring kSharedV = L"{dir}\\Shared\\v";
 
 struct InstalledRow {
   const char* name;
-  ValueSpec installPath;
-  ValueSpec version;
+  ValueShape installPath;
+  ValueShape version;
   std::vector<std::wstring> folders;
   bool installed;
 };
@@ -79,8 +79,8 @@ class InstalledMatrix : public ::testing::TestWithParam<InstalledRow> {
 TEST_P(InstalledMatrix, IsQELInstalled) {
   const InstalledRow& row = GetParam();
   MakeFolders(dir_, row.folders);
-  WriteSpec(HKEY_LOCAL_MACHINE, kKey, L"InstallPath", row.installPath, dir_);
-  WriteSpec(HKEY_LOCAL_MACHINE, kKey, L"Version", row.version, dir_);
+  WriteShape(HKEY_LOCAL_MACHINE, kKey, L"InstallPath", row.installPath, dir_);
+  WriteShape(HKEY_LOCAL_MACHINE, kKey, L"Version", row.version, dir_);
   EXPECT_EQ(QelLoadHelper::IsQELInstalled(), row.installed);
 }
 

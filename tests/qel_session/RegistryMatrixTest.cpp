@@ -24,7 +24,7 @@ const std::wstring kVersionMissing = L"The Version for the Install Path Does Not
 
 std::wstring OkText() { return SystemErrorText(ERROR_SUCCESS); }
 
-using Spec = ValueSpec;
+using Shape = ValueShape;
 
 class RegistryMatrix : public ::testing::Test {
  protected:
@@ -40,8 +40,8 @@ class RegistryMatrix : public ::testing::Test {
   }
 
   std::wstring Expand(const std::wstring& text) const { return ExpandPlaceholders(text, dir_); }
-  void Write(const std::wstring& name, const Spec& spec) const {
-    WriteSpec(HKEY_LOCAL_MACHINE, kSharedComponentsKey, name, spec, dir_);
+  void Write(const std::wstring& name, const Shape& shape) const {
+    WriteShape(HKEY_LOCAL_MACHINE, kSharedComponentsKey, name, shape, dir_);
   }
   void MakeFolders(const std::vector<std::wstring>& folders) const { ambrel::test::MakeFolders(dir_, folders); }
 
@@ -63,8 +63,8 @@ class RegistryMatrix : public ::testing::Test {
 
 struct LocateRow {
   const char* name;
-  Spec installPath;
-  Spec version;
+  Shape installPath;
+  Shape version;
   std::vector<std::wstring> folders;  // created before the call
   QelStatus result;
   std::wstring location;  // installLocation afterwards
@@ -159,7 +159,7 @@ INSTANTIATE_TEST_SUITE_P(Values, LocateMatrix, ::testing::ValuesIn(LocateRows())
 
 struct OverrideRow {
   const char* name;
-  Spec enable;
+  Shape enable;
   std::wstring overrideValue;  // QEL_PATH_2026
   QelStatus result;
   std::wstring location;

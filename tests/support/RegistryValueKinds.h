@@ -66,28 +66,28 @@ inline std::wstring ExpandPlaceholders(std::wstring text, const ScratchDir& dir)
 }
 
 // A row's value: absent, text (with placeholders) or raw bytes.
-struct ValueSpec {
+struct ValueShape {
   enum Kind { kAbsent, kText, kRaw } kind = kAbsent;
   DWORD type = REG_SZ;
   std::wstring text;
   bool terminated = true;
   std::string raw;
 };
-inline ValueSpec Missing() { return {}; }
-inline ValueSpec Sz(std::wstring text, DWORD type = REG_SZ, bool terminated = true) {
-  return {ValueSpec::kText, type, std::move(text), terminated, {}};
+inline ValueShape Missing() { return {}; }
+inline ValueShape Sz(std::wstring text, DWORD type = REG_SZ, bool terminated = true) {
+  return {ValueShape::kText, type, std::move(text), terminated, {}};
 }
-inline ValueSpec Raw(DWORD type, std::string bytes) { return {ValueSpec::kRaw, type, {}, true, std::move(bytes)}; }
+inline ValueShape Raw(DWORD type, std::string bytes) { return {ValueShape::kRaw, type, {}, true, std::move(bytes)}; }
 inline std::string DwordBytes(DWORD value) { return std::string(reinterpret_cast<const char*>(&value), sizeof value); }
 
-inline void WriteSpec(HKEY root, const std::wstring& key, const std::wstring& name, const ValueSpec& spec,
+inline void WriteShape(HKEY root, const std::wstring& key, const std::wstring& name, const ValueShape& shape,
                       const ScratchDir& dir) {
-  switch (spec.kind) {
-    case ValueSpec::kAbsent: WriteValue(root, key, name, Absent()); break;
-    case ValueSpec::kText:
-      WriteValue(root, key, name, Text(ExpandPlaceholders(spec.text, dir), spec.type, spec.terminated));
+  switch (shape.kind) {
+    case ValueShape::kAbsent: WriteValue(root, key, name, Absent()); break;
+    case ValueShape::kText:
+      WriteValue(root, key, name, Text(ExpandPlaceholders(shape.text, dir), shape.type, shape.terminated));
       break;
-    case ValueSpec::kRaw: WriteValue(root, key, name, Bytes(spec.type, spec.raw)); break;
+    case ValueShape::kRaw: WriteValue(root, key, name, Bytes(shape.type, shape.raw)); break;
   }
 }
 
