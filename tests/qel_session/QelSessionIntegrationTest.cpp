@@ -6,8 +6,7 @@
 #include <gtest/gtest.h>
 
 #include "haldo_sdk/QelHaldoSdkWrapperImpl.h"
-#include "tests/qel_session/SessionTestSupport.h"
-#include "tests/support/StandInSdk.h"
+#include "tests/qel_session/SessionSdkFixture.h"
 
 namespace ambrel::test {
 namespace {
@@ -15,15 +14,8 @@ namespace {
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 
-class SessionWithSdkTest : public ::testing::Test {
+class SessionWithSdkTest : public SessionWithStandInSdk {
  protected:
-  SessionWithSdkTest() {
-    env_.Unset(L"QEL_INITIALIZE_BYPASSED");
-    env_.Unset(L"QEL_PATH_2026");
-  }
-  void SetUp() override { ResetWrapperState(); }
-  void TearDown() override { ResetWrapperState(); }
-
   // A complete registry entry of release 2026 with existing folders; the
   // version folder is returned.
   std::wstring WriteCompleteInstall(const std::wstring& name = L"Shared") {
@@ -47,14 +39,6 @@ class SessionWithSdkTest : public ::testing::Test {
   }
 
   const Messages& messages() const { return sink_.messages(); }
-
-  RegistrySandbox sandbox_;
-  WrapperLogFolder log_;
-  ProgramDataFolder programData_;
-  StandInSdk sdk_;
-  EnvGuard env_;
-  ScratchDir dir_;
-  SinkCapture sink_;
 };
 
 const std::wstring kSdkInitFailed = L"Failed to intialize HALDO SDK wrapper status code:";

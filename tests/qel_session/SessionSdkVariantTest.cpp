@@ -10,8 +10,7 @@
 #include <vector>
 
 #include "qel_session/QelSession.h"
-#include "tests/qel_session/SessionTestSupport.h"
-#include "tests/support/StandInSdk.h"
+#include "tests/qel_session/SessionSdkFixture.h"
 
 namespace ambrel::test {
 namespace {
@@ -69,23 +68,7 @@ std::vector<VariantRow> Rows() {
   return rows;
 }
 
-class SessionSdkVariantTest : public ::testing::TestWithParam<VariantRow> {
- protected:
-  SessionSdkVariantTest() {
-    env_.Unset(L"QEL_INITIALIZE_BYPASSED");
-    env_.Unset(L"QEL_PATH_2026");
-  }
-  void SetUp() override { ResetWrapperState(); }
-  void TearDown() override { ResetWrapperState(); }
-
-  RegistrySandbox sandbox_;
-  WrapperLogFolder log_;
-  ProgramDataFolder programData_;
-  StandInSdk sdk_;
-  EnvGuard env_;
-  ScratchDir dir_;
-  SinkCapture sink_;
-};
+class SessionSdkVariantTest : public SessionWithStandInSdk, public ::testing::WithParamInterface<VariantRow> {};
 
 TEST_P(SessionSdkVariantTest, WholeConversation) {
   const VariantRow& row = GetParam();
