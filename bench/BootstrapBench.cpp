@@ -22,7 +22,7 @@
 #include "bench/BenchHarness.h"
 #include "qel_session/QelSession.h"
 #include "tests/support/ProcessMemory.h"
-#include "tests/support/SessionSandbox.h"
+#include "tests/support/SdkSandbox.h"
 #include "tests/support/StandInSdk.h"
 #include "tests/support/TestSupport.h"
 
@@ -263,9 +263,9 @@ int main(int argc, char** argv) {
   using namespace ambrel::bench;
   const int rounds = RoundsArgument(argc, argv, 150);
 
-  SessionSandbox sandbox;
+  SdkSandbox sandbox{SdkSandbox::Contents::Installed, SdkSandbox::Record::Nothing};
   const WrapperLogFolder& log = sandbox.log();
-  const std::wstring& expected = sandbox.versionFolder();
+  const std::wstring& expected = sandbox.sharedDir();
 
   // Both paths must succeed and write the same number of log lines before
   // any figure counts.

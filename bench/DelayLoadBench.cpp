@@ -15,7 +15,7 @@
 #include "Ambrel.h"
 #include "bench/BenchHarness.h"
 #include "qel_loader/DelayLoadHook.h"
-#include "tests/support/SessionSandbox.h"
+#include "tests/support/SdkSandbox.h"
 #include "tests/support/TestSupport.h"
 
 namespace {
@@ -47,7 +47,7 @@ int main(int argc, char** argv) {
   const int rounds = RoundsArgument(argc, argv, 300);
   constexpr int kBatch = 10;
 
-  SessionSandbox sandbox;
+  SdkSandbox sandbox{SdkSandbox::Contents::Installed, SdkSandbox::Record::Nothing};
   const std::wstring probeFile = TestBinDirectory() + L"\\" + Widen(kProbe);
   Require(::GetModuleHandleA(kProbe) == nullptr, "the probe DLL is already loaded");
 
@@ -57,7 +57,7 @@ int main(int argc, char** argv) {
   const double firstCall = NowMicroseconds() - start;
   Require(first != nullptr, "the hook did not load the probe DLL");
   ::FreeLibrary(first);
-  Require(DelayLoadSharedDllPath() == sandbox.versionFolder(), "the hook did not keep the shared folder");
+  Require(DelayLoadSharedDllPath() == sandbox.sharedDir(), "the hook did not keep the shared folder");
   std::printf("first hook call (folder look-up through a whole session): %.1f us\n", firstCall);
 
   bool allSucceeded = true;

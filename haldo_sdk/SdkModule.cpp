@@ -12,8 +12,8 @@
 #include "haldo_sdk/SignatureCheck.h"
 #include "haldo_sdk/WrapperLog.h"
 #include "haldo_sdk/WrapperStatus.h"
-#include "qel_loader/FileSystemStatus.h"
-#include "qel_loader/WinResource.h"
+#include "common/FileSystemStatus.h"
+#include "common/WinResource.h"
 
 namespace ambrel {
 namespace {

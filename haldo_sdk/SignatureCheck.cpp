@@ -5,7 +5,7 @@
 #include <wintrust.h>
 
 #include "haldo_sdk/WrapperLog.h"
-#include "qel_loader/WinResource.h"
+#include "common/WinResource.h"
 
 namespace ambrel {
 namespace {

@@ -7,7 +7,7 @@
 #include <fstream>
 
 #include "haldo_sdk/QelHaldoSdkWrapperState.h"
-#include "qel_loader/TextConvert.h"
+#include "common/TextConvert.h"
 
 namespace ambrel {
 namespace {

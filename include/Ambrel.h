@@ -15,6 +15,9 @@
 
 #if defined(AMBREL_BUILDING)
 #define AMBREL_API __declspec(dllexport)
+#elif defined(AMBREL_LINKED_IN)
+// The library's own test programs link its objects instead of the DLL.
+#define AMBREL_API
 #else
 #define AMBREL_API __declspec(dllimport)
 #endif

@@ -10,9 +10,9 @@
 #include <string>
 
 #include "Ambrel.h"
-#include "qel_loader/Environment.h"
-#include "qel_loader/ModuleHelpers.h"
-#include "qel_loader/WinResource.h"
+#include "common/Environment.h"
+#include "common/ModuleHelpers.h"
+#include "common/WinResource.h"
 
 namespace ambrel {
 

@@ -8,7 +8,7 @@
 #include <cwchar>
 
 #include "Ambrel.h"
-#include "qel_loader/WinResource.h"
+#include "common/WinResource.h"
 
 namespace ambrel {
 namespace {

@@ -4,8 +4,8 @@
 
 #include <stdlib.h>
 
-#include "qel_loader/Environment.h"
-#include "qel_loader/PathList.h"
+#include "common/Environment.h"
+#include "common/PathList.h"
 
 namespace ambrel {
 namespace {

@@ -6,7 +6,7 @@
 #include "osx/TruncatingCopy.h"
 #include "qel_loader/Bootstrap.h"
 #include "qel_loader/InstallQueries.h"
-#include "qel_loader/WinResource.h"
+#include "common/WinResource.h"
 
 bool OSxFolder::GetMyDocumentsDir(wchar_t* buffer, size_t size) {
   LPITEMIDLIST items = nullptr;

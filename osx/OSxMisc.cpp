@@ -7,8 +7,8 @@
 #include <string>
 
 #include "Ambrel.h"
-#include "qel_loader/TextConvert.h"
-#include "qel_loader/WinResource.h"
+#include "common/TextConvert.h"
+#include "common/WinResource.h"
 
 namespace {
 

@@ -5,8 +5,8 @@
 
 #include "Ambrel.h"
 #include "osx/HostPath.h"
-#include "qel_loader/ModuleHelpers.h"
-#include "qel_loader/WinResource.h"
+#include "common/ModuleHelpers.h"
+#include "common/WinResource.h"
 
 namespace {
 

@@ -2,7 +2,7 @@
 
 #include <shlguid.h>
 
-#include "qel_loader/WinResource.h"
+#include "common/WinResource.h"
 
 namespace ambrel {
 

@@ -5,10 +5,10 @@
 #include <optional>
 #include <string>
 
-#include "qel_loader/Environment.h"
-#include "qel_loader/FileSystemStatus.h"
+#include "common/Environment.h"
+#include "common/FileSystemStatus.h"
 #include "qel_loader/InstallQueries.h"
-#include "qel_loader/PathList.h"
+#include "common/PathList.h"
 #include "qel_session/QelStatus.h"
 
 namespace ambrel {

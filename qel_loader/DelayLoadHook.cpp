@@ -4,10 +4,10 @@
 #include <string_view>
 
 #include "Ambrel.h"
-#include "qel_loader/ModuleHelpers.h"
+#include "common/ModuleHelpers.h"
 #include "qel_loader/SharedDllLookup.h"
-#include "qel_loader/TextConvert.h"
-#include "qel_loader/WinResource.h"
+#include "common/TextConvert.h"
+#include "common/WinResource.h"
 
 namespace ambrel {
 namespace {

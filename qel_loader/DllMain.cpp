@@ -1,6 +1,6 @@
 #include <windows.h>
 
-#include "qel_loader/ModuleHelpers.h"
+#include "common/ModuleHelpers.h"
 
 // Records the instance handle for the call-stack engine's search path; nothing
 // else happens at load or unload.

@@ -5,10 +5,10 @@
 #include <filesystem>
 
 #include "Ambrel.h"
-#include "qel_loader/FileSystemStatus.h"
-#include "qel_loader/ModuleHelpers.h"
-#include "qel_loader/RegistryText.h"
-#include "qel_loader/WinResource.h"
+#include "common/FileSystemStatus.h"
+#include "common/ModuleHelpers.h"
+#include "common/RegistryText.h"
+#include "common/WinResource.h"
 
 namespace ambrel {
 namespace {

@@ -1,7 +1,7 @@
 #include "qel_loader/SharedDllLookup.h"
 
 #include "Ambrel.h"
-#include "qel_loader/FileSystemStatus.h"
+#include "common/FileSystemStatus.h"
 #include "qel_loader/InstallQueries.h"
 #include "qel_session/QelSession.h"
 

@@ -5,11 +5,11 @@
 #include <utility>
 
 #include "haldo_sdk/QelHaldoSdkWrapperImpl.h"
-#include "qel_loader/Environment.h"
-#include "qel_loader/FileSystemStatus.h"
-#include "qel_loader/RegistryText.h"
-#include "qel_loader/TextConvert.h"
-#include "qel_loader/WinResource.h"
+#include "common/Environment.h"
+#include "common/FileSystemStatus.h"
+#include "common/RegistryText.h"
+#include "common/TextConvert.h"
+#include "common/WinResource.h"
 #include "qel_session/SessionLog.h"
 
 using ambrel::DeliverSessionMessage;

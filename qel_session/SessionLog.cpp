@@ -3,7 +3,7 @@
 #include <locale>
 #include <utility>
 
-#include "qel_loader/TextConvert.h"
+#include "common/TextConvert.h"
 
 namespace ambrel {
 

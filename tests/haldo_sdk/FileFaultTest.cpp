@@ -11,7 +11,7 @@
 #include <vector>
 
 #include "haldo_sdk/QelHaldoSdkWrapperImpl.h"
-#include "qel_loader/WinResource.h"
+#include "common/WinResource.h"
 #include "tests/haldo_sdk/WrapperTest.h"
 
 namespace ambrel::test {
@@ -40,21 +40,21 @@ TEST_F(LogFaultTest, MissingFolderWritesNothingAndChangesNoResult) {
   EXPECT_EQ(Conversation(wrapper_), kAllSucceed);
   EXPECT_FALSE(noFolder.LogExists());
   EXPECT_EQ(::GetFileAttributesW((noFolder.localAppData() + L"\\Tavrel").c_str()), INVALID_FILE_ATTRIBUTES);
-  EXPECT_THAT(sdk_.Calls(), ::testing::SizeIs(5));  // the SDK was really driven
+  EXPECT_THAT(sandbox_.sdk().Calls(), ::testing::SizeIs(5));  // the SDK was really driven
 }
 
 TEST_F(LogFaultTest, FileHeldOpenWithoutSharingWritesNothingAndChangesNoResult) {
   SetSdkLocation(StandInKind::Signed);
   {
-    std::ofstream seed(std::filesystem::path(log_.LogFile()), std::ios::binary);
+    std::ofstream seed(std::filesystem::path(sandbox_.log().LogFile()), std::ios::binary);
     seed << "before\r\n";
   }
-  UniqueFileHandle held(::CreateFileW(log_.LogFile().c_str(), GENERIC_READ, 0, nullptr, OPEN_EXISTING,
+  UniqueFileHandle held(::CreateFileW(sandbox_.log().LogFile().c_str(), GENERIC_READ, 0, nullptr, OPEN_EXISTING,
                                       FILE_ATTRIBUTE_NORMAL, nullptr));
   ASSERT_TRUE(held);
   EXPECT_EQ(Conversation(wrapper_), kAllSucceed);
   held.reset();
-  EXPECT_EQ(ReadFileBytes(log_.LogFile()), "before\r\n");
+  EXPECT_EQ(ReadFileBytes(sandbox_.log().LogFile()), "before\r\n");
 }
 
 // A read-only file cannot be opened for appending, so nothing is written.
@@ -66,16 +66,16 @@ TEST_F(LogFaultTest, FileHeldOpenWithoutSharingWritesNothingAndChangesNoResult) 
 TEST_F(LogFaultTest, ReadOnlyFileChangesNoResult) {
   SetSdkLocation(StandInKind::Signed);
   {
-    std::ofstream seed(std::filesystem::path(log_.LogFile()), std::ios::binary);
+    std::ofstream seed(std::filesystem::path(sandbox_.log().LogFile()), std::ios::binary);
     seed << "before\r\n";
   }
-  ASSERT_TRUE(::SetFileAttributesW(log_.LogFile().c_str(), FILE_ATTRIBUTE_READONLY));
-  const bool refused = !UniqueFileHandle(::CreateFileW(log_.LogFile().c_str(), FILE_APPEND_DATA, FILE_SHARE_READ,
+  ASSERT_TRUE(::SetFileAttributesW(sandbox_.log().LogFile().c_str(), FILE_ATTRIBUTE_READONLY));
+  const bool refused = !UniqueFileHandle(::CreateFileW(sandbox_.log().LogFile().c_str(), FILE_APPEND_DATA, FILE_SHARE_READ,
                                                        nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr));
   RecordProperty("read_only_file_refused_by_the_system", refused ? "yes" : "no");
   EXPECT_EQ(Conversation(wrapper_), kAllSucceed);
-  const std::string after = ReadFileBytes(log_.LogFile());
-  ::SetFileAttributesW(log_.LogFile().c_str(), FILE_ATTRIBUTE_NORMAL);
+  const std::string after = ReadFileBytes(sandbox_.log().LogFile());
+  ::SetFileAttributesW(sandbox_.log().LogFile().c_str(), FILE_ATTRIBUTE_NORMAL);
   if (refused) {
     EXPECT_EQ(after, "before\r\n");
   } else {
@@ -85,11 +85,11 @@ TEST_F(LogFaultTest, ReadOnlyFileChangesNoResult) {
 
 TEST_F(LogFaultTest, FolderInPlaceOfTheFileWritesNothingAndChangesNoResult) {
   SetSdkLocation(StandInKind::Signed);
-  ASSERT_TRUE(::CreateDirectoryW(log_.LogFile().c_str(), nullptr));
+  ASSERT_TRUE(::CreateDirectoryW(sandbox_.log().LogFile().c_str(), nullptr));
   EXPECT_EQ(Conversation(wrapper_), kAllSucceed);
-  EXPECT_EQ(::GetFileAttributesW(log_.LogFile().c_str()) & FILE_ATTRIBUTE_DIRECTORY, FILE_ATTRIBUTE_DIRECTORY);
-  EXPECT_EQ(WrapperState().logPath, log_.LogFile());
-  ::RemoveDirectoryW(log_.LogFile().c_str());
+  EXPECT_EQ(::GetFileAttributesW(sandbox_.log().LogFile().c_str()) & FILE_ATTRIBUTE_DIRECTORY, FILE_ATTRIBUTE_DIRECTORY);
+  EXPECT_EQ(WrapperState().logPath, sandbox_.log().LogFile());
+  ::RemoveDirectoryW(sandbox_.log().LogFile().c_str());
 }
 
 // A LOCALAPPDATA whose expansion does not fit the 260-character buffer names
@@ -128,12 +128,12 @@ std::string OwnProcessId() { return std::to_string(::GetCurrentProcessId()); }
 // process: the SDK loads.
 TEST_F(LockFaultTest, LockHeldOpenWithoutSharingDoesNotBlock) {
   SetSdkLocation(StandInKind::Signed);
-  programData_.WriteLock(OwnProcessId());
-  UniqueFileHandle held(::CreateFileW(programData_.LockFile().c_str(), GENERIC_READ, 0, nullptr, OPEN_EXISTING,
+  sandbox_.programData().WriteLock(OwnProcessId());
+  UniqueFileHandle held(::CreateFileW(sandbox_.programData().LockFile().c_str(), GENERIC_READ, 0, nullptr, OPEN_EXISTING,
                                       FILE_ATTRIBUTE_NORMAL, nullptr));
   ASSERT_TRUE(held);
   EXPECT_EQ(wrapper_.Initialize("QEL", "2026", "neutral"), 0);
-  EXPECT_THAT(log_.Messages(), ElementsAreArray(SuccessfulInitializeLines(SdkPath(StandInKind::Signed))));
+  EXPECT_THAT(sandbox_.log().Messages(), ElementsAreArray(SuccessfulInitializeLines(SdkPath(StandInKind::Signed))));
   EXPECT_EQ(wrapper_.Uninitialize(), 0);
   // Released, the same file blocks: it was the open that failed, not the id.
   held.reset();
@@ -142,21 +142,21 @@ TEST_F(LockFaultTest, LockHeldOpenWithoutSharingDoesNotBlock) {
 
 TEST_F(LockFaultTest, FolderInPlaceOfTheLockDoesNotBlock) {
   SetSdkLocation(StandInKind::Signed);
-  programData_.WriteLock("");
-  programData_.RemoveLock();
-  ASSERT_TRUE(::CreateDirectoryW(programData_.LockFile().c_str(), nullptr));
+  sandbox_.programData().WriteLock("");
+  sandbox_.programData().RemoveLock();
+  ASSERT_TRUE(::CreateDirectoryW(sandbox_.programData().LockFile().c_str(), nullptr));
   EXPECT_EQ(wrapper_.Initialize("QEL", "2026", "neutral"), 0);
-  EXPECT_THAT(log_.Messages(), ElementsAreArray(SuccessfulInitializeLines(SdkPath(StandInKind::Signed))));
+  EXPECT_THAT(sandbox_.log().Messages(), ElementsAreArray(SuccessfulInitializeLines(SdkPath(StandInKind::Signed))));
   EXPECT_EQ(wrapper_.Uninitialize(), 0);
-  ::RemoveDirectoryW(programData_.LockFile().c_str());
+  ::RemoveDirectoryW(sandbox_.programData().LockFile().c_str());
 }
 
 // 8 MiB: read whole, compared whole, matching nothing.
 TEST_F(LockFaultTest, HugeLockFileDoesNotBlock) {
   SetSdkLocation(StandInKind::Signed);
-  programData_.WriteLock(OwnProcessId() + std::string(8 * 1024 * 1024, '0'));
+  sandbox_.programData().WriteLock(OwnProcessId() + std::string(8 * 1024 * 1024, '0'));
   EXPECT_EQ(wrapper_.Initialize("QEL", "2026", "neutral"), 0);
-  EXPECT_THAT(log_.Messages(), ElementsAreArray(SuccessfulInitializeLines(SdkPath(StandInKind::Signed))));
+  EXPECT_THAT(sandbox_.log().Messages(), ElementsAreArray(SuccessfulInitializeLines(SdkPath(StandInKind::Signed))));
   EXPECT_EQ(wrapper_.Uninitialize(), 0);
 }
 
@@ -185,18 +185,18 @@ TEST_P(LockContentTest, Initialize) {
   SetSdkLocation(StandInKind::Signed);
   const std::string content = GetParam().content();
   if (GetParam().result == 0) ASSERT_EQ(content.size(), 20u);
-  programData_.WriteLock(content);
+  sandbox_.programData().WriteLock(content);
   EXPECT_EQ(wrapper_.Initialize("QEL", "2026", "neutral"), GetParam().result);
   if (GetParam().result == 8) {
-    EXPECT_THAT(log_.Messages(),
+    EXPECT_THAT(sandbox_.log().Messages(),
                 ElementsAreArray({kLogSeparator,
                                   std::string("[INFO] HALDOAPIWrapperImpl::Initialize: plc = \"QEL\", release = "
                                               "\"2026\", language = \"neutral\""),
                                   std::string("[INFO] Load: Self-update is running"),
                                   std::string("[ERROR] HALDOAPIWrapperImpl::Initialize: Failed to load SDK! ")}));
-    EXPECT_THAT(sdk_.Calls(true), IsEmpty());
+    EXPECT_THAT(sandbox_.sdk().Calls(true), IsEmpty());
   } else {
-    EXPECT_THAT(log_.Messages(), ElementsAreArray(SuccessfulInitializeLines(SdkPath(StandInKind::Signed))));
+    EXPECT_THAT(sandbox_.log().Messages(), ElementsAreArray(SuccessfulInitializeLines(SdkPath(StandInKind::Signed))));
     EXPECT_EQ(wrapper_.Uninitialize(), 0);
   }
 }

@@ -38,17 +38,17 @@ TEST_F(WrapperInitializeTest, SuccessfulInitializeWritesTheFullSequence) {
   EXPECT_TRUE(wrapper_.IsInitialized());
   EXPECT_EQ(WrapperState().sessionId, "standin-session");
   EXPECT_NE(WrapperState().module, nullptr);
-  EXPECT_THAT(log_.Messages(), ElementsAreArray(SuccessfulInitializeLines(SdkPath(StandInKind::Signed))));
+  EXPECT_THAT(sandbox_.log().Messages(), ElementsAreArray(SuccessfulInitializeLines(SdkPath(StandInKind::Signed))));
   // The session-id slot is null when the SDK gets it, and the memory it handed
   // out goes back to it through ReleaseMemory.
-  EXPECT_THAT(sdk_.Calls(), ElementsAre("Initialize\tQEL\t2026\tneutral\tnull\t0",
+  EXPECT_THAT(sandbox_.sdk().Calls(), ElementsAre("Initialize\tQEL\t2026\tneutral\tnull\t0",
                                         "ReleaseMemory\tstandin-session\thanded-out"));
 }
 
 TEST_F(WrapperInitializeTest, EveryRecordCarriesATimestampOfTheDocumentedShape) {
   SetSdkLocation(StandInKind::Signed);
   ASSERT_EQ(wrapper_.Initialize("QEL", "2026", "neutral"), 0);
-  const auto lines = log_.Lines();
+  const auto lines = sandbox_.log().Lines();
   ASSERT_EQ(lines.size(), 5u);
   EXPECT_EQ(lines[0], kLogSeparator);
   for (size_t i = 1; i < lines.size(); ++i) EXPECT_TRUE(HasTimestampShape(lines[i])) << lines[i];
@@ -56,50 +56,50 @@ TEST_F(WrapperInitializeTest, EveryRecordCarriesATimestampOfTheDocumentedShape) 
 
 TEST_F(WrapperInitializeTest, TheSessionIdIsTheOneTheSdkReturned) {
   SetSdkLocation(StandInKind::Signed);
-  sdk_.SetSessionId("3f2a-77");
+  sandbox_.sdk().SetSessionId("3f2a-77");
   ASSERT_EQ(wrapper_.Initialize("QEL", "2026", "neutral"), 0);
   EXPECT_EQ(WrapperState().sessionId, "3f2a-77");
-  EXPECT_THAT(log_.Messages(), ElementsAreArray(SuccessfulInitializeLines(SdkPath(StandInKind::Signed), "3f2a-77")));
-  EXPECT_THAT(sdk_.Calls(), ElementsAre("Initialize\tQEL\t2026\tneutral\tnull\t0", "ReleaseMemory\t3f2a-77\thanded-out"));
+  EXPECT_THAT(sandbox_.log().Messages(), ElementsAreArray(SuccessfulInitializeLines(SdkPath(StandInKind::Signed), "3f2a-77")));
+  EXPECT_THAT(sandbox_.sdk().Calls(), ElementsAre("Initialize\tQEL\t2026\tneutral\tnull\t0", "ReleaseMemory\t3f2a-77\thanded-out"));
 }
 
 TEST_F(WrapperInitializeTest, EmptyLanguageIsAccepted) {
   SetSdkLocation(StandInKind::Signed);
   EXPECT_EQ(wrapper_.Initialize("QEL", "2026", ""), 0);
-  const auto messages = log_.Messages();
+  const auto messages = sandbox_.log().Messages();
   ASSERT_GE(messages.size(), 2u);
   EXPECT_EQ(messages[1], "[INFO] HALDOAPIWrapperImpl::Initialize: plc = \"QEL\", release = \"2026\", language = \"\"");
-  EXPECT_THAT(sdk_.Calls(), ElementsAre("Initialize\tQEL\t2026\t\tnull\t0", "ReleaseMemory\tstandin-session\thanded-out"));
+  EXPECT_THAT(sandbox_.sdk().Calls(), ElementsAre("Initialize\tQEL\t2026\t\tnull\t0", "ReleaseMemory\tstandin-session\thanded-out"));
 }
 
 TEST_F(WrapperInitializeTest, EmptyReleaseReturns5WithTheSeparatorAndOneErrorLine) {
   SetSdkLocation(StandInKind::Signed);
   EXPECT_EQ(wrapper_.Initialize("QEL", "", "neutral"), 5);
   EXPECT_FALSE(wrapper_.IsInitialized());
-  EXPECT_THAT(log_.Messages(),
+  EXPECT_THAT(sandbox_.log().Messages(),
               ElementsAre(kLogSeparator,
                           "[ERROR] HALDOAPIWrapperImpl::Initialize: Either \"plc\" or \"release\" argument absent!"));
-  EXPECT_THAT(sdk_.Calls(true), IsEmpty());  // not even loaded
+  EXPECT_THAT(sandbox_.sdk().Calls(true), IsEmpty());  // not even loaded
 }
 
 TEST_F(WrapperInitializeTest, EmptyPlcReturns5WithTheSeparatorAndOneErrorLine) {
   SetSdkLocation(StandInKind::Signed);
   EXPECT_EQ(wrapper_.Initialize("", "2026", "neutral"), 5);
-  EXPECT_THAT(log_.Messages(),
+  EXPECT_THAT(sandbox_.log().Messages(),
               ElementsAre(kLogSeparator,
                           "[ERROR] HALDOAPIWrapperImpl::Initialize: Either \"plc\" or \"release\" argument absent!"));
-  EXPECT_THAT(sdk_.Calls(true), IsEmpty());
+  EXPECT_THAT(sandbox_.sdk().Calls(true), IsEmpty());
 }
 
 TEST_F(WrapperInitializeTest, SecondInitializeReturns2AndWritesNothing) {
   SetSdkLocation(StandInKind::Signed);
   ASSERT_EQ(wrapper_.Initialize("QEL", "2026", "neutral"), 0);
-  const auto before = log_.Lines();
-  const auto callsBefore = sdk_.Calls(true);
+  const auto before = sandbox_.log().Lines();
+  const auto callsBefore = sandbox_.sdk().Calls(true);
   EXPECT_EQ(wrapper_.Initialize("QEL", "2026", "neutral"), 2);
   EXPECT_EQ(wrapper_.Initialize("OTHER", "1999", "de"), 2);
-  EXPECT_EQ(log_.Lines(), before);
-  EXPECT_EQ(sdk_.Calls(true), callsBefore);
+  EXPECT_EQ(sandbox_.log().Lines(), before);
+  EXPECT_EQ(sandbox_.sdk().Calls(true), callsBefore);
 }
 
 TEST_F(WrapperInitializeTest, SecondInitializeDoesNotEvenOpenTheLog) {
@@ -109,41 +109,41 @@ TEST_F(WrapperInitializeTest, SecondInitializeDoesNotEvenOpenTheLog) {
   WrapperLogFolder elsewhere;
   EXPECT_EQ(wrapper_.Initialize("QEL", "2026", "neutral"), 2);
   EXPECT_FALSE(elsewhere.LogExists());
-  EXPECT_EQ(WrapperState().logPath, log_.LogFile());
+  EXPECT_EQ(WrapperState().logPath, sandbox_.log().LogFile());
 }
 
 TEST_F(WrapperInitializeTest, SdkInitializeFailingWith12StillReleasesMemoryWithAnEmptyId) {
   SetSdkLocation(StandInKind::Signed);
-  sdk_.SetResult("Initialize", 12);
+  sandbox_.sdk().SetResult("Initialize", 12);
   EXPECT_EQ(wrapper_.Initialize("QEL", "2026", "neutral"), 12);
   EXPECT_FALSE(wrapper_.IsInitialized());
-  EXPECT_THAT(log_.Messages(), ElementsAre(kLogSeparator, kArgsLine,
+  EXPECT_THAT(sandbox_.log().Messages(), ElementsAre(kLogSeparator, kArgsLine,
                                            "[INFO] Load: HALDO SDK path = " + SdkPath(StandInKind::Signed),
                                            kLoadedLine));
   // The slot was null going in, and the SDK wrote nothing, so null comes back.
-  EXPECT_THAT(sdk_.Calls(), ElementsAre("Initialize\tQEL\t2026\tneutral\tnull\t12", "ReleaseMemory\t\tnull"));
+  EXPECT_THAT(sandbox_.sdk().Calls(), ElementsAre("Initialize\tQEL\t2026\tneutral\tnull\t12", "ReleaseMemory\t\tnull"));
   EXPECT_NE(WrapperState().module, nullptr);  // stays loaded
 }
 
 TEST_F(WrapperInitializeTest, AfterAFailedSdkInitializeTheNextOneSkipsLoading) {
   SetSdkLocation(StandInKind::Signed);
-  sdk_.SetResult("Initialize", 12);
+  sandbox_.sdk().SetResult("Initialize", 12);
   ASSERT_EQ(wrapper_.Initialize("QEL", "2026", "neutral"), 12);
-  log_.Clear();
-  sdk_.ClearCalls();
-  sdk_.SetResult("Initialize", 0);
+  sandbox_.log().Clear();
+  sandbox_.sdk().ClearCalls();
+  sandbox_.sdk().SetResult("Initialize", 0);
   EXPECT_EQ(wrapper_.Initialize("QEL", "2026", "neutral"), 0);
-  EXPECT_THAT(log_.Messages(), ElementsAre(kLogSeparator, kArgsLine, kLoadedLine,
+  EXPECT_THAT(sandbox_.log().Messages(), ElementsAre(kLogSeparator, kArgsLine, kLoadedLine,
                                            "[INFO] HALDOAPIWrapperImpl::Initialize: session id = standin-session"));
   // No second load: no attach, only the two calls.
-  EXPECT_THAT(sdk_.Calls(true), ElementsAre("Initialize\tQEL\t2026\tneutral\tnull\t0",
+  EXPECT_THAT(sandbox_.sdk().Calls(true), ElementsAre("Initialize\tQEL\t2026\tneutral\tnull\t0",
                                             "ReleaseMemory\tstandin-session\thanded-out"));
 }
 
 TEST_F(WrapperInitializeTest, LoadFailureReturnsTheLoadCodeWithTheTrailingBlankLine) {
   // No registry key at all: code 3.
   EXPECT_EQ(wrapper_.Initialize("QEL", "2026", "neutral"), 3);
-  const auto messages = log_.Messages();
+  const auto messages = sandbox_.log().Messages();
   ASSERT_FALSE(messages.empty());
   EXPECT_EQ(messages.back(), "[ERROR] HALDOAPIWrapperImpl::Initialize: Failed to load SDK! ");
   EXPECT_FALSE(wrapper_.IsInitialized());
@@ -152,10 +152,10 @@ TEST_F(WrapperInitializeTest, LoadFailureReturnsTheLoadCodeWithTheTrailingBlankL
 TEST_F(WrapperInitializeTest, MissingInitializeExportReturns4WithoutReleasingMemory) {
   SetSdkLocation(StandInKind::NoInitialize);
   EXPECT_EQ(wrapper_.Initialize("QEL", "2026", "neutral"), 4);
-  EXPECT_THAT(log_.Messages(),
+  EXPECT_THAT(sandbox_.log().Messages(),
               ElementsAre(kLogSeparator, kArgsLine, "[INFO] Load: HALDO SDK path = " + SdkPath(StandInKind::NoInitialize),
                           kLoadedLine, "[ERROR] HALDOAPIWrapperImpl::Initialize: Failed to obtain InitializeFunc handle!"));
-  EXPECT_THAT(sdk_.Calls(), IsEmpty());
+  EXPECT_THAT(sandbox_.sdk().Calls(), IsEmpty());
   EXPECT_NE(WrapperState().module, nullptr);
 }
 
@@ -163,17 +163,17 @@ TEST_F(WrapperInitializeTest, MissingReleaseMemoryExportIsLoggedAndTheSdkResultS
   SetSdkLocation(StandInKind::NoReleaseMemory);
   EXPECT_EQ(wrapper_.Initialize("QEL", "2026", "neutral"), 0);
   EXPECT_TRUE(wrapper_.IsInitialized());
-  EXPECT_THAT(log_.Messages(),
+  EXPECT_THAT(sandbox_.log().Messages(),
               ElementsAreArray(Concat(SuccessfulInitializeLines(SdkPath(StandInKind::NoReleaseMemory)),
                                       {"[ERROR] HALDOAPIWrapperImpl::ReleaseMemory: Failed to obtain ReleaseMemoryFunc handle!"})));
-  EXPECT_THAT(sdk_.Calls(), ElementsAre("Initialize\tQEL\t2026\tneutral\tnull\t0"));
+  EXPECT_THAT(sandbox_.sdk().Calls(), ElementsAre("Initialize\tQEL\t2026\tneutral\tnull\t0"));
 }
 
 TEST_F(WrapperInitializeTest, MissingReleaseMemoryExportAfterAFailedSdkInitializeReturnsTheSdkCode) {
   SetSdkLocation(StandInKind::NoReleaseMemory);
-  sdk_.SetResult("Initialize", 31);
+  sandbox_.sdk().SetResult("Initialize", 31);
   EXPECT_EQ(wrapper_.Initialize("QEL", "2026", "neutral"), 31);
-  const auto messages = log_.Messages();
+  const auto messages = sandbox_.log().Messages();
   ASSERT_FALSE(messages.empty());
   EXPECT_EQ(messages.back(), "[ERROR] HALDOAPIWrapperImpl::ReleaseMemory: Failed to obtain ReleaseMemoryFunc handle!");
 }
@@ -186,7 +186,7 @@ TEST_F(WrapperInitializeTest, TwoAttemptsWriteTwoSeparatorsAndAThirdAfterSuccess
   const auto expected = Concat(
       {kLogSeparator, "[ERROR] HALDOAPIWrapperImpl::Initialize: Either \"plc\" or \"release\" argument absent!"},
       SuccessfulInitializeLines(SdkPath(StandInKind::Signed)));
-  EXPECT_THAT(log_.Messages(), ElementsAreArray(expected));
+  EXPECT_THAT(sandbox_.log().Messages(), ElementsAreArray(expected));
 }
 
 // ---- IsInitialized, CreateInstance
@@ -195,8 +195,8 @@ using WrapperInstanceTest = WrapperTest;
 
 TEST_F(WrapperInstanceTest, IsInitializedLogsNothingAndCallsNothing) {
   EXPECT_FALSE(wrapper_.IsInitialized());
-  EXPECT_FALSE(log_.LogExists());
-  EXPECT_THAT(sdk_.Calls(true), IsEmpty());
+  EXPECT_FALSE(sandbox_.log().LogExists());
+  EXPECT_THAT(sandbox_.sdk().Calls(true), IsEmpty());
 }
 
 TEST_F(WrapperInstanceTest, CreateInstanceSharesTheOneState) {
@@ -213,7 +213,7 @@ TEST_F(WrapperInstanceTest, CreateInstanceSharesTheOneState) {
   other.reset();
   EXPECT_TRUE(wrapper_.IsInitialized());
   EXPECT_EQ(WrapperState().module, module);
-  EXPECT_THAT(sdk_.Calls(true), ElementsAre("Attach", "Initialize\tQEL\t2026\tneutral\tnull\t0",
+  EXPECT_THAT(sandbox_.sdk().Calls(true), ElementsAre("Attach", "Initialize\tQEL\t2026\tneutral\tnull\t0",
                                             "ReleaseMemory\tstandin-session\thanded-out"));
 }
 
@@ -226,7 +226,7 @@ TEST_F(WrapperInstanceTest, CallsThroughTheInterfaceReachTheImplementation) {
   EXPECT_EQ(wrapper->UnLockDirectory("C:\\Qel"), 0);
   EXPECT_EQ(wrapper->Uninitialize(), 0);
   EXPECT_FALSE(wrapper->IsInitialized());
-  EXPECT_THAT(sdk_.Calls(), ElementsAre("Initialize\tQEL\t2026\tneutral\tnull\t0",
+  EXPECT_THAT(sandbox_.sdk().Calls(), ElementsAre("Initialize\tQEL\t2026\tneutral\tnull\t0",
                                         "ReleaseMemory\tstandin-session\thanded-out",
                                         "LockDirectory\tstandin-session\tC:\\Qel\t0",
                                         "UnLockDirectory\tstandin-session\tC:\\Qel\t0", "Uninitialize\tstandin-session\t0"));
@@ -238,13 +238,13 @@ using WrapperLockTest = WrapperTest;
 
 TEST_F(WrapperLockTest, LockBeforeInitializeReturns4AfterASeparator) {
   EXPECT_EQ(wrapper_.LockDirectory("C:\\Qel\\2026"), 4);
-  EXPECT_THAT(log_.Messages(),
+  EXPECT_THAT(sandbox_.log().Messages(),
               ElementsAre(kLogSeparator, "[ERROR] HALDOAPIWrapperImpl::LockDirectory: Failed to obtain LockDirectoryFunc handle!"));
 }
 
 TEST_F(WrapperLockTest, UnLockBeforeInitializeReturns4AfterASeparator) {
   EXPECT_EQ(wrapper_.UnLockDirectory("C:\\Qel\\2026"), 4);
-  EXPECT_THAT(log_.Messages(),
+  EXPECT_THAT(sandbox_.log().Messages(),
               ElementsAre(kLogSeparator,
                           "[ERROR] HALDOAPIWrapperImpl::UnLockDirectory: Failed to obtain UnLockDirectoryFunc handle!"));
 }
@@ -252,7 +252,7 @@ TEST_F(WrapperLockTest, UnLockBeforeInitializeReturns4AfterASeparator) {
 TEST_F(WrapperLockTest, EmptyDirectoryReturns5) {
   EXPECT_EQ(wrapper_.LockDirectory(""), 5);
   EXPECT_EQ(wrapper_.UnLockDirectory(""), 5);
-  EXPECT_THAT(log_.Messages(),
+  EXPECT_THAT(sandbox_.log().Messages(),
               ElementsAre(kLogSeparator, "[ERROR] HALDOAPIWrapperImpl::LockDirectory: Argument \"directoryToLock \" is empty!",
                           "[ERROR] HALDOAPIWrapperImpl::UnLockDirectory: Argument \"directoryToLock \" is empty!"));
 }
@@ -260,12 +260,12 @@ TEST_F(WrapperLockTest, EmptyDirectoryReturns5) {
 TEST_F(WrapperLockTest, EmptyDirectoryWithASessionReturns5WithoutCallingTheSdk) {
   SetSdkLocation(StandInKind::Signed);
   ASSERT_EQ(wrapper_.Initialize("QEL", "2026", "neutral"), 0);
-  sdk_.ClearCalls();
-  log_.Clear();
+  sandbox_.sdk().ClearCalls();
+  sandbox_.log().Clear();
   EXPECT_EQ(wrapper_.LockDirectory(""), 5);
   EXPECT_EQ(wrapper_.UnLockDirectory(""), 5);
-  EXPECT_THAT(sdk_.Calls(), IsEmpty());
-  EXPECT_THAT(log_.Messages(),
+  EXPECT_THAT(sandbox_.sdk().Calls(), IsEmpty());
+  EXPECT_THAT(sandbox_.log().Messages(),
               ElementsAre("[ERROR] HALDOAPIWrapperImpl::LockDirectory: Argument \"directoryToLock \" is empty!",
                           "[ERROR] HALDOAPIWrapperImpl::UnLockDirectory: Argument \"directoryToLock \" is empty!"));
 }
@@ -273,23 +273,23 @@ TEST_F(WrapperLockTest, EmptyDirectoryWithASessionReturns5WithoutCallingTheSdk) 
 TEST_F(WrapperLockTest, SuccessfulLockAndUnlockPassTheSessionAndLogNothing) {
   SetSdkLocation(StandInKind::Signed);
   ASSERT_EQ(wrapper_.Initialize("QEL", "2026", "neutral"), 0);
-  const auto before = log_.Lines();
-  sdk_.ClearCalls();
+  const auto before = sandbox_.log().Lines();
+  sandbox_.sdk().ClearCalls();
   EXPECT_EQ(wrapper_.LockDirectory("C:\\Program Files\\Tavrel\\Qel\\2026"), 0);
   EXPECT_EQ(wrapper_.UnLockDirectory("C:\\Program Files\\Tavrel\\Qel\\2026"), 0);
   EXPECT_EQ(wrapper_.LockDirectory("C:\\Program Files\\Tavrel\\Qel\\2026"), 0);
-  EXPECT_THAT(sdk_.Calls(), ElementsAre("LockDirectory\tstandin-session\tC:\\Program Files\\Tavrel\\Qel\\2026\t0",
+  EXPECT_THAT(sandbox_.sdk().Calls(), ElementsAre("LockDirectory\tstandin-session\tC:\\Program Files\\Tavrel\\Qel\\2026\t0",
                                         "UnLockDirectory\tstandin-session\tC:\\Program Files\\Tavrel\\Qel\\2026\t0",
                                         "LockDirectory\tstandin-session\tC:\\Program Files\\Tavrel\\Qel\\2026\t0"));
-  EXPECT_EQ(log_.Lines(), before);
+  EXPECT_EQ(sandbox_.log().Lines(), before);
 }
 
 TEST_F(WrapperLockTest, LockReturningMinus5IsLoggedAndPassedThrough) {
   SetSdkLocation(StandInKind::Signed);
   ASSERT_EQ(wrapper_.Initialize("QEL", "2026", "neutral"), 0);
-  sdk_.SetResult("LockDirectory", -5);
+  sandbox_.sdk().SetResult("LockDirectory", -5);
   EXPECT_EQ(wrapper_.LockDirectory("C:\\Qel"), -5);
-  const auto messages = log_.Messages();
+  const auto messages = sandbox_.log().Messages();
   ASSERT_FALSE(messages.empty());
   EXPECT_EQ(messages.back(), "[ERROR] HALDOAPIWrapperImpl::LockDirectory: API returned error code -5");
   EXPECT_EQ(messages.size(), 6u);
@@ -298,20 +298,20 @@ TEST_F(WrapperLockTest, LockReturningMinus5IsLoggedAndPassedThrough) {
 TEST_F(WrapperLockTest, UnLockReturningAnErrorIsLoggedAndPassedThrough) {
   SetSdkLocation(StandInKind::Signed);
   ASSERT_EQ(wrapper_.Initialize("QEL", "2026", "neutral"), 0);
-  sdk_.SetResult("UnLockDirectory", 1077);
+  sandbox_.sdk().SetResult("UnLockDirectory", 1077);
   EXPECT_EQ(wrapper_.UnLockDirectory("C:\\Qel"), 1077);
-  const auto messages = log_.Messages();
+  const auto messages = sandbox_.log().Messages();
   ASSERT_FALSE(messages.empty());
   EXPECT_EQ(messages.back(), "[ERROR] HALDOAPIWrapperImpl::UnLockDirectory: API returned error code 1077");
 }
 
 TEST_F(WrapperLockTest, LockWithTheModuleLoadedButNoSessionPassesAnEmptyId) {
   SetSdkLocation(StandInKind::Signed);
-  sdk_.SetResult("Initialize", 12);
+  sandbox_.sdk().SetResult("Initialize", 12);
   ASSERT_EQ(wrapper_.Initialize("QEL", "2026", "neutral"), 12);
-  sdk_.ClearCalls();
+  sandbox_.sdk().ClearCalls();
   EXPECT_EQ(wrapper_.LockDirectory("C:\\Qel"), 0);
-  EXPECT_THAT(sdk_.Calls(), ElementsAre("LockDirectory\t\tC:\\Qel\t0"));
+  EXPECT_THAT(sandbox_.sdk().Calls(), ElementsAre("LockDirectory\t\tC:\\Qel\t0"));
 }
 
 TEST_F(WrapperLockTest, MissingLockExportReturns4AndTheOtherStillWorks) {
@@ -329,12 +329,12 @@ TEST_F(WrapperLockTest, MissingLockExportReturns4AndTheOtherStillWorks) {
   };
   for (const Case& c : cases) {
     ResetWrapperState();
-    log_.Clear();
+    sandbox_.log().Clear();
     SetSdkLocation(c.kind);
     ASSERT_EQ(wrapper_.Initialize("QEL", "2026", "neutral"), 0);
     EXPECT_EQ(wrapper_.LockDirectory("C:\\Qel"), c.lockResult);
     EXPECT_EQ(wrapper_.UnLockDirectory("C:\\Qel"), c.unlockResult);
-    EXPECT_THAT(log_.Messages(), ElementsAreArray(Concat(SuccessfulInitializeLines(SdkPath(c.kind)), {c.line})));
+    EXPECT_THAT(sandbox_.log().Messages(), ElementsAreArray(Concat(SuccessfulInitializeLines(SdkPath(c.kind)), {c.line})));
   }
 }
 
@@ -344,7 +344,7 @@ using WrapperUninitializeTest = WrapperTest;
 
 TEST_F(WrapperUninitializeTest, BeforeAnyInitializeReturns7AfterASeparator) {
   EXPECT_EQ(wrapper_.Uninitialize(), 7);
-  EXPECT_THAT(log_.Messages(), ElementsAre(kLogSeparator, "[ERROR] HALDOAPIWrapperImpl::Uninitialize: Not initialized!"));
+  EXPECT_THAT(sandbox_.log().Messages(), ElementsAre(kLogSeparator, "[ERROR] HALDOAPIWrapperImpl::Uninitialize: Not initialized!"));
 }
 
 TEST_F(WrapperUninitializeTest, SuccessEndsTheSessionAndUnloadsTheSdk) {
@@ -353,9 +353,9 @@ TEST_F(WrapperUninitializeTest, SuccessEndsTheSessionAndUnloadsTheSdk) {
   EXPECT_EQ(wrapper_.Uninitialize(), 0);
   EXPECT_FALSE(wrapper_.IsInitialized());
   EXPECT_EQ(WrapperState().module, nullptr);
-  EXPECT_THAT(log_.Messages(),
+  EXPECT_THAT(sandbox_.log().Messages(),
               ElementsAreArray(Concat(SuccessfulInitializeLines(SdkPath(StandInKind::Signed)), {kUnloadedLine})));
-  EXPECT_THAT(sdk_.Calls(true), ElementsAre("Attach", "Initialize\tQEL\t2026\tneutral\tnull\t0",
+  EXPECT_THAT(sandbox_.sdk().Calls(true), ElementsAre("Attach", "Initialize\tQEL\t2026\tneutral\tnull\t0",
                                             "ReleaseMemory\tstandin-session\thanded-out",
                                             "Uninitialize\tstandin-session\t0", "Detach"));
   EXPECT_EQ(wrapper_.Uninitialize(), 7);
@@ -364,26 +364,26 @@ TEST_F(WrapperUninitializeTest, SuccessEndsTheSessionAndUnloadsTheSdk) {
 TEST_F(WrapperUninitializeTest, SdkFailureKeepsTheSessionButUnloads) {
   SetSdkLocation(StandInKind::Signed);
   ASSERT_EQ(wrapper_.Initialize("QEL", "2026", "neutral"), 0);
-  sdk_.SetResult("Uninitialize", 21);
+  sandbox_.sdk().SetResult("Uninitialize", 21);
   EXPECT_EQ(wrapper_.Uninitialize(), 21);
   EXPECT_TRUE(wrapper_.IsInitialized());
   EXPECT_EQ(WrapperState().module, nullptr);
-  const auto messages = log_.Messages();
+  const auto messages = sandbox_.log().Messages();
   ASSERT_FALSE(messages.empty());
   EXPECT_EQ(messages.back(), kUnloadedLine);
-  EXPECT_THAT(sdk_.Calls(true), ElementsAre("Attach", "Initialize\tQEL\t2026\tneutral\tnull\t0",
+  EXPECT_THAT(sandbox_.sdk().Calls(true), ElementsAre("Attach", "Initialize\tQEL\t2026\tneutral\tnull\t0",
                                             "ReleaseMemory\tstandin-session\thanded-out",
                                             "Uninitialize\tstandin-session\t21", "Detach"));
   // Still "initialised" but not loaded: Initialize answers 2, Lock finds no module.
-  const auto before = log_.Lines();
+  const auto before = sandbox_.log().Lines();
   EXPECT_EQ(wrapper_.Initialize("QEL", "2026", "neutral"), 2);
-  EXPECT_EQ(log_.Lines(), before);
+  EXPECT_EQ(sandbox_.log().Lines(), before);
   EXPECT_EQ(wrapper_.LockDirectory("C:\\Qel"), 4);
-  EXPECT_EQ(log_.Messages().back(),
+  EXPECT_EQ(sandbox_.log().Messages().back(),
             "[ERROR] HALDOAPIWrapperImpl::LockDirectory: Failed to obtain LockDirectoryFunc handle!");
   // And Uninitialize, with no module, finds no export.
   EXPECT_EQ(wrapper_.Uninitialize(), 4);
-  EXPECT_EQ(log_.Messages().back(),
+  EXPECT_EQ(sandbox_.log().Messages().back(),
             "[ERROR] HALDOAPIWrapperImpl::Uninitialize: Failed to obtain UninitializeFunc handle!");
 }
 
@@ -394,9 +394,9 @@ TEST_F(WrapperUninitializeTest, MissingExportReturns4AndKeepsModuleAndSession) {
   EXPECT_EQ(wrapper_.Uninitialize(), 4);
   EXPECT_EQ(WrapperState().module, module);
   EXPECT_TRUE(wrapper_.IsInitialized());
-  EXPECT_EQ(log_.Messages().back(),
+  EXPECT_EQ(sandbox_.log().Messages().back(),
             "[ERROR] HALDOAPIWrapperImpl::Uninitialize: Failed to obtain UninitializeFunc handle!");
-  EXPECT_THAT(sdk_.Calls(true), ElementsAre("Attach", "Initialize\tQEL\t2026\tneutral\tnull\t0",
+  EXPECT_THAT(sandbox_.sdk().Calls(true), ElementsAre("Attach", "Initialize\tQEL\t2026\tneutral\tnull\t0",
                                             "ReleaseMemory\tstandin-session\thanded-out"));
 }
 
@@ -415,7 +415,7 @@ TEST_F(WrapperUninitializeTest, UnloadFailureReturns1AndForgetsTheModule) {
   EXPECT_EQ(wrapper_.Uninitialize(), 1);
   EXPECT_EQ(WrapperState().module, nullptr);
   EXPECT_FALSE(wrapper_.IsInitialized());  // the SDK itself succeeded
-  EXPECT_EQ(log_.Messages().back(), "[ERROR] HALDOAPIWrapperImpl::Uninitialize: Unload failed!");
+  EXPECT_EQ(sandbox_.log().Messages().back(), "[ERROR] HALDOAPIWrapperImpl::Uninitialize: Unload failed!");
 }
 
 TEST_F(WrapperUninitializeTest, ReloadAfterUninitializeUsesTheKeptPathAndChecksTheSignatureAgain) {
@@ -430,18 +430,18 @@ TEST_F(WrapperUninitializeTest, ReloadAfterUninitializeUsesTheKeptPathAndChecksT
   // The registry is read once per process: pointing it elsewhere changes nothing.
   SetSdkLocation(L"C:\\nowhere\\StandInSdk.dll");
   ASSERT_TRUE(::CopyFileW(StandInSdkPath(StandInKind::Tampered).c_str(), dll.c_str(), FALSE));
-  log_.Clear();
+  sandbox_.log().Clear();
   EXPECT_EQ(wrapper_.Initialize("QEL", "2026", "neutral"), 9);
-  EXPECT_THAT(log_.Messages(),
+  EXPECT_THAT(sandbox_.log().Messages(),
               ElementsAre(kLogSeparator, kArgsLine, "[INFO] Load: HALDO SDK path = " + Path(dll),
                           "[ERROR] WinVerifyTrust returned status: -2146869232", "[ERROR] VerifyCertificate failed!",
                           "[ERROR] IsSignatureValid: Signature invalid at path = " + Path(dll),
                           "[ERROR] HALDOAPIWrapperImpl::Initialize: Failed to load SDK! "));
 
   ASSERT_TRUE(::CopyFileW(StandInSdkPath(StandInKind::Signed).c_str(), dll.c_str(), FALSE));
-  log_.Clear();
+  sandbox_.log().Clear();
   EXPECT_EQ(wrapper_.Initialize("QEL", "2026", "neutral"), 0);
-  EXPECT_THAT(log_.Messages(), ElementsAreArray(SuccessfulInitializeLines(Path(dll))));
+  EXPECT_THAT(sandbox_.log().Messages(), ElementsAreArray(SuccessfulInitializeLines(Path(dll))));
   EXPECT_EQ(wrapper_.Uninitialize(), 0);
 }
 

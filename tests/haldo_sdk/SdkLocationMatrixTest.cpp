@@ -135,7 +135,7 @@ TEST_P(SdkLocationMatrix, Initialize) {
   const bool loads = row.outcome == Outcome::Loads;
   EXPECT_EQ(wrapper_.Initialize("QEL", "2026", "neutral"), loads ? 0 : 3);
   EXPECT_EQ(WrapperState().dllPath, loads ? path : L"");
-  EXPECT_THAT(log_.Messages(), ElementsAreArray(Expected(row.outcome, LogBytes(path))));
+  EXPECT_THAT(sandbox_.log().Messages(), ElementsAreArray(Expected(row.outcome, LogBytes(path))));
   if (loads) EXPECT_EQ(wrapper_.Uninitialize(), 0);
 }
 

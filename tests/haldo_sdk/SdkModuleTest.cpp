@@ -125,16 +125,16 @@ TEST_F(RegistryReadTest, PathsOf127128And129CharactersLoad) {
     const std::wstring dll = SignedCopyWithPathLength(dir, length);
     ASSERT_EQ(dll.size(), length);
     SetSdkLocation(dll);
-    log_.Clear();
+    sandbox_.log().Clear();
     EXPECT_EQ(wrapper_.Initialize("QEL", "2026", "neutral"), 0) << length;
-    EXPECT_THAT(log_.Messages(), ElementsAreArray(SuccessfulInitializeLines(Path(dll)))) << length;
+    EXPECT_THAT(sandbox_.log().Messages(), ElementsAreArray(SuccessfulInitializeLines(Path(dll)))) << length;
     EXPECT_EQ(wrapper_.Uninitialize(), 0);
   }
 }
 
 TEST_F(RegistryReadTest, MissingKey) {
   EXPECT_EQ(wrapper_.Initialize("QEL", "2026", "neutral"), 3);
-  EXPECT_THAT(log_.Messages(),
+  EXPECT_THAT(sandbox_.log().Messages(),
               ElementsAreArray(FailedLoad({"[ERROR] HALDOAPIWrapperImpl::ReadStringFromRegistry: RegOpenKeyEx failed!",
                                            kReadFailedLine, kPathEmptyLine})));
 }
@@ -142,7 +142,7 @@ TEST_F(RegistryReadTest, MissingKey) {
 TEST_F(RegistryReadTest, MissingValue) {
   RegistrySandbox::CreateKey(HKEY_LOCAL_MACHINE, kHaldoKey);
   EXPECT_EQ(wrapper_.Initialize("QEL", "2026", "neutral"), 3);
-  EXPECT_THAT(log_.Messages(),
+  EXPECT_THAT(sandbox_.log().Messages(),
               ElementsAreArray(FailedLoad({"[ERROR] HALDOAPIWrapperImpl::ReadStringFromRegistry: RegQueryValueEx failed!",
                                            kReadFailedLine, kPathEmptyLine})));
 }
@@ -150,14 +150,14 @@ TEST_F(RegistryReadTest, MissingValue) {
 TEST_F(RegistryReadTest, EmptyValue) {
   SetSdkLocation(L"");
   EXPECT_EQ(wrapper_.Initialize("QEL", "2026", "neutral"), 3);
-  EXPECT_THAT(log_.Messages(), ElementsAreArray(FailedLoad({kPathEmptyLine})));
+  EXPECT_THAT(sandbox_.log().Messages(), ElementsAreArray(FailedLoad({kPathEmptyLine})));
 }
 
 TEST_F(RegistryReadTest, BufferAllocationFailure) {
   SetSdkLocation(StandInKind::Signed);
   ValueSwap<RegistryBufferAllocator> swap(SdkLocationBufferAllocator(), {&NoMemory, &Reallocate, &Release});
   EXPECT_EQ(wrapper_.Initialize("QEL", "2026", "neutral"), 3);
-  EXPECT_THAT(log_.Messages(),
+  EXPECT_THAT(sandbox_.log().Messages(),
               ElementsAreArray(FailedLoad({"[ERROR] HALDOAPIWrapperImpl::ReadStringFromRegistry: Failed to allocate "
                                            "memory for buffer to read registry!",
                                            kReadFailedLine, kPathEmptyLine})));
@@ -168,7 +168,7 @@ TEST_F(RegistryReadTest, BufferEnlargementFailure) {
   SetSdkLocation(SignedCopyWithPathLength(dir, 200));
   ValueSwap<RegistryBufferAllocator> swap(SdkLocationBufferAllocator(), {&Allocate, &NoLargerMemory, &Release});
   EXPECT_EQ(wrapper_.Initialize("QEL", "2026", "neutral"), 3);
-  EXPECT_THAT(log_.Messages(), ElementsAreArray(FailedLoad({kReadFailedLine, kPathEmptyLine})));
+  EXPECT_THAT(sandbox_.log().Messages(), ElementsAreArray(FailedLoad({kReadFailedLine, kPathEmptyLine})));
 }
 
 TEST_F(RegistryReadTest, TheBufferIsGivenBackOnEveryPath) {
@@ -209,9 +209,9 @@ TEST_F(RegistryReadTest, TheBufferIsGivenBackOnEveryPath) {
 TEST_F(RegistryReadTest, AFailedReadIsRetriedByTheNextLoad) {
   EXPECT_EQ(wrapper_.Initialize("QEL", "2026", "neutral"), 3);
   SetSdkLocation(StandInKind::Signed);
-  log_.Clear();
+  sandbox_.log().Clear();
   EXPECT_EQ(wrapper_.Initialize("QEL", "2026", "neutral"), 0);
-  EXPECT_THAT(log_.Messages(), ElementsAreArray(SuccessfulInitializeLines(SdkPath(StandInKind::Signed))));
+  EXPECT_THAT(sandbox_.log().Messages(), ElementsAreArray(SuccessfulInitializeLines(SdkPath(StandInKind::Signed))));
 }
 
 // ---- GetDllPath: expansion and existence
@@ -227,14 +227,14 @@ TEST_F(DllPathTest, ProgramFilesReferenceIsExpandedBeforeTheExistenceTest) {
   SetSdkLocation(L"%ProgramFiles%\\Tavrel\\HALDO SDK\\StandInSdk.dll", REG_EXPAND_SZ);
   EXPECT_EQ(wrapper_.Initialize("QEL", "2026", "neutral"), 0);
   EXPECT_EQ(WrapperState().dllPath, folder + L"\\StandInSdk.dll");
-  EXPECT_THAT(log_.Messages(), ElementsAreArray(SuccessfulInitializeLines(Path(folder + L"\\StandInSdk.dll"))));
+  EXPECT_THAT(sandbox_.log().Messages(), ElementsAreArray(SuccessfulInitializeLines(Path(folder + L"\\StandInSdk.dll"))));
 }
 
 TEST_F(DllPathTest, MissingExpandedPath) {
   ScratchDir dir;
   SetSdkLocation(dir / L"NoSuchSdk.dll");
   EXPECT_EQ(wrapper_.Initialize("QEL", "2026", "neutral"), 3);
-  EXPECT_THAT(log_.Messages(),
+  EXPECT_THAT(sandbox_.log().Messages(),
               ElementsAreArray(FailedLoad(
                   {"[ERROR] HALDOAPIWrapperImpl::GetDllPath: expanded Dll Path does not exist!", kPathEmptyLine})));
   EXPECT_TRUE(WrapperState().dllPath.empty());
@@ -248,7 +248,7 @@ TEST_F(DllPathTest, ExpansionThatDoesNotFitIn260CharactersFails) {
   env.Set(L"AMBREL_TEST_SDK_DIR", dll.substr(0, dll.rfind(L'\\')));
   SetSdkLocation(L"%AMBREL_TEST_SDK_DIR%\\..\\" + dll.substr(dir.path().size() + 1));
   EXPECT_EQ(wrapper_.Initialize("QEL", "2026", "neutral"), 3);
-  EXPECT_THAT(log_.Messages(),
+  EXPECT_THAT(sandbox_.log().Messages(),
               ElementsAreArray(FailedLoad(
                   {"[ERROR] HALDOAPIWrapperImpl::GetDllPath: expanded Dll Path does not exist!", kPathEmptyLine})));
 }
@@ -259,7 +259,7 @@ TEST_F(DllPathTest, UnexpectedErrorTestingThePathCountsAsMissing) {
   // reports the path as missing.
   SetSdkLocation(L"\\\\.\\NUL\\StandInSdk.dll");
   EXPECT_EQ(wrapper_.Initialize("QEL", "2026", "neutral"), 3);
-  EXPECT_THAT(log_.Messages(),
+  EXPECT_THAT(sandbox_.log().Messages(),
               ElementsAreArray(FailedLoad(
                   {"[ERROR] HALDOAPIWrapperImpl::GetDllPath: expanded Dll Path does not exist!", kPathEmptyLine})));
 }
@@ -273,7 +273,7 @@ TEST_F(DllPathTest, DirectoryPassesTheExistenceTestThenFailsTheSignatureCheck) {
   SetSdkLocation(dir.path());
   EXPECT_EQ(wrapper_.Initialize("QEL", "2026", "neutral"), 9);
   EXPECT_EQ(WrapperState().dllPath, dir.path());
-  const auto messages = log_.Messages();
+  const auto messages = sandbox_.log().Messages();
   ASSERT_EQ(messages.size(), 7u);
   EXPECT_EQ(messages[2], "[INFO] Load: HALDO SDK path = " + Path(dir.path()));
   // The status is whatever the system reports for a directory (Wine: 5, access
@@ -293,25 +293,25 @@ TEST_F(LoadTest, SignatureRejectedReturns9) {
   SetSdkLocation(StandInKind::Unsigned);
   EXPECT_EQ(wrapper_.Initialize("QEL", "2026", "neutral"), 9);
   const std::string path = SdkPath(StandInKind::Unsigned);
-  EXPECT_THAT(log_.Messages(),
+  EXPECT_THAT(sandbox_.log().Messages(),
               ElementsAreArray(FailedLoad({"[INFO] Load: HALDO SDK path = " + path,
                                            "[ERROR] WinVerifyTrust returned status: -2146762496",
                                            "[ERROR] VerifyCertificate failed!",
                                            "[ERROR] IsSignatureValid: Signature invalid at path = " + path})));
   EXPECT_EQ(WrapperState().module, nullptr);
-  EXPECT_THAT(sdk_.Calls(true), IsEmpty());
+  EXPECT_THAT(sandbox_.sdk().Calls(true), IsEmpty());
 }
 
 TEST_F(LoadTest, LoadLibraryFailureReturns3) {
   SetSdkLocation(StandInKind::Signed);
-  sdk_.SetRefuseLoad(true);
+  sandbox_.sdk().SetRefuseLoad(true);
   EXPECT_EQ(wrapper_.Initialize("QEL", "2026", "neutral"), 3);
   const std::string path = SdkPath(StandInKind::Signed);
-  EXPECT_THAT(log_.Messages(), ElementsAreArray(FailedLoad({"[INFO] Load: HALDO SDK path = " + path,
+  EXPECT_THAT(sandbox_.log().Messages(), ElementsAreArray(FailedLoad({"[INFO] Load: HALDO SDK path = " + path,
                                                             "[ERROR] Load: LoadLibraryW failed to load " + path})));
   EXPECT_EQ(WrapperState().module, nullptr);
   // The loader tells a DLL that refused to attach that it is detached again.
-  EXPECT_THAT(sdk_.Calls(true), ElementsAre("AttachRefused", "Detach"));
+  EXPECT_THAT(sandbox_.sdk().Calls(true), ElementsAre("AttachRefused", "Detach"));
 }
 
 TEST_F(LoadTest, LoadFunctionReportsItsCode) {
@@ -326,9 +326,9 @@ TEST_F(LoadTest, LoadFunctionReportsItsCode) {
   EXPECT_TRUE(LoadSdk(code));
   EXPECT_NE(WrapperState().module, nullptr);
   // Already loaded: true at once, nothing logged.
-  const auto before = log_.Lines();
+  const auto before = sandbox_.log().Lines();
   EXPECT_TRUE(LoadSdk(code));
-  EXPECT_EQ(log_.Lines(), before);
+  EXPECT_EQ(sandbox_.log().Lines(), before);
 }
 
 // ---- Self-update detection
@@ -338,28 +338,28 @@ using SelfUpdateTest = WrapperTest;
 std::string Pid(DWORD pid) { return std::to_string(pid); }
 
 TEST_F(SelfUpdateTest, LockFileLivesUnderProgramDataTavrelHaldo) {
-  EXPECT_EQ(SelfUpdateLockFilePath().wstring(), programData_.LockFile());
+  EXPECT_EQ(SelfUpdateLockFilePath().wstring(), sandbox_.programData().LockFile());
   EXPECT_FALSE(IsSelfUpdateRunning());
 }
 
 TEST_F(SelfUpdateTest, OwnProcessIdReturns8WithoutTouchingTheRegistry) {
   // No SDK key in the registry: had the registry been read, its lines would show.
-  programData_.WriteLock(Pid(::GetCurrentProcessId()));
+  sandbox_.programData().WriteLock(Pid(::GetCurrentProcessId()));
   EXPECT_TRUE(IsSelfUpdateRunning());
   EXPECT_EQ(wrapper_.Initialize("QEL", "2026", "neutral"), 8);
-  EXPECT_THAT(log_.Messages(), ElementsAreArray(FailedLoad({"[INFO] Load: Self-update is running"})));
+  EXPECT_THAT(sandbox_.log().Messages(), ElementsAreArray(FailedLoad({"[INFO] Load: Self-update is running"})));
   EXPECT_FALSE(wrapper_.IsInitialized());
 }
 
 TEST_F(SelfUpdateTest, RemovingTheLockLetsTheNextInitializeLoad) {
   SetSdkLocation(StandInKind::Signed);
-  programData_.WriteLock(Pid(::GetCurrentProcessId()));
+  sandbox_.programData().WriteLock(Pid(::GetCurrentProcessId()));
   EXPECT_EQ(wrapper_.Initialize("QEL", "2026", "neutral"), 8);
-  EXPECT_THAT(sdk_.Calls(true), IsEmpty());
-  programData_.RemoveLock();
-  log_.Clear();
+  EXPECT_THAT(sandbox_.sdk().Calls(true), IsEmpty());
+  sandbox_.programData().RemoveLock();
+  sandbox_.log().Clear();
   EXPECT_EQ(wrapper_.Initialize("QEL", "2026", "neutral"), 0);
-  EXPECT_THAT(log_.Messages(), ElementsAreArray(SuccessfulInitializeLines(SdkPath(StandInKind::Signed))));
+  EXPECT_THAT(sandbox_.log().Messages(), ElementsAreArray(SuccessfulInitializeLines(SdkPath(StandInKind::Signed))));
 }
 
 TEST_F(SelfUpdateTest, EndingTheLockingProcessLetsTheNextInitializeLoad) {
@@ -371,16 +371,16 @@ TEST_F(SelfUpdateTest, EndingTheLockingProcessLetsTheNextInitializeLoad) {
   std::wstring commandLine = L"\"" + TestBinDirectory() + L"\\test_haldo_sdk.exe\" --gtest_list_tests";
   ASSERT_TRUE(::CreateProcessW(nullptr, commandLine.data(), nullptr, nullptr, FALSE, CREATE_SUSPENDED, nullptr, nullptr,
                                &startup, &process));
-  programData_.WriteLock(Pid(process.dwProcessId));
+  sandbox_.programData().WriteLock(Pid(process.dwProcessId));
   EXPECT_EQ(wrapper_.Initialize("QEL", "2026", "neutral"), 8);
 
   ::TerminateProcess(process.hProcess, 0);
   ::WaitForSingleObject(process.hProcess, 10000);
   ::CloseHandle(process.hThread);
   ::CloseHandle(process.hProcess);
-  log_.Clear();
+  sandbox_.log().Clear();
   EXPECT_EQ(wrapper_.Initialize("QEL", "2026", "neutral"), 0);
-  EXPECT_THAT(log_.Messages(), ElementsAreArray(SuccessfulInitializeLines(SdkPath(StandInKind::Signed))));
+  EXPECT_THAT(sandbox_.log().Messages(), ElementsAreArray(SuccessfulInitializeLines(SdkPath(StandInKind::Signed))));
 }
 
 TEST_F(SelfUpdateTest, ContentsThatNeverMatchLetTheSdkLoad) {
@@ -388,25 +388,25 @@ TEST_F(SelfUpdateTest, ContentsThatNeverMatchLetTheSdkLoad) {
   for (const std::string& content : {own + "\r\n", own + "\n", std::string(), " " + own, "0" + own, own + " "}) {
     ResetWrapperState();
     SetSdkLocation(StandInKind::Signed);
-    programData_.WriteLock(content);
-    log_.Clear();
+    sandbox_.programData().WriteLock(content);
+    sandbox_.log().Clear();
     EXPECT_FALSE(IsSelfUpdateRunning()) << "[" << content << "]";
     EXPECT_EQ(wrapper_.Initialize("QEL", "2026", "neutral"), 0) << "[" << content << "]";
-    EXPECT_THAT(log_.Messages(), ElementsAreArray(SuccessfulInitializeLines(SdkPath(StandInKind::Signed))));
+    EXPECT_THAT(sandbox_.log().Messages(), ElementsAreArray(SuccessfulInitializeLines(SdkPath(StandInKind::Signed))));
     EXPECT_EQ(wrapper_.Uninitialize(), 0);
   }
 }
 
 TEST_F(SelfUpdateTest, AlreadyLoadedSdkLoadsEvenWithTheLockPresent) {
   SetSdkLocation(StandInKind::Signed);
-  sdk_.SetResult("Initialize", 12);
+  sandbox_.sdk().SetResult("Initialize", 12);
   ASSERT_EQ(wrapper_.Initialize("QEL", "2026", "neutral"), 12);
-  programData_.WriteLock(Pid(::GetCurrentProcessId()));
+  sandbox_.programData().WriteLock(Pid(::GetCurrentProcessId()));
   ASSERT_TRUE(IsSelfUpdateRunning());
-  sdk_.SetResult("Initialize", 0);
-  log_.Clear();
+  sandbox_.sdk().SetResult("Initialize", 0);
+  sandbox_.log().Clear();
   EXPECT_EQ(wrapper_.Initialize("QEL", "2026", "neutral"), 0);
-  EXPECT_THAT(log_.Messages(),
+  EXPECT_THAT(sandbox_.log().Messages(),
               ElementsAre(kLogSeparator, kArgsLine, "[INFO] HALDOAPIWrapperImpl::Initialize: HALDO SDK loaded successfully",
                           "[INFO] HALDOAPIWrapperImpl::Initialize: session id = standin-session"));
 }
@@ -415,7 +415,7 @@ TEST_F(SelfUpdateTest, TheLockIsCheckedOnEveryLoad) {
   SetSdkLocation(StandInKind::Signed);
   ASSERT_EQ(wrapper_.Initialize("QEL", "2026", "neutral"), 0);
   ASSERT_EQ(wrapper_.Uninitialize(), 0);
-  programData_.WriteLock(Pid(::GetCurrentProcessId()));
+  sandbox_.programData().WriteLock(Pid(::GetCurrentProcessId()));
   EXPECT_EQ(wrapper_.Initialize("QEL", "2026", "neutral"), 8);
 }
 
@@ -433,9 +433,9 @@ TEST_F(SelfUpdateTest, UnexpectedErrorTestingForTheLockPropagatesAsExists) {
     EXPECT_EQ(error.code().value(), 66);
     EXPECT_NE(std::string(error.what()).find("exists"), std::string::npos) << error.what();
   }
-  EXPECT_THAT(log_.Messages(), ElementsAre(kLogSeparator, kArgsLine));
+  EXPECT_THAT(sandbox_.log().Messages(), ElementsAre(kLogSeparator, kArgsLine));
   EXPECT_EQ(WrapperState().module, nullptr);
-  EXPECT_THAT(sdk_.Calls(true), IsEmpty());
+  EXPECT_THAT(sandbox_.sdk().Calls(true), IsEmpty());
 }
 
 // SHGetKnownFolderPath(FOLDERID_ProgramData) succeeded under Wine for every

@@ -95,7 +95,7 @@ class MissingExportTest : public WrapperTest, public ::testing::WithParamInterfa
 
 TEST_P(MissingExportTest, WholeConversation) {
   SetSdkLocation(GetParam().kind);
-  RunConversation(wrapper_, log_, sdk_, SdkPath(GetParam().kind), GetParam().outcome);
+  RunConversation(wrapper_, sandbox_.log(), sandbox_.sdk(), SdkPath(GetParam().kind), GetParam().outcome);
 }
 
 INSTANTIATE_TEST_SUITE_P(Exports, MissingExportTest, ::testing::ValuesIn(MissingRows()),
@@ -156,8 +156,8 @@ class ExportCodeTest : public WrapperTest, public ::testing::WithParamInterface<
 
 TEST_P(ExportCodeTest, WholeConversation) {
   SetSdkLocation(StandInKind::Signed);
-  sdk_.SetResult(GetParam().exportName, GetParam().value);
-  RunConversation(wrapper_, log_, sdk_, SdkPath(StandInKind::Signed), ExpectedFor(GetParam()));
+  sandbox_.sdk().SetResult(GetParam().exportName, GetParam().value);
+  RunConversation(wrapper_, sandbox_.log(), sandbox_.sdk(), SdkPath(StandInKind::Signed), ExpectedFor(GetParam()));
 }
 
 INSTANTIATE_TEST_SUITE_P(Codes, ExportCodeTest, ::testing::ValuesIn(CodeRows()), [](const auto& info) {
@@ -175,8 +175,8 @@ using SessionIdSizeTest = WrapperTest;
 // Uninitialize finds nothing to end.
 TEST_F(SessionIdSizeTest, EmptyIdIsASuccessThatHoldsNoSession) {
   SetSdkLocation(StandInKind::Signed);
-  sdk_.SetSessionId("");
-  RunConversation(wrapper_, log_, sdk_, SdkPath(StandInKind::Signed),
+  sandbox_.sdk().SetSessionId("");
+  RunConversation(wrapper_, sandbox_.log(), sandbox_.sdk(), SdkPath(StandInKind::Signed),
                   {0, 0, 0, 7, false, true,
                    {kLoaded, IdLine(""), kNotInitialized},
                    {"Initialize\tQEL\t2026\tneutral\tnull\t0", "ReleaseMemory\t\thanded-out",
@@ -189,8 +189,8 @@ TEST_F(SessionIdSizeTest, IdOf64KiBIsKeptWhole) {
   SetSdkLocation(StandInKind::Signed);
   std::string id(64 * 1024, 'x');
   for (size_t i = 0; i < id.size(); i += 97) id[i] = static_cast<char>('0' + (i / 97) % 10);
-  sdk_.SetSessionId(id);
-  RunConversation(wrapper_, log_, sdk_, SdkPath(StandInKind::Signed),
+  sandbox_.sdk().SetSessionId(id);
+  RunConversation(wrapper_, sandbox_.log(), sandbox_.sdk(), SdkPath(StandInKind::Signed),
                   {0, 0, 0, 0, false, false,
                    {kLoaded, IdLine(id), kUnloaded},
                    {"Initialize\tQEL\t2026\tneutral\tnull\t0", "ReleaseMemory\t" + id + "\thanded-out",
@@ -203,10 +203,10 @@ TEST_F(SessionIdSizeTest, IdOf64KiBIsKeptWhole) {
 TEST_F(SessionIdSizeTest, NonAsciiIdBytesAreLoggedAsQuestionMarks) {
   SetSdkLocation(StandInKind::Signed);
   const std::string id = "caf\xC3\xA9-\xFF";
-  sdk_.SetSessionId(id);
+  sandbox_.sdk().SetSessionId(id);
   ASSERT_EQ(wrapper_.Initialize("QEL", "2026", "neutral"), 0);
   EXPECT_EQ(WrapperState().sessionId, id);
-  EXPECT_THAT(log_.Messages(),
+  EXPECT_THAT(sandbox_.log().Messages(),
               ElementsAreArray(SuccessfulInitializeLines(SdkPath(StandInKind::Signed), "caf??-?")));
   EXPECT_EQ(wrapper_.Uninitialize(), 0);
 }

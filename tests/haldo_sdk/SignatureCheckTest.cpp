@@ -66,9 +66,9 @@ TEST_P(SignatureRowTest, InitializeGivesTheRowsResultAndLines) {
     }
     expected.push_back("[ERROR] HALDOAPIWrapperImpl::Initialize: Failed to load SDK! ");
   }
-  EXPECT_THAT(log_.Messages(), ElementsAreArray(expected));
+  EXPECT_THAT(sandbox_.log().Messages(), ElementsAreArray(expected));
   // A refused file is never loaded.
-  EXPECT_EQ(sdk_.Calls(true).empty(), row.expectedCode != 0);
+  EXPECT_EQ(sandbox_.sdk().Calls(true).empty(), row.expectedCode != 0);
 }
 
 INSTANTIATE_TEST_SUITE_P(Rows, SignatureRowTest, ::testing::ValuesIn(kRows),
@@ -148,7 +148,7 @@ TEST_F(TrustStageTest, SignedFileIsVerifiedThenTheStateClosed) {
   EXPECT_EQ(g_trustCalls[0].data.hWVTStateData, nullptr);  // as handed in
   EXPECT_EQ(g_trustCalls[0].status, 0);
   ExpectCloseOf(g_trustCalls[1], g_trustCalls[0]);
-  EXPECT_FALSE(log_.LogExists());
+  EXPECT_FALSE(sandbox_.log().LogExists());
 }
 
 TEST_F(TrustStageTest, TheStateIsClosedAlsoAfterAFailedVerification) {
@@ -158,7 +158,7 @@ TEST_F(TrustStageTest, TheStateIsClosedAlsoAfterAFailedVerification) {
   ExpectDocumentedSettings(g_trustCalls[0], path, WTD_STATEACTION_VERIFY);
   EXPECT_EQ(g_trustCalls[0].status, static_cast<LONG>(TRUST_E_NOSIGNATURE));
   ExpectCloseOf(g_trustCalls[1], g_trustCalls[0]);
-  EXPECT_THAT(log_.Messages(), ElementsAre(kLogSeparator, "[ERROR] WinVerifyTrust returned status: -2146762496"));
+  EXPECT_THAT(sandbox_.log().Messages(), ElementsAre(kLogSeparator, "[ERROR] WinVerifyTrust returned status: -2146762496"));
 }
 
 TEST_F(TrustStageTest, TamperedFileFailsWithBadDigestAndIsClosed) {
@@ -175,7 +175,7 @@ TEST_F(PublisherStageTest, UnreadableSignatureIsReportedByCryptQueryObject) {
   // The whole check never gets here with an unsigned file (the trust stage
   // refuses it first), so the publisher stage is run on its own.
   EXPECT_FALSE(SignatureNamesPublisher(StandInSdkPath(StandInKind::Unsigned), kSdkPublisher));
-  EXPECT_THAT(log_.Messages(), ElementsAre(kLogSeparator, "[ERROR] CryptQueryObject returned false!"));
+  EXPECT_THAT(sandbox_.log().Messages(), ElementsAre(kLogSeparator, "[ERROR] CryptQueryObject returned false!"));
 }
 
 TEST_F(PublisherStageTest, MatchIsACaseInsensitiveSubstringOfAnyCertificateSubject) {
@@ -185,25 +185,25 @@ TEST_F(PublisherStageTest, MatchIsACaseInsensitiveSubstringOfAnyCertificateSubje
   EXPECT_TRUE(SignatureNamesPublisher(other, L"Ambrel Test Authority"));
   EXPECT_TRUE(SignatureNamesPublisher(StandInSdkPath(StandInKind::Signed), L"tavrel, inc"));
   EXPECT_FALSE(SignatureNamesPublisher(StandInSdkPath(StandInKind::Signed), L"Tavrel, Inc."));
-  EXPECT_THAT(log_.Messages(),
+  EXPECT_THAT(sandbox_.log().Messages(),
               ElementsAre(kLogSeparator, "[ERROR] CertFindCertificateInStore returned ERROR: 2148081668"));
 }
 
 TEST_F(PublisherStageTest, WholeCheckOfAnEmptyPathPassesSilently) {
   EXPECT_TRUE(VerifyCertificate(L""));
-  EXPECT_FALSE(log_.LogExists());
+  EXPECT_FALSE(sandbox_.log().LogExists());
 }
 
 TEST_F(PublisherStageTest, WholeCheckOfAnUnsignedFileSkipsThePublisherStage) {
   EXPECT_FALSE(VerifyCertificate(StandInSdkPath(StandInKind::Unsigned)));
   // No "CryptQueryObject returned false!" line: the publisher stage did not run.
-  EXPECT_THAT(log_.Messages(), ElementsAre(kLogSeparator, "[ERROR] WinVerifyTrust returned status: -2146762496",
+  EXPECT_THAT(sandbox_.log().Messages(), ElementsAre(kLogSeparator, "[ERROR] WinVerifyTrust returned status: -2146762496",
                                            "[ERROR] VerifyCertificate failed!"));
 }
 
 TEST_F(PublisherStageTest, WholeCheckOfTheMakersFilePassesSilently) {
   EXPECT_TRUE(VerifyCertificate(StandInSdkPath(StandInKind::Signed)));
-  EXPECT_FALSE(log_.LogExists());
+  EXPECT_FALSE(sandbox_.log().LogExists());
 }
 
 // ---- Handles
@@ -216,11 +216,11 @@ TEST_F(HandleReleaseTest, ChecksGiveBackEveryKernelHandle) {
   auto runAll = [&] {
     for (StandInKind kind : kinds) VerifyCertificate(StandInSdkPath(kind));
     SignatureNamesPublisher(StandInSdkPath(StandInKind::Unsigned), kSdkPublisher);
-    programData_.WriteLock(std::to_string(::GetCurrentProcessId()));
+    sandbox_.programData().WriteLock(std::to_string(::GetCurrentProcessId()));
     IsSelfUpdateRunning();  // stops at the first match
-    programData_.WriteLock("no process has this id");
+    sandbox_.programData().WriteLock("no process has this id");
     IsSelfUpdateRunning();  // walks the whole snapshot
-    programData_.RemoveLock();
+    sandbox_.programData().RemoveLock();
   };
   runAll();  // the first round loads providers and caches that stay
   const std::size_t before = CountProcessHandles();

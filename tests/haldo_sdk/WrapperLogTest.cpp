@@ -23,13 +23,13 @@ using WrapperLogTest = WrapperTest;
 
 TEST_F(WrapperLogTest, FirstUninitializeWritesASeparatorThenOneErrorRecord) {
   EXPECT_EQ(wrapper_.Uninitialize(), 7);
-  EXPECT_THAT(log_.Messages(), ElementsAre(kLogSeparator, "[ERROR] HALDOAPIWrapperImpl::Uninitialize: Not initialized!"));
+  EXPECT_THAT(sandbox_.log().Messages(), ElementsAre(kLogSeparator, "[ERROR] HALDOAPIWrapperImpl::Uninitialize: Not initialized!"));
 }
 
 TEST_F(WrapperLogTest, LinesEndWithCarriageReturnLineFeedOneBytePerCharacter) {
   EXPECT_EQ(wrapper_.Uninitialize(), 7);
-  const std::string bytes = ReadFileBytes(log_.LogFile());
-  const auto lines = log_.Lines();
+  const std::string bytes = ReadFileBytes(sandbox_.log().LogFile());
+  const auto lines = sandbox_.log().Lines();
   ASSERT_EQ(lines.size(), 2u);
   EXPECT_EQ(bytes, lines[0] + "\r\n" + lines[1] + "\r\n");
   EXPECT_EQ(lines[0], std::string(71, '='));
@@ -40,7 +40,7 @@ TEST_F(WrapperLogTest, TimestampIsTheLocalTimeOfTheLine) {
   const std::string before = LocalNow();
   LogWrapperInfo("a message");
   const std::string after = LocalNow();
-  const auto lines = log_.Lines();
+  const auto lines = sandbox_.log().Lines();
   ASSERT_EQ(lines.size(), 2u);
   ASSERT_TRUE(HasTimestampShape(lines[1]));
   const std::string stamp = lines[1].substr(1, 19);
@@ -53,39 +53,39 @@ TEST_F(WrapperLogTest, TheThreeEntriesWriteTheirPrefixes) {
   LogWrapperInfo("Info text");
   LogWrapperError("Error text");
   WriteWrapperLogLine(L"[INFO] Load: own prefix");
-  EXPECT_THAT(log_.Messages(), ElementsAre(kLogSeparator, "[INFO] HALDOAPIWrapperImpl::Info text",
+  EXPECT_THAT(sandbox_.log().Messages(), ElementsAre(kLogSeparator, "[INFO] HALDOAPIWrapperImpl::Info text",
                                            "[ERROR] HALDOAPIWrapperImpl::Error text", "[INFO] Load: own prefix"));
 }
 
 TEST_F(WrapperLogTest, OpenStepRecomputesThePathAndWritesASeparator) {
   OpenWrapperLog();
-  EXPECT_EQ(WrapperState().logPath, log_.localAppData() + L"\\Tavrel\\HALDO\\HALDO_APIWrapper.log");
+  EXPECT_EQ(WrapperState().logPath, sandbox_.log().localAppData() + L"\\Tavrel\\HALDO\\HALDO_APIWrapper.log");
   OpenWrapperLog();
-  EXPECT_THAT(log_.Lines(), ElementsAre(kLogSeparator, kLogSeparator));
+  EXPECT_THAT(sandbox_.log().Lines(), ElementsAre(kLogSeparator, kLogSeparator));
 }
 
 TEST_F(WrapperLogTest, ExistingContentIsKept) {
   {
     std::string existing = "earlier line\r\n";
-    std::FILE* file = _wfopen(log_.LogFile().c_str(), L"wb");
+    std::FILE* file = _wfopen(sandbox_.log().LogFile().c_str(), L"wb");
     ASSERT_NE(file, nullptr);
     std::fwrite(existing.data(), 1, existing.size(), file);
     std::fclose(file);
   }
   EXPECT_EQ(wrapper_.Uninitialize(), 7);
-  EXPECT_THAT(log_.Messages(), ElementsAre("<bad timestamp> earlier line", kLogSeparator,
+  EXPECT_THAT(sandbox_.log().Messages(), ElementsAre("<bad timestamp> earlier line", kLogSeparator,
                                            "[ERROR] HALDOAPIWrapperImpl::Uninitialize: Not initialized!"));
 }
 
 TEST_F(WrapperLogTest, LinesAreWrittenWhileAnotherProcessHoldsTheFileOpen) {
   LogWrapperInfo("first");
   // Another writer and reader, sharing as the log itself does.
-  const HANDLE other = ::CreateFileW(log_.LogFile().c_str(), GENERIC_READ | GENERIC_WRITE,
+  const HANDLE other = ::CreateFileW(sandbox_.log().LogFile().c_str(), GENERIC_READ | GENERIC_WRITE,
                                      FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr, OPEN_EXISTING, 0, nullptr);
   ASSERT_NE(other, INVALID_HANDLE_VALUE);
   LogWrapperInfo("second");
   ::CloseHandle(other);
-  EXPECT_THAT(log_.Messages(), ElementsAre(kLogSeparator, "[INFO] HALDOAPIWrapperImpl::first",
+  EXPECT_THAT(sandbox_.log().Messages(), ElementsAre(kLogSeparator, "[INFO] HALDOAPIWrapperImpl::first",
                                            "[INFO] HALDOAPIWrapperImpl::second"));
 }
 
@@ -93,7 +93,7 @@ TEST_F(WrapperLogTest, NoFileIsKeptOpenBetweenLines) {
   LogWrapperInfo("line");
   // An exclusive open succeeds only when nobody else holds the file.
   const HANDLE exclusive =
-      ::CreateFileW(log_.LogFile().c_str(), GENERIC_READ | GENERIC_WRITE, 0, nullptr, OPEN_EXISTING, 0, nullptr);
+      ::CreateFileW(sandbox_.log().LogFile().c_str(), GENERIC_READ | GENERIC_WRITE, 0, nullptr, OPEN_EXISTING, 0, nullptr);
   EXPECT_NE(exclusive, INVALID_HANDLE_VALUE);
   if (exclusive != INVALID_HANDLE_VALUE) ::CloseHandle(exclusive);
 }
@@ -107,8 +107,8 @@ TEST_F(WrapperLogTest, MissingLogFolderWritesNothingAndChangesNoResult) {
   EXPECT_EQ(wrapper_.Uninitialize(), 7);
   EXPECT_FALSE(bare.LogExists());
   EXPECT_EQ(::GetFileAttributesW((bare.localAppData() + L"\\Tavrel").c_str()), INVALID_FILE_ATTRIBUTES);
-  EXPECT_FALSE(log_.LogExists());  // nor anywhere else
-  EXPECT_THAT(sdk_.Calls(), ElementsAre("Initialize\tQEL\t2026\tneutral\tnull\t0",
+  EXPECT_FALSE(sandbox_.log().LogExists());  // nor anywhere else
+  EXPECT_THAT(sandbox_.sdk().Calls(), ElementsAre("Initialize\tQEL\t2026\tneutral\tnull\t0",
                                         "ReleaseMemory\tstandin-session\thanded-out",
                                         "LockDirectory\tstandin-session\tC:\\Qel\t0", "Uninitialize\tstandin-session\t0"));
 }
@@ -121,7 +121,7 @@ TEST_F(WrapperLogTest, UnsetLocalAppDataChangesNoResult) {
   EXPECT_EQ(wrapper_.Uninitialize(), 0);
   // The variable stays unexpanded in the path, which names no existing folder.
   EXPECT_EQ(WrapperState().logPath, L"%LOCALAPPDATA%\\Tavrel\\HALDO\\HALDO_APIWrapper.log");
-  EXPECT_FALSE(log_.LogExists());
+  EXPECT_FALSE(sandbox_.log().LogExists());
 }
 
 TEST_F(WrapperLogTest, ChangedLocalAppDataTakesEffectAtTheNextInitialize) {
@@ -131,7 +131,7 @@ TEST_F(WrapperLogTest, ChangedLocalAppDataTakesEffectAtTheNextInitialize) {
   // Until the next Initialize, lines still go to the first log.
   EXPECT_EQ(wrapper_.Uninitialize(), 0);
   EXPECT_FALSE(second.LogExists());
-  EXPECT_EQ(log_.Messages().back(), "[INFO] HALDOAPIWrapperImpl::Initialize: HALDO SDK unloaded successfully");
+  EXPECT_EQ(sandbox_.log().Messages().back(), "[INFO] HALDOAPIWrapperImpl::Initialize: HALDO SDK unloaded successfully");
   ASSERT_EQ(wrapper_.Initialize("QEL", "2026", "neutral"), 0);
   EXPECT_THAT(second.Messages(), ElementsAreArray(SuccessfulInitializeLines(SdkPath(StandInKind::Signed))));
 }
@@ -139,7 +139,7 @@ TEST_F(WrapperLogTest, ChangedLocalAppDataTakesEffectAtTheNextInitialize) {
 TEST_F(WrapperLogTest, LineWriterOpensTheLogWhenNoPathIsKnown) {
   ASSERT_TRUE(WrapperState().logPath.empty());
   WriteWrapperLogLine(L"[ERROR] VerifyCertificate failed!");
-  EXPECT_THAT(log_.Messages(), ElementsAre(kLogSeparator, "[ERROR] VerifyCertificate failed!"));
+  EXPECT_THAT(sandbox_.log().Messages(), ElementsAre(kLogSeparator, "[ERROR] VerifyCertificate failed!"));
 }
 
 TEST_F(WrapperLogTest, TimeThatCannotBeConvertedGivesAnEmptyTimestamp) {
@@ -155,7 +155,7 @@ TEST_F(WrapperLogTest, CharactersBeyondOneByteBecomeQuestionMarksAndTheLineStays
   WriteWrapperLogLine(L"[INFO] Load: HALDO SDK path = C:\\Jos\u00e9\\\u0416\\sdk.dll");
   LogWrapperInfo("caf\xE9");
   LogWrapperInfo("next");
-  EXPECT_THAT(log_.Messages(), ElementsAre(kLogSeparator, "[INFO] Load: HALDO SDK path = C:\\Jos\xE9\\?\\sdk.dll",
+  EXPECT_THAT(sandbox_.log().Messages(), ElementsAre(kLogSeparator, "[INFO] Load: HALDO SDK path = C:\\Jos\xE9\\?\\sdk.dll",
                                            "[INFO] HALDOAPIWrapperImpl::caf?", "[INFO] HALDOAPIWrapperImpl::next"));
 }
 

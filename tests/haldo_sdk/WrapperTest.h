@@ -1,7 +1,6 @@
-// What every wrapper test starts from: a sandboxed registry, a scratch
-// LOCALAPPDATA with the log folder, a scratch program-data folder for the
-// self-update lock, the stand-in SDK with its call record, and a wrapper state
-// as fresh as in a new process.
+// What every wrapper test starts from: the empty SDK sandbox (registry,
+// scratch LOCALAPPDATA and program-data folders, the stand-in's record, a
+// fresh wrapper state) and a wrapper object.
 #pragma once
 
 #include <gmock/gmock.h>
@@ -12,7 +11,7 @@
 
 #include "haldo_sdk/QelHaldoSdkWrapperImpl.h"
 #include "haldo_sdk/QelHaldoSdkWrapperState.h"
-#include "tests/support/StandInSdk.h"
+#include "tests/support/SdkSandbox.h"
 #include "tests/support/TestSupport.h"
 
 namespace ambrel::test {
@@ -33,9 +32,6 @@ class ValueSwap {
 
 class WrapperTest : public ::testing::Test {
  protected:
-  void SetUp() override { ResetWrapperState(); }
-  void TearDown() override { ResetWrapperState(); }
-
   static std::string Path(const std::wstring& path) { return Narrow(path); }
   static std::string SdkPath(StandInKind kind) { return Narrow(StandInSdkPath(kind)); }
 
@@ -44,10 +40,7 @@ class WrapperTest : public ::testing::Test {
     return SuccessfulInitializeLog(dllPath, sessionId);
   }
 
-  RegistrySandbox sandbox_;
-  WrapperLogFolder log_;
-  ProgramDataFolder programData_;
-  StandInSdk sdk_;
+  SdkSandbox sandbox_;
   QelHaldoSdkWrapperImpl wrapper_;
 };
 

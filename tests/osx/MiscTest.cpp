@@ -5,7 +5,7 @@
 #include <stdexcept>
 
 #include "Ambrel.h"
-#include "qel_loader/TextConvert.h"
+#include "common/TextConvert.h"
 #include "tests/support/TestSupport.h"
 
 namespace ambrel {

@@ -10,7 +10,7 @@
 #include <thread>
 
 #include "Ambrel.h"
-#include "qel_loader/WinResource.h"
+#include "common/WinResource.h"
 #include "tests/osx/FakeShellLink.h"
 #include "tests/support/TestSupport.h"
 

@@ -7,7 +7,7 @@
 #include "Ambrel.h"
 #include "qel_loader/Bootstrap.h"
 #include "qel_loader/InstallQueries.h"
-#include "tests/qel_loader/BootstrapSandbox.h"
+#include "tests/qel_loader/HostLayout.h"
 
 namespace ambrel {
 namespace {
@@ -20,7 +20,7 @@ class BootstrapPathTest : public ::testing::Test {
  protected:
   void SetUp() override { SharedDllPath().clear(); }
   void TearDown() override { SharedDllPath().clear(); }
-  test::BootstrapSandbox sandbox;
+  test::SdkSandbox sandbox{test::SdkSandbox::Contents::Installed};
 };
 
 // The runtime cannot hold an empty value: setting PATH to "" removes it, so

@@ -9,15 +9,16 @@
 
 #include "Ambrel.h"
 #include "qel_loader/InstallQueries.h"
-#include "qel_loader/TextConvert.h"
-#include "tests/qel_loader/BootstrapSandbox.h"
+#include "common/TextConvert.h"
+#include "tests/qel_loader/HostLayout.h"
 
 namespace ambrel {
 namespace {
 
 using test::BinFile;
-using test::BootstrapSandbox;
+using test::SdkSandbox;
 using test::CopyFileTo;
+using test::KalvexIniBesideTheProgram;
 using test::EnvGuard;
 using test::kMarker;
 using test::LibraryCopy;
@@ -51,7 +52,7 @@ class InitializeQelTest : public ::testing::Test {
     return "";
   }
 
-  BootstrapSandbox sandbox;
+  SdkSandbox sandbox{SdkSandbox::Contents::Installed};
 };
 
 TEST_F(InitializeQelTest, FreshRunPrependsRecordsAndMarks) {
@@ -204,26 +205,10 @@ TEST_F(InitializeQelTest, DevelopmentBuildOnlySetsTheMarker) {
   EXPECT_EQ(Env(kMarker), L"1");
   EXPECT_EQ(Env(L"PATH"), kOldPath);
   EXPECT_TRUE(sandbox.SdkCalls(true).empty()) << "no session";
-  EXPECT_TRUE(sandbox.WrapperLog().empty()) << "no session: " << testing::PrintToString(sandbox.WrapperLog());
+  EXPECT_TRUE(sandbox.log().Lines().empty()) << "no session: " << testing::PrintToString(sandbox.log().Lines());
   // The copy's recorded folder has no export of its own to read it by; its
   // only writer is the step that a development build never reaches.
 }
-
-// "This library" is the test program here, so Kalvex.ini goes beside it; it
-// is removed again at the end of the test.
-class KalvexIniBesideTheProgram {
- public:
-  KalvexIniBesideTheProgram() : file_(BinFile(L"Kalvex.ini")) {}
-  ~KalvexIniBesideTheProgram() { ::DeleteFileW(file_.c_str()); }
-  bool WasAbsent() const { return ::GetFileAttributesW(file_.c_str()) == INVALID_FILE_ATTRIBUTES; }
-  bool SetEdition(const wchar_t* edition) const {
-    return ::WritePrivateProfileStringW(L"Tavrel Kalvex Installation Options", L"ProductEdition", edition,
-                                        file_.c_str()) != FALSE;
-  }
-
- private:
-  std::wstring file_;
-};
 
 TEST_F(InitializeQelTest, EditionAwareEntryDoesNothingOnALiteInstallation) {
   KalvexIniBesideTheProgram ini;
@@ -239,35 +224,6 @@ TEST_F(InitializeQelTest, EditionAwareEntryDoesNothingOnALiteInstallation) {
   ASSERT_TRUE(ini.SetEdition(L"KLXPRO"));
   EXPECT_TRUE(InitializeQelForEdition());
   EXPECT_EQ(SharedDllPath(), sandbox.sharedDir());
-  EXPECT_EQ(sandbox.SdkCalls(), kWholeSession);
-}
-
-// The folder utilities' entry onto the bootstrap: with the edition honoured a
-// KLXLITE installation is left alone; without, the bootstrap runs all the same,
-// and the recorded folder is what OSxFolder hands out.
-TEST_F(InitializeQelTest, FolderUtilityEntryHonoursTheEditionOnlyWhenAsked) {
-  KalvexIniBesideTheProgram ini;
-  ASSERT_TRUE(ini.WasAbsent()) << "a Kalvex.ini is already there";
-  ASSERT_TRUE(ini.SetEdition(L"KLXLITE"));
-  const wchar_t* before = OSxFolder::GetSharedDllPath();
-  ASSERT_NE(before, nullptr);
-  EXPECT_STREQ(before, L"");
-
-  EXPECT_TRUE(OSxFolder::UpdateSharedDllPath(true));
-  EXPECT_EQ(Env(L"PATH"), kOldPath);
-  EXPECT_EQ(Env(kMarker), std::nullopt);
-  EXPECT_STREQ(OSxFolder::GetSharedDllPath(), L"");
-  EXPECT_TRUE(sandbox.SdkCalls(true).empty());
-
-  EXPECT_TRUE(OSxFolder::UpdateSharedDllPath(false));
-  EXPECT_EQ(std::wstring(OSxFolder::GetSharedDllPath()), sandbox.sharedDir());
-  EXPECT_EQ(Env(L"PATH"), sandbox.sharedDir() + L";" + kOldPath);
-  EXPECT_EQ(Env(kMarker), L"1");
-  EXPECT_EQ(sandbox.SdkCalls(), kWholeSession);
-
-  // Done once: a later call returns at once, whatever it is asked.
-  EXPECT_TRUE(OSxFolder::UpdateSharedDllPath(true));
-  EXPECT_TRUE(OSxFolder::UpdateSharedDllPath(false));
   EXPECT_EQ(sandbox.SdkCalls(), kWholeSession);
 }
 

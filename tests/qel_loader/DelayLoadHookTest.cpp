@@ -8,14 +8,14 @@
 
 #include "Ambrel.h"
 #include "qel_loader/InstallQueries.h"
-#include "qel_loader/Environment.h"
-#include "tests/qel_loader/BootstrapSandbox.h"
+#include "common/Environment.h"
+#include "tests/qel_loader/HostLayout.h"
 
 namespace ambrel {
 namespace {
 
 using test::BinFile;
-using test::BootstrapSandbox;
+using test::SdkSandbox;
 using test::CopyFileTo;
 using test::ScratchDir;
 
@@ -55,7 +55,7 @@ class DelayLoadHookInProcess : public ::testing::Test {
     return file;
   }
 
-  BootstrapSandbox sandbox;
+  SdkSandbox sandbox{SdkSandbox::Contents::Installed};
 };
 
 TEST_F(DelayLoadHookInProcess, NotificationsOtherThanFailLoadLibGiveNullAndDoNothing) {
@@ -66,7 +66,7 @@ TEST_F(DelayLoadHookInProcess, NotificationsOtherThanFailLoadLibGiveNullAndDoNot
   EXPECT_EQ(::GetModuleHandleW(L"ambrel_dlloose.dll"), nullptr) << "no load";
   EXPECT_TRUE(DelayLoadSharedDllPath().empty()) << "no lookup";
   EXPECT_TRUE(sandbox.SdkCalls(true).empty()) << "no session";
-  EXPECT_EQ(sandbox.WrapperLog(), std::vector<std::string>{}) << "no session";
+  EXPECT_EQ(sandbox.log().Lines(), std::vector<std::string>{}) << "no session";
 }
 
 TEST_F(DelayLoadHookInProcess, FirstFailingLoadLooksTheFolderUpOnceAndKeepsIt) {
@@ -198,7 +198,7 @@ class DelayLoadHookChild : public ::testing::Test {
   std::string Expected(const ScratchDir& dir, const std::wstring& dll) { return test::Narrow(dir / dll); }
   std::string InSharedPath(const std::wstring& dll) { return test::Narrow(sandbox.sharedDir() + L"\\" + dll); }
 
-  BootstrapSandbox sandbox;
+  SdkSandbox sandbox{SdkSandbox::Contents::Installed};
   test::HostLayout host;
 };
 
@@ -270,7 +270,7 @@ TEST_F(DelayLoadHookDevelopmentChild, OnlyTheLibraryFolderIsTriedAndNoSessionIsC
   EXPECT_EQ(Run(L"probe")["probe"], Expected(host.libraryDir(), L"ambrel_dlprobe.dll"));
   EXPECT_EQ(Run(L"chain")["chain dependency"], "failed 0xC06D007E");
   EXPECT_TRUE(sandbox.SdkCalls(true).empty());
-  EXPECT_EQ(sandbox.WrapperLog(), std::vector<std::string>{});
+  EXPECT_EQ(sandbox.log().Lines(), std::vector<std::string>{});
 }
 
 }  // namespace

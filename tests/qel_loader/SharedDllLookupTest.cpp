@@ -6,12 +6,12 @@
 
 #include "Ambrel.h"
 #include "qel_loader/InstallQueries.h"
-#include "tests/qel_loader/BootstrapSandbox.h"
+#include "tests/qel_loader/HostLayout.h"
 
 namespace ambrel {
 namespace {
 
-using test::BootstrapSandbox;
+using test::SdkSandbox;
 using test::EnvGuard;
 using test::kMarker;
 using test::LibraryCopy;
@@ -36,7 +36,7 @@ class SharedDllLookupTest : public ::testing::Test {
     EXPECT_TRUE(SharedDllPath().empty());
   }
 
-  BootstrapSandbox sandbox;
+  SdkSandbox sandbox{SdkSandbox::Contents::Installed};
 };
 
 // ---- FindSharedDllPath (this program's own objects) ----
@@ -107,7 +107,7 @@ TEST_F(SharedDllLookupTest, GetOnADevelopmentBuildIsEmptyValidAndCreatesNoSessio
   ASSERT_NE(result, nullptr);
   EXPECT_STREQ(result, L"");
   EXPECT_TRUE(sandbox.SdkCalls(true).empty());
-  EXPECT_TRUE(sandbox.WrapperLog().empty());
+  EXPECT_TRUE(sandbox.log().Lines().empty());
   ExpectProcessUntouched();
 }
 

@@ -6,7 +6,7 @@
 #include <gtest/gtest.h>
 
 #include "haldo_sdk/QelHaldoSdkWrapperImpl.h"
-#include "tests/qel_session/SessionSdkFixture.h"
+#include "tests/qel_session/SessionTestSupport.h"
 
 namespace ambrel::test {
 namespace {
@@ -19,8 +19,8 @@ class SessionWithSdkTest : public SessionWithStandInSdk {
   // A complete registry entry of release 2026 with existing folders; the
   // version folder is returned.
   std::wstring WriteCompleteInstall(const std::wstring& name = L"Shared") {
-    const std::wstring installPath = dir_.MakeDir(name);
-    dir_.MakeDir(name + L"\\1.0");
+    const std::wstring installPath = sandbox_.scratch().MakeDir(name);
+    sandbox_.scratch().MakeDir(name + L"\\1.0");
     RegistrySandbox::SetString(HKEY_LOCAL_MACHINE, kSharedComponentsKey, L"InstallPath", installPath);
     RegistrySandbox::SetString(HKEY_LOCAL_MACHINE, kSharedComponentsKey, L"Version", L"1.0");
     RegistrySandbox::SetDword(HKEY_LOCAL_MACHINE, kSharedComponentsKey, L"EnablePathOverride", 0);
@@ -59,7 +59,7 @@ TEST_F(SessionWithSdkTest, WholeConversationLocksAndUnlocksTheVersionFolder) {
   EXPECT_EQ(RunWholeConversation(), expected);
 
   EXPECT_THAT(messages(), IsEmpty());
-  EXPECT_EQ(sdk_.Calls(), WholeConversationCalls(lockPath));
+  EXPECT_EQ(sandbox_.sdk().Calls(), WholeConversationCalls(lockPath));
   EXPECT_FALSE(QelHaldoSdkWrapperImpl().IsInitialized());
 }
 
@@ -72,10 +72,10 @@ TEST_F(SessionWithSdkTest, SecondUninitializeOnOneObjectFindsNoSession) {
   EXPECT_EQ(session.LockInstallLocation(location), Success);
   EXPECT_EQ(session.Uninitialize(), Success);
   EXPECT_THAT(messages(), IsEmpty());
-  sdk_.ClearCalls();
+  sandbox_.sdk().ClearCalls();
   EXPECT_EQ(session.Uninitialize(), Success);
   EXPECT_EQ(messages(), (Messages{{L"WARN", L"HALDO SDK wrapper is not initialized"}}));
-  EXPECT_THAT(sdk_.Calls(true), IsEmpty());
+  EXPECT_THAT(sandbox_.sdk().Calls(true), IsEmpty());
 }
 
 // No SDK location in the registry: the wrapper cannot load the SDK (3).
@@ -94,7 +94,7 @@ TEST_F(SessionWithSdkTest, SdkStartFailsRegistryComplete) {
   sink_.clear();
   EXPECT_EQ(session.Uninitialize(), Success);
   EXPECT_EQ(messages(), (Messages{{L"WARN", L"HALDO SDK wrapper is not initialized"}}));
-  EXPECT_THAT(sdk_.Calls(true), IsEmpty());  // never loaded, so never asked to lock
+  EXPECT_THAT(sandbox_.sdk().Calls(true), IsEmpty());  // never loaded, so never asked to lock
 }
 
 TEST_F(SessionWithSdkTest, UnsignedSdkIsRefusedAndReportedAsMessage2) {
@@ -103,15 +103,15 @@ TEST_F(SessionWithSdkTest, UnsignedSdkIsRefusedAndReportedAsMessage2) {
   QelSession session;
   EXPECT_EQ(session.Initialize(L"2026"), Success);
   EXPECT_EQ(messages(), (Messages{{L"WARN", kSdkInitFailed + L"9"}}));
-  EXPECT_THAT(sdk_.Calls(true), IsEmpty());
+  EXPECT_THAT(sandbox_.sdk().Calls(true), IsEmpty());
 }
 
 TEST_F(SessionWithSdkTest, SdkErrorCodesReachTheMessagesWithTheirSign) {
   SetSdkLocation(StandInKind::Signed);
   const std::wstring expected = WriteCompleteInstall();
-  sdk_.SetResult("LockDirectory", 5);
-  sdk_.SetResult("UnLockDirectory", -3);
-  sdk_.SetResult("Uninitialize", -1);
+  sandbox_.sdk().SetResult("LockDirectory", 5);
+  sandbox_.sdk().SetResult("UnLockDirectory", -3);
+  sandbox_.sdk().SetResult("Uninitialize", -1);
 
   EXPECT_EQ(RunWholeConversation(), expected);
   EXPECT_EQ(messages(),
@@ -123,7 +123,7 @@ TEST_F(SessionWithSdkTest, SdkErrorCodesReachTheMessagesWithTheirSign) {
 TEST_F(SessionWithSdkTest, SdkRefusingToStartIsPassedThrough) {
   SetSdkLocation(StandInKind::Signed);
   WriteCompleteInstall();
-  sdk_.SetResult("Initialize", -12);
+  sandbox_.sdk().SetResult("Initialize", -12);
   RunWholeConversation();
   EXPECT_EQ(messages(), (Messages{{L"WARN", kSdkInitFailed + L"-12"},
                                   {L"WARN", kSdkInitFailed + L"-12"},
@@ -162,13 +162,13 @@ TEST_F(SessionWithSdkTest, SecondSessionSharesTheSdkSessionAndSecondUninitialize
   EXPECT_EQ(first.Uninitialize(), Success);
   EXPECT_EQ(messages(), (Messages{{L"WARN", L"HALDO SDK wrapper is not initialized"}}));
   const std::string lockPath = Narrow(expected) + "\\";
-  EXPECT_EQ(sdk_.Calls(), WholeConversationCalls(lockPath));
+  EXPECT_EQ(sandbox_.sdk().Calls(), WholeConversationCalls(lockPath));
 }
 
 TEST_F(SessionWithSdkTest, BypassedSessionNeverLoadsTheSdk) {
   SetSdkLocation(StandInKind::Signed);
   WriteCompleteInstall();
-  env_.Set(L"QEL_INITIALIZE_BYPASSED", L"1");
+  sandbox_.env().Set(L"QEL_INITIALIZE_BYPASSED", L"1");
   QelSession session;
   EXPECT_EQ(session.Initialize(L"2026"), InitializeBypassed);
   std::wstring location = L"untouched";
@@ -176,17 +176,17 @@ TEST_F(SessionWithSdkTest, BypassedSessionNeverLoadsTheSdk) {
   EXPECT_EQ(location, L"untouched");
   EXPECT_EQ(session.Uninitialize(), NotInitialized);
   EXPECT_EQ(messages(), (Messages{{L"INFO", L"Intialize is bypassed"}}));
-  EXPECT_THAT(sdk_.Calls(true), IsEmpty());
-  EXPECT_FALSE(log_.LogExists());
+  EXPECT_THAT(sandbox_.sdk().Calls(true), IsEmpty());
+  EXPECT_FALSE(sandbox_.log().LogExists());
 }
 
 TEST_F(SessionWithSdkTest, NonAsciiFolderReachesTheSdkAsUtf8) {
   SetSdkLocation(StandInKind::Signed);
   const std::wstring expected = WriteCompleteInstall(L"\u00C5ngstr\u00F6m \u5171\u6709");
-  sdk_.SetResult("LockDirectory", 6);
+  sandbox_.sdk().SetResult("LockDirectory", 6);
   EXPECT_EQ(RunWholeConversation(), expected);
   const std::string lockPath = Narrow(expected) + "\\";
-  EXPECT_EQ(sdk_.Calls(), WholeConversationCalls(lockPath, 6));
+  EXPECT_EQ(sandbox_.sdk().Calls(), WholeConversationCalls(lockPath, 6));
   EXPECT_EQ(messages(), (Messages{{L"WARN", L"Failed to lock" + expected + L"\\, HALDO SDK wrapper status code : 6"}}));
 }
 

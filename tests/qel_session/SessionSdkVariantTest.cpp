@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "qel_session/QelSession.h"
-#include "tests/qel_session/SessionSdkFixture.h"
+#include "tests/qel_session/SessionTestSupport.h"
 
 namespace ambrel::test {
 namespace {
@@ -73,10 +73,10 @@ class SessionSdkVariantTest : public SessionWithStandInSdk, public ::testing::Wi
 TEST_P(SessionSdkVariantTest, WholeConversation) {
   const VariantRow& row = GetParam();
   SetSdkLocation(row.kind);
-  if (!row.exportName.empty()) sdk_.SetResult(row.exportName, row.value);
-  sdk_.SetSessionId(row.sessionId);
-  const std::wstring installPath = dir_.MakeDir(L"Shared");
-  dir_.MakeDir(L"Shared\\1.0");
+  if (!row.exportName.empty()) sandbox_.sdk().SetResult(row.exportName, row.value);
+  sandbox_.sdk().SetSessionId(row.sessionId);
+  const std::wstring installPath = sandbox_.scratch().MakeDir(L"Shared");
+  sandbox_.scratch().MakeDir(L"Shared\\1.0");
   RegistrySandbox::SetString(HKEY_LOCAL_MACHINE, kSharedComponentsKey, L"InstallPath", installPath);
   RegistrySandbox::SetString(HKEY_LOCAL_MACHINE, kSharedComponentsKey, L"Version", L"1.0");
   RegistrySandbox::SetDword(HKEY_LOCAL_MACHINE, kSharedComponentsKey, L"EnablePathOverride", 0);

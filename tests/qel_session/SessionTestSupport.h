@@ -16,6 +16,7 @@
 #include "Ambrel.h"
 #include "haldo_sdk/QelHaldoSdkWrapperInterface.h"
 #include "qel_session/QelSession.h"
+#include "tests/support/SdkSandbox.h"
 #include "tests/support/TestSupport.h"
 
 // Reads the session's fields; befriended by QelSession.
@@ -98,5 +99,13 @@ inline std::wstring SystemErrorText(DWORD code) {
   while (!text.empty() && (text.back() == L'\n' || text.back() == L'\r' || text.back() == L' ')) text.pop_back();
   return text;
 }
+
+// Session tests that run the real wrapper over the stand-in SDK: the empty
+// SDK sandbox and a message capture.
+class SessionWithStandInSdk : public ::testing::Test {
+ protected:
+  SdkSandbox sandbox_;
+  SinkCapture sink_;
+};
 
 }  // namespace ambrel::test

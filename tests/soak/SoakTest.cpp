@@ -14,7 +14,7 @@
 #include "tests/support/BareDbghelp.h"
 #include "tests/support/HandleCount.h"
 #include "tests/support/ProcessMemory.h"
-#include "tests/support/SessionSandbox.h"
+#include "tests/support/SdkSandbox.h"
 #include "tests/support/StandInSdk.h"
 #include "tests/support/TestSupport.h"
 
@@ -39,7 +39,7 @@ class SoakTest : public ::testing::Test {
   }
   void TearDown() override { ResetWrapperState(); }
 
-  SessionSandbox sandbox_;
+  SdkSandbox sandbox_{SdkSandbox::Contents::Installed, SdkSandbox::Record::Nothing};
 };
 
 enum class CycleKind { Complete, VersionFolderMissing };
@@ -57,14 +57,14 @@ bool Cycle(CycleKind kind, const std::wstring& expected) {
 }
 
 TEST_F(SoakTest, TenThousandSessionCyclesKeepOnlyTheDeliberatelyOpenKeys) {
-  const std::wstring& expected = sandbox_.versionFolder();
+  const std::wstring& expected = sandbox_.sharedDir();
 
   // Warm-up (not counted): first-use statics, the crypto providers, Wine's own
   // caches, and one pass through the path that leaves a key open.
   for (int i = 0; i < 20; ++i) ASSERT_TRUE(Cycle(CycleKind::Complete, expected));
-  SessionSandbox::SetVersion(L"missing");
+  SdkSandbox::SetVersion(L"missing");
   ASSERT_TRUE(Cycle(CycleKind::VersionFolderMissing, expected));
-  SessionSandbox::SetVersion(L"1.0");
+  SdkSandbox::SetVersion(kSharedVersion);
   sandbox_.log().Clear();
 
   // Every hundredth cycle finds the version folder missing, which leaves the
@@ -77,9 +77,9 @@ TEST_F(SoakTest, TenThousandSessionCyclesKeepOnlyTheDeliberatelyOpenKeys) {
   const Usage before = Measure();
   for (int i = 0; i < kCycles; ++i) {
     if (i % kEvery == kEvery - 1) {
-      SessionSandbox::SetVersion(L"missing");
+      SdkSandbox::SetVersion(L"missing");
       failures += !Cycle(CycleKind::VersionFolderMissing, expected);
-      SessionSandbox::SetVersion(L"1.0");
+      SdkSandbox::SetVersion(kSharedVersion);
       ++deliberatelyOpen;
     } else {
       failures += !Cycle(CycleKind::Complete, expected);

@@ -156,4 +156,21 @@ std::string ReadFileBytes(const std::wstring& path);
 // Splits text into lines at "\r\n" or "\n" (a final empty piece is dropped).
 std::vector<std::string> SplitLines(const std::string& text);
 
+// "This library" is the test program here, so Kalvex.ini goes beside it; it
+// is removed again at the end of the test.
+class KalvexIniBesideTheProgram {
+ public:
+  KalvexIniBesideTheProgram() : file_(TestBinDirectory() + L"\\Kalvex.ini") {}
+  ~KalvexIniBesideTheProgram() { ::DeleteFileW(file_.c_str()); }
+  bool WasAbsent() const { return ::GetFileAttributesW(file_.c_str()) == INVALID_FILE_ATTRIBUTES; }
+  bool SetEdition(const wchar_t* edition) const {
+    return ::WritePrivateProfileStringW(L"Tavrel Kalvex Installation Options", L"ProductEdition", edition,
+                                        file_.c_str()) != FALSE;
+  }
+
+ private:
+  std::wstring file_;
+};
+
+
 }  // namespace ambrel::test

@@ -1,4 +1,4 @@
-#include "qel_loader/ModuleHelpers.h"
+#include "common/ModuleHelpers.h"
 
 #include <gtest/gtest.h>
 

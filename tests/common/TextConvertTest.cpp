@@ -1,4 +1,4 @@
-#include "qel_loader/TextConvert.h"
+#include "common/TextConvert.h"
 
 #include <gtest/gtest.h>
 

@@ -1,4 +1,4 @@
-#include "qel_loader/Environment.h"
+#include "common/Environment.h"
 
 #include <errno.h>
 #include <stdlib.h>

@@ -1,10 +1,10 @@
-#include "qel_loader/FileSystemStatus.h"
+#include "common/FileSystemStatus.h"
 
 #include <gtest/gtest.h>
 
 #include <filesystem>
 
-#include "qel_loader/SystemError.h"
+#include "common/SystemError.h"
 #include "tests/support/TestSupport.h"
 
 namespace ambrel {

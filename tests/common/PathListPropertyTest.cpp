@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "qel_loader/PathList.h"
+#include "common/PathList.h"
 
 namespace ambrel {
 namespace {

@@ -1,9 +1,9 @@
-#include "qel_loader/FileSystemStatus.h"
+#include "common/FileSystemStatus.h"
 
 #include <filesystem>
 
-#include "qel_loader/SystemError.h"
-#include "qel_loader/WinResource.h"
+#include "common/SystemError.h"
+#include "common/WinResource.h"
 
 namespace ambrel {
 namespace {

@@ -1,11 +1,11 @@
-#include "qel_loader/TextConvert.h"
+#include "common/TextConvert.h"
 
 #include <climits>
 #include <cwchar>
 #include <stdexcept>
 #include <system_error>
 
-#include "qel_loader/SystemError.h"
+#include "common/SystemError.h"
 
 namespace ambrel {
 namespace {

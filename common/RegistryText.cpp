@@ -1,4 +1,4 @@
-#include "qel_loader/RegistryText.h"
+#include "common/RegistryText.h"
 
 #include <vector>
 

@@ -1,43 +1,15 @@
-#include "tests/qel_loader/BootstrapSandbox.h"
+#include "tests/qel_loader/HostLayout.h"
 
 #include <filesystem>
-#include <stdexcept>
 
 namespace ambrel::test {
-
-BootstrapSandbox::BootstrapSandbox() {
-  sharedDir_ = scratch_.MakeDir(L"Shared Components\\2026.1");
-  RegistrySandbox::SetString(HKEY_LOCAL_MACHINE, kSharedKey, L"InstallPath", scratch_ / L"Shared Components");
-  RegistrySandbox::SetString(HKEY_LOCAL_MACHINE, kSharedKey, L"Version", L"2026.1");
-  SetSdkLocation(StandInKind::Signed);
-  env_.Unset(kMarker);
-  env_.Unset(L"QEL_PATH_2026");
-  // The wrapper's process-wide state of this program starts afresh; the
-  // unload of an SDK an earlier case left loaded is not this case's call.
-  ResetWrapperState();
-  sdk_.ClearCalls();
-}
-
-std::vector<std::string> BootstrapSandbox::SdkCalls(bool all) const {
-  std::vector<std::string> calls;
-  for (const std::string& line : sdk_.Calls(all)) {
-    const std::string name = line.substr(0, line.find('\t'));
-    if (all || name != "ReleaseMemory") calls.push_back(name);
-  }
-  return calls;
-}
-
-void BootstrapSandbox::OverrideLocation(const std::wstring& location) {
-  RegistrySandbox::SetDword(HKEY_LOCAL_MACHINE, kSharedKey, L"EnablePathOverride", 1);
-  env_.Set(L"QEL_PATH_2026", location);
-}
 
 HostLayout::HostLayout(const std::wstring& libraryParent) : libraryDir_(libraryParent) {
   CopyFileTo(BinFile(L"ambrel_dlhost.exe"), hostDir_ / L"ambrel_dlhost.exe");
   CopyFileTo(BinFile(L"Ambrel.dll"), libraryDir_ / L"Ambrel.dll");
 }
 
-std::map<std::string, std::string> HostLayout::Run(const BootstrapSandbox& sandbox, const std::wstring& mode,
+std::map<std::string, std::string> HostLayout::Run(const SdkSandbox& sandbox, const std::wstring& mode,
                                                    const std::wstring& folder) const {
   std::wstring arguments =
       L"\"" + libraryDir_.path() + L"\" \"" + sandbox.registry().ScratchKeyPath() + L"\" " + mode;

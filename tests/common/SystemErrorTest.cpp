@@ -1,4 +1,4 @@
-#include "qel_loader/SystemError.h"
+#include "common/SystemError.h"
 
 #include <gtest/gtest.h>
 

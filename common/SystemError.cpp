@@ -1,6 +1,6 @@
-#include "qel_loader/SystemError.h"
+#include "common/SystemError.h"
 
-#include "qel_loader/TextConvert.h"
+#include "common/TextConvert.h"
 
 namespace ambrel {
 

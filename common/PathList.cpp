@@ -1,4 +1,4 @@
-#include "qel_loader/PathList.h"
+#include "common/PathList.h"
 
 #include <cwctype>
 
