@@ -26,4 +26,14 @@ std::optional<std::wstring> ReadEnvironmentVariable(const wchar_t* name) {
 
 bool WriteEnvironmentVariable(const wchar_t* name, const wchar_t* value) { return _wputenv_s(name, value) == 0; }
 
+PathExpansion ExpandEnvironmentPath(const wchar_t* text) {
+  // One unit more than the limit passed, so the buffer stays terminated
+  // whatever a failed expansion leaves in it.
+  wchar_t expanded[MAX_PATH + 1] = {};
+  PathExpansion result;
+  result.needed = ::ExpandEnvironmentStringsW(text, expanded, MAX_PATH);
+  if (result.fits()) result.text = expanded;
+  return result;
+}
+
 }  // namespace ambrel

@@ -3,6 +3,8 @@
 // Win32 block that child processes inherit.
 #pragma once
 
+#include <windows.h>
+
 #include <optional>
 #include <string>
 
@@ -14,5 +16,17 @@ std::optional<std::wstring> ReadEnvironmentVariable(const wchar_t* name);
 
 // _wputenv_s; true when it returned 0.
 bool WriteEnvironmentVariable(const wchar_t* name, const wchar_t* value);
+
+// ExpandEnvironmentStringsW into a zero-filled buffer of MAX_PATH characters
+// (limit MAX_PATH), the budget the library gives every expanded path.
+struct PathExpansion {
+  // The function's answer: 0 when it failed, more than MAX_PATH when the
+  // expansion does not fit (the buffer then holds a cut-off text that names
+  // some other path, so it is not handed out).
+  DWORD needed = 0;
+  std::wstring text;  // the expansion; empty unless it fits
+  bool fits() const noexcept { return needed != 0 && needed <= MAX_PATH; }
+};
+PathExpansion ExpandEnvironmentPath(const wchar_t* text);
 
 }  // namespace ambrel

@@ -1,6 +1,9 @@
 #include "common/PathList.h"
 
 #include <cwctype>
+#include <optional>
+
+#include "common/Environment.h"
 
 namespace ambrel {
 namespace {
@@ -24,6 +27,21 @@ bool PathListContains(std::wstring_view list, std::wstring_view entry) {
     if (end == std::wstring_view::npos) return false;
     start = end + 1;
   }
+}
+
+std::wstring PrependToPathList(const std::wstring& directory, const std::wstring& oldPath) {
+  std::wstring value;
+  value.reserve(directory.size() + 1 + oldPath.size());
+  value.append(directory).append(1, L';').append(oldPath);
+  return value;
+}
+
+bool PrependToPathVariable(const std::wstring& directory) {
+  if (directory.empty()) return false;
+  const std::optional<std::wstring> path = ReadEnvironmentVariable(L"PATH");
+  if (!path) return false;
+  if (PathListContains(*path, directory)) return true;
+  return WriteEnvironmentVariable(L"PATH", PrependToPathList(directory, *path).c_str());
 }
 
 }  // namespace ambrel

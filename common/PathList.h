@@ -1,6 +1,7 @@
 // Whole-entry search in a ';'-separated list such as PATH.
 #pragma once
 
+#include <string>
 #include <string_view>
 
 namespace ambrel {
@@ -9,5 +10,14 @@ namespace ambrel {
 // included, nothing trimmed or expanded) equals `entry` unit by unit after both
 // are lowered with towlower.
 bool PathListContains(std::wstring_view list, std::wstring_view entry);
+
+// The new PATH value with `directory` in front of `oldPath`: the directory,
+// one ';', then the old value unchanged (an empty old value leaves a lone ';').
+std::wstring PrependToPathList(const std::wstring& directory, const std::wstring& oldPath);
+
+// Puts `directory` in front of the process PATH unless PathListContains finds
+// it there already (then true, PATH untouched). False when the directory is
+// empty, PATH is not set (it is not created) or the write fails.
+bool PrependToPathVariable(const std::wstring& directory);
 
 }  // namespace ambrel

@@ -17,4 +17,13 @@ LSTATUS QueryRegistryText(HKEY key, const wchar_t* name, DWORD byteSize, std::ws
 // The shared-components key of a release: "SOFTWARE\Tavrel\SharedComponents\" + release.
 std::wstring SharedComponentsKeyPath(const std::wstring& release);
 
+// "InstallPath" and "Version" of that key, read by the installation query and
+// by the session alike through 260 bytes: room for 129 characters and the
+// terminator, so a longer value fails with ERROR_MORE_DATA and counts as
+// unreadable. The limit is deliberate and kept.
+inline constexpr DWORD kSharedComponentsValueBytes = 260;
+inline LSTATUS QuerySharedComponentsText(HKEY key, const wchar_t* name, std::wstring& text) {
+  return QueryRegistryText(key, name, kSharedComponentsValueBytes, text);
+}
+
 }  // namespace ambrel

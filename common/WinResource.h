@@ -5,6 +5,7 @@
 
 #include <windows.h>
 #include <objbase.h>
+#include <shtypes.h>
 #include <wincrypt.h>
 
 #include <utility>
@@ -81,6 +82,12 @@ struct CoTaskMemTraits {
   static Type Invalid() noexcept { return nullptr; }
   static void Close(Type memory) noexcept { ::CoTaskMemFree(memory); }
 };
+// Shell item lists (ITEMIDLIST), which the shell allocates with the COM task allocator.
+struct ItemListTraits {
+  using Type = LPITEMIDLIST;
+  static Type Invalid() noexcept { return nullptr; }
+  static void Close(Type items) noexcept { ::CoTaskMemFree(items); }
+};
 // The block GetEnvironmentStringsW hands out.
 struct EnvironmentStringsTraits {
   using Type = wchar_t*;
@@ -109,6 +116,7 @@ using UniqueHandle = UniqueResource<HandleTraits>;
 using UniqueFileHandle = UniqueResource<FileHandleTraits>;
 using UniqueDllDirectory = UniqueResource<DllDirectoryTraits>;
 using UniqueCoTaskMem = UniqueResource<CoTaskMemTraits>;
+using UniqueItemList = UniqueResource<ItemListTraits>;
 using UniqueEnvironmentStrings = UniqueResource<EnvironmentStringsTraits>;
 using UniqueCertStore = UniqueResource<CertStoreTraits>;
 using UniqueCryptMsg = UniqueResource<CryptMsgTraits>;

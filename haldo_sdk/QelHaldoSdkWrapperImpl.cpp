@@ -2,7 +2,6 @@
 
 #include <windows.h>
 
-#include <utility>
 
 #include "haldo_sdk/QelHaldoSdkWrapperState.h"
 #include "haldo_sdk/SdkModule.h"
@@ -35,7 +34,7 @@ Function BindSdkExport(const QelHaldoSdkWrapperState& state, const char* name) {
   if (!state.module) return nullptr;
   // GetProcAddress hands out a generic function pointer; the export's real
   // type is the one the SDK documents.
-  return reinterpret_cast<Function>(::GetProcAddress(state.module, name));
+  return reinterpret_cast<Function>(::GetProcAddress(state.module.get(), name));
 }
 
 // LockDirectory and UnLockDirectory differ only in the export, whose name
@@ -127,7 +126,8 @@ int QelHaldoSdkWrapperImpl::Uninitialize() {
   if (result == 0) state.sessionId.clear();
 
   // The SDK is unloaded whatever it answered; a later Initialize loads it again.
-  const HMODULE module = std::exchange(state.module, nullptr);
+  // Unloaded through the replaceable unloader, so the owner lets go of it first.
+  const HMODULE module = state.module.release();
   if (module && !SdkModuleUnloader()(module)) {
     LogWrapperError("Uninitialize: Unload failed!");
     return kWrapperUnloadFailed;

@@ -6,17 +6,24 @@
 
 #include <string>
 
+#include "common/WinResource.h"
+
 namespace ambrel {
 
 struct QelHaldoSdkWrapperState {
-  HMODULE module = nullptr;  // null while the SDK is not loaded
+  QelHaldoSdkWrapperState() = default;
+  // At unload the SDK stays loaded: the loader may still be using it then.
+  ~QelHaldoSdkWrapperState() { (void)module.release(); }
+  QelHaldoSdkWrapperState(const QelHaldoSdkWrapperState&) = delete;
+  QelHaldoSdkWrapperState& operator=(const QelHaldoSdkWrapperState&) = delete;
+
+  UniqueModule module;       // empty while the SDK is not loaded
   std::wstring dllPath;      // found once, then kept for the life of the process
   std::wstring logPath;      // empty until the log is first opened
   std::string sessionId;     // non-empty exactly while a session is held
 };
 
-// Constructed on first use, destroyed at unload; its destructor does not
-// unload the SDK (the module may still be in use by the loader at that point).
+// Constructed on first use, destroyed at unload.
 QelHaldoSdkWrapperState& WrapperState();
 
 }  // namespace ambrel

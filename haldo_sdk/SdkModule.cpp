@@ -12,6 +12,7 @@
 #include "haldo_sdk/SignatureCheck.h"
 #include "haldo_sdk/WrapperLog.h"
 #include "haldo_sdk/WrapperStatus.h"
+#include "common/Environment.h"
 #include "common/FileSystemStatus.h"
 #include "common/WinResource.h"
 
@@ -20,7 +21,6 @@ namespace {
 
 constexpr std::size_t kRegistryBufferBytes = 2048;
 constexpr DWORD kRegistryQueryStep = 256;
-constexpr DWORD kExpandLimit = MAX_PATH;
 
 // Puts a NUL after what the query returned. Every buffer has room for it: the
 // first is far larger than the first query, each enlargement one unit larger
@@ -120,20 +120,19 @@ void GetDllPath() {
   const std::wstring value(raw);
   if (value.empty()) return;
 
-  wchar_t expanded[kExpandLimit + 1] = {};
-  const DWORD needed = ::ExpandEnvironmentStringsW(value.c_str(), expanded, kExpandLimit);
-  if (needed == 0) {
+  const PathExpansion expanded = ExpandEnvironmentPath(value.c_str());
+  if (expanded.needed == 0) {
     LogWrapperError("GetDllPath: Failed to expand dll path!");
     return;
   }
   // An expansion that did not fit names no usable file; and only the lock-file
   // test may raise, so an unexpected error here also counts as "missing".
   std::error_code ec;
-  if (needed > kExpandLimit || !PathExists(expanded, ec)) {
+  if (!expanded.fits() || !PathExists(expanded.text, ec)) {
     LogWrapperError("GetDllPath: expanded Dll Path does not exist!");
     return;
   }
-  WrapperState().dllPath = expanded;
+  WrapperState().dllPath = expanded.text;
 }
 
 std::filesystem::path SelfUpdateLockFilePath() {
@@ -180,9 +179,9 @@ bool LoadSdk(int& code) {
     return false;
   }
 
-  state.module = ::LoadLibraryW(state.dllPath.c_str());
+  state.module.reset(::LoadLibraryW(state.dllPath.c_str()));
   if (!state.module) WriteWrapperLogLine(L"[ERROR] Load: LoadLibraryW failed to load " + state.dllPath);
-  return state.module != nullptr;
+  return state.module.valid();
 }
 
 }  // namespace ambrel

@@ -7,6 +7,7 @@
 #include <fstream>
 
 #include "haldo_sdk/QelHaldoSdkWrapperState.h"
+#include "common/Environment.h"
 #include "common/TextConvert.h"
 
 namespace ambrel {
@@ -45,15 +46,11 @@ std::wstring FormatLogTimestamp(__time64_t time) {
 }
 
 void OpenWrapperLog() {
-  // One unit more than the limit passed, so the text is terminated whatever
-  // an expansion that does not fit leaves behind.
-  wchar_t expanded[MAX_PATH + 1] = {};
-  const DWORD needed = ::ExpandEnvironmentStringsW(L"%LOCALAPPDATA%", expanded, MAX_PATH);
-  // An expansion that does not fit leaves a cut-off text (Wine: the first 259
-  // characters), which names some other folder: treat it as no path at all.
-  if (needed == 0 || needed > MAX_PATH) return;
+  // An expansion that does not fit would name some other folder: no path at all.
+  const PathExpansion localAppData = ExpandEnvironmentPath(L"%LOCALAPPDATA%");
+  if (!localAppData.fits()) return;
   QelHaldoSdkWrapperState& state = WrapperState();
-  state.logPath = std::wstring(expanded) + kLogFileTail;
+  state.logPath = localAppData.text + kLogFileTail;
   AppendToLog(state.logPath, kWrapperLogSeparator);
 }
 

@@ -17,11 +17,11 @@
 namespace ambrel {
 
 std::wstring SymbolSearchModuleDirectory(HMODULE module) {
-  wchar_t file[MAX_PATH] = {};
-  if (::GetModuleFileNameW(module, file, MAX_PATH) == 0) return {};
+  const std::wstring file = GetModuleFilePath(module);
+  if (file.empty()) return {};
   wchar_t drive[3] = {};
   wchar_t directory[256] = {};
-  if (_wsplitpath_s(file, drive, 3, directory, 256, nullptr, 0, nullptr, 0) != 0) return {};
+  if (_wsplitpath_s(file.c_str(), drive, 3, directory, 256, nullptr, 0, nullptr, 0) != 0) return {};
   wchar_t joined[MAX_PATH] = {};
   if (_wmakepath_s(joined, MAX_PATH, drive, directory, nullptr, nullptr) != 0) return {};
   return joined;

@@ -5,16 +5,15 @@
 #include <stdlib.h>
 
 #include "common/Environment.h"
-#include "common/PathList.h"
+#include "common/ModuleHelpers.h"
 
 namespace ambrel {
 namespace {
 
 std::wstring ComputeHostExecutablePath() {
-  wchar_t modulePath[MAX_PATH] = {};
-  ::GetModuleFileNameW(nullptr, modulePath, MAX_PATH);
+  const std::wstring modulePath = GetModuleFilePath(nullptr);
   wchar_t longPath[MAX_PATH] = {};
-  if (::GetLongPathNameW(modulePath, longPath, MAX_PATH) != 0) return longPath;
+  if (::GetLongPathNameW(modulePath.c_str(), longPath, MAX_PATH) != 0) return longPath;
   return modulePath;
 }
 
@@ -36,14 +35,6 @@ std::wstring ExecutableNameOf(const std::wstring& path) {
   // A part that does not fit empties both buffers.
   ::_wsplitpath_s(path.c_str(), nullptr, 0, nullptr, 0, fileName, 256, extension, 256);
   return std::wstring(fileName) + extension;
-}
-
-bool PrependToPathVariable(const std::wstring& directory) {
-  if (directory.empty()) return false;
-  const std::optional<std::wstring> path = ReadEnvironmentVariable(L"PATH");
-  if (!path) return false;
-  if (PathListContains(*path, directory)) return true;
-  return WriteEnvironmentVariable(L"PATH", (directory + L";" + *path).c_str());
 }
 
 std::optional<std::wstring> CutFirstOccurrence(std::wstring_view pathValue, std::wstring_view text) {

@@ -20,11 +20,6 @@ const std::wstring& HostExecutableName();
 // part does not fit 256 characters.
 std::wstring ExecutableNameOf(const std::wstring& path);
 
-// Puts `directory` in front of PATH unless an entry equals it ignoring case.
-// False when the directory is empty, PATH is not set (it is not created) or the
-// write fails.
-bool PrependToPathVariable(const std::wstring& directory);
-
 // The PATH value with the first exact (case-sensitive) occurrence of `text`
 // removed together with everything up to and including the next ';' (to the
 // end when there is none); nothing when `text` does not occur. An empty text

@@ -9,18 +9,19 @@
 #include "common/WinResource.h"
 
 bool OSxFolder::GetMyDocumentsDir(wchar_t* buffer, size_t size) {
-  LPITEMIDLIST items = nullptr;
-  HRESULT result = ::SHGetSpecialFolderLocation(nullptr, CSIDL_PERSONAL, &items);
+  ambrel::UniqueItemList items;
+  HRESULT result = ::SHGetSpecialFolderLocation(nullptr, CSIDL_PERSONAL, items.put());
   wchar_t path[MAX_PATH] = {};
-  if (SUCCEEDED(result) && ::SHGetPathFromIDListW(items, path) && size != 0) {
+  if (SUCCEEDED(result) && ::SHGetPathFromIDListW(items.get(), path) && size != 0) {
     ambrel::CopyTruncating(buffer, size, path);
   }
-  if (items != nullptr) {
+  if (items) {
     // The answer is the allocator lookup's once a list exists: a failed path
-    // conversion still reports success, as hosts have always seen it.
+    // conversion still reports success, as hosts have always seen it. The
+    // list goes back through that allocator; without one its owner frees it.
     ambrel::ComPtr<IMalloc> allocator;
     result = ::SHGetMalloc(allocator.put());
-    if (allocator) allocator->Free(items);
+    if (allocator) allocator->Free(items.release());
   }
   return SUCCEEDED(result);
 }

@@ -4,6 +4,7 @@
 #include <string>
 
 #include "Ambrel.h"
+#include "common/PathList.h"
 #include "osx/HostPath.h"
 #include "common/ModuleHelpers.h"
 #include "common/WinResource.h"

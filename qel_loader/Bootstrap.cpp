@@ -5,13 +5,6 @@
 
 namespace ambrel {
 
-std::wstring PrependToPathList(const std::wstring& directory, const std::wstring& oldPath) {
-  std::wstring value;
-  value.reserve(directory.size() + 1 + oldPath.size());
-  value.append(directory).append(1, L';').append(oldPath);
-  return value;
-}
-
 bool InitializeQelForEdition() {
   if (IsLiteEdition()) return true;
   return InitializeQel();

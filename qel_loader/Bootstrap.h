@@ -2,7 +2,6 @@
 // utilities, and the steps of a full run over a session object.
 #pragma once
 
-#include <optional>
 #include <string>
 
 #include "common/Environment.h"
@@ -20,10 +19,6 @@ inline constexpr wchar_t kBypassMarker[] = L"QEL_INITIALIZE_BYPASSED";
 // True for a KLXLITE installation without doing anything; else InitializeQel().
 bool InitializeQelForEdition();
 
-// The new PATH value with `directory` in front of `oldPath`: the directory,
-// one ';', then the old value unchanged.
-std::wstring PrependToPathList(const std::wstring& directory, const std::wstring& oldPath);
-
 // Locate, check, put on PATH, record, mark, while the installer holds the
 // lock. PATH changes only in a run that goes on to record the folder. Throws
 // std::filesystem::filesystem_error ("status") on an unexpected error of the
@@ -34,12 +29,7 @@ bool PrepareProcess(Session& session) {
   if (session.LockInstallLocation(directory) != QelStatus::Success) return false;
   if (directory.empty() || !IsExistingDirectory(directory)) return false;
 
-  const std::optional<std::wstring> path = ReadEnvironmentVariable(L"PATH");
-  if (!path) return false;
-  if (!PathListContains(*path, directory) &&
-      !WriteEnvironmentVariable(L"PATH", PrependToPathList(directory, *path).c_str())) {
-    return false;
-  }
+  if (!PrependToPathVariable(directory)) return false;
   SharedDllPath() = directory;
   WriteEnvironmentVariable(kBypassMarker, L"1");  // a lost marker only costs children a session
   return true;
@@ -47,8 +37,9 @@ bool PrepareProcess(Session& session) {
 
 // A full run over a fresh session: start it, prepare the process, end it.
 // Bypassed counts as success. A session that did not start is not
-// uninitialised; neither is one left by an exception (the caller's session
-// object is destroyed all the same). Generic so tests can script a session.
+// uninitialised. Nor is one left by the folder test's filesystem_error: the
+// bootstrap's contract destroys the session then without Uninitialize (the
+// installer keeps its lock), and the host sees the exception. Generic so tests can script a session.
 template <typename Session>
 bool RunBootstrapSession(Session& session) {
   const QelStatus started = session.Initialize(QelRelease);

@@ -13,10 +13,6 @@
 namespace ambrel {
 namespace {
 
-// The registry values are read through 260 bytes (129 characters): a longer
-// value counts as missing.
-constexpr DWORD kInstallValueBytes = 260;
-
 std::wstring JoinPath(const std::wstring& directory, const std::wstring& name) {
   return (std::filesystem::path(directory) / std::filesystem::path(name)).wstring();
 }
@@ -68,10 +64,10 @@ bool QelLoadHelper::IsQELInstalled() {
     return false;
   }
   std::wstring installPath;
-  if (QueryRegistryText(key.get(), L"InstallPath", kInstallValueBytes, installPath) != ERROR_SUCCESS) return false;
+  if (QuerySharedComponentsText(key.get(), L"InstallPath", installPath) != ERROR_SUCCESS) return false;
   if (!PathExists(installPath)) return false;
   std::wstring version;
-  if (QueryRegistryText(key.get(), L"Version", kInstallValueBytes, version) != ERROR_SUCCESS || version.empty())
+  if (QuerySharedComponentsText(key.get(), L"Version", version) != ERROR_SUCCESS || version.empty())
     return false;
   return PathExists(JoinPath(installPath, version));
 }

@@ -18,14 +18,13 @@ using ambrel::WideToUtf8;
 
 namespace {
 
-// InstallPath and Version are read through 260 bytes (129 characters and the
-// terminator); a longer value fails with ERROR_MORE_DATA and counts as unreadable.
-constexpr DWORD kRegistryTextBytes = 260;
 // Shorter locations cannot be a real install folder (a bare "D:\x").
 constexpr std::size_t kMinimumLocationLength = 5;
 
-// 0 is a fresh SDK session, 2 one that this process already holds.
-bool IsUsableSdkStatus(std::int32_t status) { return status == 0 || status == 2; }
+// A fresh SDK session, or one that this process already holds.
+bool IsUsableSdkStatus(std::int32_t status) {
+  return status == ambrel::kWrapperSuccess || status == ambrel::kWrapperAlreadyInitialized;
+}
 
 // The folder as the SDK wants it for locking and unlocking: UTF-8 with one
 // backslash appended, whether or not it already ends in one.
@@ -163,7 +162,7 @@ QelStatus QelSession::ReadInstallLocation(std::wstring keyRelease) {
   }
 
   std::wstring installPath;
-  if (ambrel::QueryRegistryText(key.get(), L"InstallPath", kRegistryTextBytes, installPath) != ERROR_SUCCESS) {
+  if (ambrel::QuerySharedComponentsText(key.get(), L"InstallPath", installPath) != ERROR_SUCCESS) {
     DeliverText("FATAL", "Failed to read InstallPath registry entry");
     return RegistryReadFailed;
   }
@@ -182,7 +181,7 @@ QelStatus QelSession::ReadInstallLocation(std::wstring keyRelease) {
   }
 
   std::wstring version;
-  if (ambrel::QueryRegistryText(key.get(), L"Version", kRegistryTextBytes, version) != ERROR_SUCCESS) {
+  if (ambrel::QuerySharedComponentsText(key.get(), L"Version", version) != ERROR_SUCCESS) {
     DeliverText("FATAL", "Failed to read Version from registry entry");
     return RegistryReadFailed;
   }

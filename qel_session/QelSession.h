@@ -2,8 +2,10 @@
 // components' folder and has the installer lock it while the host prepares
 // itself: construct, Initialize, then (on 0) LockInstallLocation and
 // Uninitialize, then destroy. Used by one thread at a time; never throws for a
-// registry, environment or SDK failure (only std::bad_alloc and
-// std::length_error leave it).
+// registry, environment or SDK failure. What can leave it: std::bad_alloc and
+// std::length_error, and from Initialize the wrapper's
+// std::filesystem::filesystem_error ("exists") when the installer's
+// self-update lock file cannot be tested for an unexpected reason.
 #pragma once
 
 #include <windows.h>
@@ -13,6 +15,7 @@
 #include <string>
 
 #include "haldo_sdk/QelHaldoSdkWrapperInterface.h"
+#include "haldo_sdk/WrapperStatus.h"
 #include "qel_session/QelStatus.h"
 
 class QelSession {
@@ -27,28 +30,34 @@ class QelSession {
   QelSession(const QelSession&) = delete;
   QelSession& operator=(const QelSession&) = delete;
 
-  // Starts an SDK session for "QEL", `release` and "neutral". 14 when
-  // QEL_INITIALIZE_BYPASSED is present (nothing else happens), else 0, also
-  // when the SDK could not be started.
+  // Starts an SDK session for "QEL", `release` and "neutral".
+  // InitializeBypassed when QEL_INITIALIZE_BYPASSED is present (nothing else
+  // happens), else Success, also when the SDK could not be started.
   QelStatus Initialize(std::wstring release);
 
   // Finds the install folder (environment override or registry), asks the SDK
-  // to lock it and hands it back in `location`. 8 before Initialize (location
-  // untouched), else the locate result 0, 6, 12 or 13; a failed lock still
-  // gives 0 with a usable location.
+  // to lock it and hands it back in `location`. NotInitialized before
+  // Initialize (location untouched), else the locate result: Success,
+  // RegistryReadFailed, PathNotFound or VersionEmpty; a failed lock still
+  // gives Success with a usable location.
   QelStatus LockInstallLocation(std::wstring& location);
 
-  // Unlocks the folder and ends the SDK session. 8 before Initialize, else 0.
+  // Unlocks the folder and ends the SDK session. NotInitialized before
+  // Initialize, else Success.
   QelStatus Uninitialize();
 
   // The two locate steps of LockInstallLocation; each leaves its result in
   // the session's install location.
-  // 0 when EnablePathOverride is 1 and QEL_PATH_<release> is set; 12 when it
-  // is 1 and the variable is not set; 100 otherwise.
-  QelStatus GetPathOverride(std::wstring release);
-  // InstallPath + "\" + Version from the registry, both checked to exist
-  // (InstallPath alone while the override supplied the location): 0, 6, 12 or 13.
-  QelStatus ReadInstallLocation(std::wstring release);
+  // `keyRelease` names the registry key whose EnablePathOverride is read; the
+  // variable is QEL_PATH_ + the session's own release. Success when the switch
+  // is 1 and the variable is set; PathNotFound when it is 1 and the variable
+  // is not set; NoPathOverride otherwise.
+  QelStatus GetPathOverride(std::wstring keyRelease);
+  // InstallPath + "\" + Version from the key of `keyRelease` (or
+  // customRegistryKey), both checked to exist (InstallPath alone while the
+  // override supplied the location): Success, RegistryReadFailed,
+  // PathNotFound or VersionEmpty.
+  QelStatus ReadInstallLocation(std::wstring keyRelease);
 
  private:
   friend struct QelSessionInspector;  // tests look at the fields
@@ -59,13 +68,13 @@ class QelSession {
   HKEY registryRoot = HKEY_LOCAL_MACHINE;
   // Found by the last locate step; also the folder locked and unlocked.
   std::wstring installLocation;
-  // Empty until Initialize succeeds: the later operations then answer 8.
+  // Empty until Initialize succeeds: the later operations then answer NotInitialized.
   std::wstring release;
   // True when the environment override supplied installLocation.
   bool pathOverridden = false;
   std::string productLineCode;
   std::unique_ptr<QelHaldoSdkWrapperInterface> sdkWrapper;
-  // Last result of the wrapper's Initialize, then of its LockDirectory; 7 is
-  // the wrapper's "no session" code.
-  std::int32_t sdkStatus = 7;
+  // Last result of the wrapper's Initialize, then of its LockDirectory; it
+  // starts as the wrapper's "not initialized" code.
+  std::int32_t sdkStatus = ambrel::kWrapperNotInitialized;
 };

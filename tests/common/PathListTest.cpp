@@ -2,6 +2,10 @@
 
 #include <gtest/gtest.h>
 
+#include <filesystem>
+
+#include "tests/support/TestSupport.h"
+
 namespace ambrel {
 namespace {
 
@@ -44,6 +48,30 @@ INSTANTIATE_TEST_SUITE_P(
         PathListCase{L"%SystemRoot%;X", L"%systemroot%", true},
         PathListCase{L"a;b;c", L"c", true},
         PathListCase{L"a;b;c", L"d", false}));
+
+// ---- putting a folder in front of PATH ----
+
+using test::EnvGuard;
+
+TEST(PrependToPathList, DirectorySemicolonOldValue) {
+  EXPECT_EQ(PrependToPathList(L"D:\\Shared\\2026.1", L"C:\\a;C:\\b;"), L"D:\\Shared\\2026.1;C:\\a;C:\\b;");
+  EXPECT_EQ(PrependToPathList(L"D:\\Shared\\2026.1", L""), L"D:\\Shared\\2026.1;");
+}
+
+TEST(PrependToPathVariable, EmptyFolderIsFalse) {
+  EnvGuard env;
+  env.Set(L"PATH", L"C:\\a");
+  EXPECT_FALSE(PrependToPathVariable(L""));
+  EXPECT_EQ(EnvGuard::Get(L"PATH"), L"C:\\a");
+}
+
+TEST(PrependToPathVariable, RootFolderKeepsItsSeparator) {
+  EXPECT_EQ(std::filesystem::path(L"C:\\Kalvex.exe").parent_path().wstring(), L"C:\\");
+  EnvGuard env;
+  env.Set(L"PATH", L"C:\\a");
+  EXPECT_TRUE(PrependToPathVariable(L"C:\\"));
+  EXPECT_EQ(EnvGuard::Get(L"PATH"), L"C:\\;C:\\a");
+}
 
 }  // namespace
 }  // namespace ambrel

@@ -37,7 +37,7 @@ TEST_F(WrapperInitializeTest, SuccessfulInitializeWritesTheFullSequence) {
   EXPECT_EQ(wrapper_.Initialize("QEL", "2026", "neutral"), 0);
   EXPECT_TRUE(wrapper_.IsInitialized());
   EXPECT_EQ(WrapperState().sessionId, "standin-session");
-  EXPECT_NE(WrapperState().module, nullptr);
+  EXPECT_NE(WrapperState().module.get(), nullptr);
   EXPECT_THAT(sandbox_.log().Messages(), ElementsAreArray(SuccessfulInitializeLines(SdkPath(StandInKind::Signed))));
   // The session-id slot is null when the SDK gets it, and the memory it handed
   // out goes back to it through ReleaseMemory.
@@ -122,7 +122,7 @@ TEST_F(WrapperInitializeTest, SdkInitializeFailingWith12StillReleasesMemoryWithA
                                            kLoadedLine));
   // The slot was null going in, and the SDK wrote nothing, so null comes back.
   EXPECT_THAT(sandbox_.sdk().Calls(), ElementsAre("Initialize\tQEL\t2026\tneutral\tnull\t12", "ReleaseMemory\t\tnull"));
-  EXPECT_NE(WrapperState().module, nullptr);  // stays loaded
+  EXPECT_NE(WrapperState().module.get(), nullptr);  // stays loaded
 }
 
 TEST_F(WrapperInitializeTest, AfterAFailedSdkInitializeTheNextOneSkipsLoading) {
@@ -156,7 +156,7 @@ TEST_F(WrapperInitializeTest, MissingInitializeExportReturns4WithoutReleasingMem
               ElementsAre(kLogSeparator, kArgsLine, "[INFO] Load: HALDO SDK path = " + SdkPath(StandInKind::NoInitialize),
                           kLoadedLine, "[ERROR] HALDOAPIWrapperImpl::Initialize: Failed to obtain InitializeFunc handle!"));
   EXPECT_THAT(sandbox_.sdk().Calls(), IsEmpty());
-  EXPECT_NE(WrapperState().module, nullptr);
+  EXPECT_NE(WrapperState().module.get(), nullptr);
 }
 
 TEST_F(WrapperInitializeTest, MissingReleaseMemoryExportIsLoggedAndTheSdkResultStillReturned) {
@@ -209,10 +209,10 @@ TEST_F(WrapperInstanceTest, CreateInstanceSharesTheOneState) {
   EXPECT_TRUE(wrapper_.IsInitialized());
   EXPECT_EQ(wrapper_.Initialize("QEL", "2026", "neutral"), 2);
   // Destroying a wrapper leaves the session and the module alone.
-  const HMODULE module = WrapperState().module;
+  const HMODULE module = WrapperState().module.get();
   other.reset();
   EXPECT_TRUE(wrapper_.IsInitialized());
-  EXPECT_EQ(WrapperState().module, module);
+  EXPECT_EQ(WrapperState().module.get(), module);
   EXPECT_THAT(sandbox_.sdk().Calls(true), ElementsAre("Attach", "Initialize\tQEL\t2026\tneutral\tnull\t0",
                                             "ReleaseMemory\tstandin-session\thanded-out"));
 }
@@ -352,7 +352,7 @@ TEST_F(WrapperUninitializeTest, SuccessEndsTheSessionAndUnloadsTheSdk) {
   ASSERT_EQ(wrapper_.Initialize("QEL", "2026", "neutral"), 0);
   EXPECT_EQ(wrapper_.Uninitialize(), 0);
   EXPECT_FALSE(wrapper_.IsInitialized());
-  EXPECT_EQ(WrapperState().module, nullptr);
+  EXPECT_EQ(WrapperState().module.get(), nullptr);
   EXPECT_THAT(sandbox_.log().Messages(),
               ElementsAreArray(Concat(SuccessfulInitializeLines(SdkPath(StandInKind::Signed)), {kUnloadedLine})));
   EXPECT_THAT(sandbox_.sdk().Calls(true), ElementsAre("Attach", "Initialize\tQEL\t2026\tneutral\tnull\t0",
@@ -367,7 +367,7 @@ TEST_F(WrapperUninitializeTest, SdkFailureKeepsTheSessionButUnloads) {
   sandbox_.sdk().SetResult("Uninitialize", 21);
   EXPECT_EQ(wrapper_.Uninitialize(), 21);
   EXPECT_TRUE(wrapper_.IsInitialized());
-  EXPECT_EQ(WrapperState().module, nullptr);
+  EXPECT_EQ(WrapperState().module.get(), nullptr);
   const auto messages = sandbox_.log().Messages();
   ASSERT_FALSE(messages.empty());
   EXPECT_EQ(messages.back(), kUnloadedLine);
@@ -390,9 +390,9 @@ TEST_F(WrapperUninitializeTest, SdkFailureKeepsTheSessionButUnloads) {
 TEST_F(WrapperUninitializeTest, MissingExportReturns4AndKeepsModuleAndSession) {
   SetSdkLocation(StandInKind::NoUninitialize);
   ASSERT_EQ(wrapper_.Initialize("QEL", "2026", "neutral"), 0);
-  const HMODULE module = WrapperState().module;
+  const HMODULE module = WrapperState().module.get();
   EXPECT_EQ(wrapper_.Uninitialize(), 4);
-  EXPECT_EQ(WrapperState().module, module);
+  EXPECT_EQ(WrapperState().module.get(), module);
   EXPECT_TRUE(wrapper_.IsInitialized());
   EXPECT_EQ(sandbox_.log().Messages().back(),
             "[ERROR] HALDOAPIWrapperImpl::Uninitialize: Failed to obtain UninitializeFunc handle!");
@@ -413,7 +413,7 @@ TEST_F(WrapperUninitializeTest, UnloadFailureReturns1AndForgetsTheModule) {
   ASSERT_EQ(wrapper_.Initialize("QEL", "2026", "neutral"), 0);
   ValueSwap<ModuleUnloadFunction> swap(SdkModuleUnloader(), &UnloadThenReportFailure);
   EXPECT_EQ(wrapper_.Uninitialize(), 1);
-  EXPECT_EQ(WrapperState().module, nullptr);
+  EXPECT_EQ(WrapperState().module.get(), nullptr);
   EXPECT_FALSE(wrapper_.IsInitialized());  // the SDK itself succeeded
   EXPECT_EQ(sandbox_.log().Messages().back(), "[ERROR] HALDOAPIWrapperImpl::Uninitialize: Unload failed!");
 }

@@ -298,7 +298,7 @@ TEST_F(LoadTest, SignatureRejectedReturns9) {
                                            "[ERROR] WinVerifyTrust returned status: -2146762496",
                                            "[ERROR] VerifyCertificate failed!",
                                            "[ERROR] IsSignatureValid: Signature invalid at path = " + path})));
-  EXPECT_EQ(WrapperState().module, nullptr);
+  EXPECT_EQ(WrapperState().module.get(), nullptr);
   EXPECT_THAT(sandbox_.sdk().Calls(true), IsEmpty());
 }
 
@@ -309,7 +309,7 @@ TEST_F(LoadTest, LoadLibraryFailureReturns3) {
   const std::string path = SdkPath(StandInKind::Signed);
   EXPECT_THAT(sandbox_.log().Messages(), ElementsAreArray(FailedLoad({"[INFO] Load: HALDO SDK path = " + path,
                                                             "[ERROR] Load: LoadLibraryW failed to load " + path})));
-  EXPECT_EQ(WrapperState().module, nullptr);
+  EXPECT_EQ(WrapperState().module.get(), nullptr);
   // The loader tells a DLL that refused to attach that it is detached again.
   EXPECT_THAT(sandbox_.sdk().Calls(true), ElementsAre("AttachRefused", "Detach"));
 }
@@ -324,7 +324,7 @@ TEST_F(LoadTest, LoadFunctionReportsItsCode) {
   ResetWrapperState();
   SetSdkLocation(StandInKind::Signed);
   EXPECT_TRUE(LoadSdk(code));
-  EXPECT_NE(WrapperState().module, nullptr);
+  EXPECT_NE(WrapperState().module.get(), nullptr);
   // Already loaded: true at once, nothing logged.
   const auto before = sandbox_.log().Lines();
   EXPECT_TRUE(LoadSdk(code));
@@ -434,7 +434,7 @@ TEST_F(SelfUpdateTest, UnexpectedErrorTestingForTheLockPropagatesAsExists) {
     EXPECT_NE(std::string(error.what()).find("exists"), std::string::npos) << error.what();
   }
   EXPECT_THAT(sandbox_.log().Messages(), ElementsAre(kLogSeparator, kArgsLine));
-  EXPECT_EQ(WrapperState().module, nullptr);
+  EXPECT_EQ(WrapperState().module.get(), nullptr);
   EXPECT_THAT(sandbox_.sdk().Calls(true), IsEmpty());
 }
 

@@ -42,7 +42,7 @@ void RunConversation(QelHaldoSdkWrapperImpl& wrapper, const WrapperLogFolder& lo
   EXPECT_EQ(wrapper.UnLockDirectory(kDirectory), expected.unlock);
   EXPECT_EQ(wrapper.Uninitialize(), expected.uninitialize);
   EXPECT_EQ(wrapper.IsInitialized(), expected.initializedAfter);
-  EXPECT_EQ(WrapperState().module != nullptr, expected.loadedAfter);
+  EXPECT_EQ(WrapperState().module.get() != nullptr, expected.loadedAfter);
 
   std::vector<std::string> lines = {kLogSeparator, kArgs, "[INFO] Load: HALDO SDK path = " + sdkPath};
   lines.insert(lines.end(), expected.log.begin(), expected.log.end());

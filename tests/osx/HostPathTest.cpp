@@ -85,21 +85,6 @@ TEST(PrependKalvexPath, UnsetPathIsFalseAndNotCreated) {
   EXPECT_EQ(::GetEnvironmentVariableW(L"PATH", nullptr, 0), 0u);
 }
 
-TEST(PrependToPathVariable, EmptyFolderIsFalse) {
-  EnvGuard env;
-  env.Set(L"PATH", L"C:\\a");
-  EXPECT_FALSE(PrependToPathVariable(L""));
-  EXPECT_EQ(EnvGuard::Get(L"PATH"), L"C:\\a");
-}
-
-TEST(PrependToPathVariable, RootFolderKeepsItsSeparator) {
-  EXPECT_EQ(std::filesystem::path(L"C:\\Kalvex.exe").parent_path().wstring(), L"C:\\");
-  EnvGuard env;
-  env.Set(L"PATH", L"C:\\a");
-  EXPECT_TRUE(PrependToPathVariable(L"C:\\"));
-  EXPECT_EQ(EnvGuard::Get(L"PATH"), L"C:\\;C:\\a");
-}
-
 // ---- the PATH edit ----
 
 struct CutCase {

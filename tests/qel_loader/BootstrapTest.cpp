@@ -325,10 +325,5 @@ TEST_F(InitializeQelTest, FailedOrEmptyLocationFailsAndUninitializes) {
   EXPECT_EQ(Env(kMarker), std::nullopt);
 }
 
-TEST(PrependToPathList, DirectorySemicolonOldValue) {
-  EXPECT_EQ(PrependToPathList(L"D:\\Shared\\2026.1", L"C:\\a;C:\\b;"), L"D:\\Shared\\2026.1;C:\\a;C:\\b;");
-  EXPECT_EQ(PrependToPathList(L"D:\\Shared\\2026.1", L""), L"D:\\Shared\\2026.1;");
-}
-
 }  // namespace
 }  // namespace ambrel

@@ -170,8 +170,7 @@ void ProgramDataFolder::RemoveLock() const { ::DeleteFileW(LockFile().c_str()); 
 
 void ResetWrapperState() {
   QelHaldoSdkWrapperState& state = WrapperState();
-  if (state.module) ::FreeLibrary(state.module);
-  state.module = nullptr;
+  state.module.reset();
   state.dllPath.clear();
   state.logPath.clear();
   state.sessionId.clear();
