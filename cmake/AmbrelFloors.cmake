@@ -34,8 +34,6 @@ function(ambrel_add_floor folder)
   target_compile_definitions(${target} PRIVATE AMBREL_BUILDING)
   if(MSVC)
     target_compile_options(${target} PRIVATE /W4 /EHa /utf-8)
-    # The C++ runtime is linked statically: the DLL imports system DLLs only.
-    set_property(TARGET ${target} PROPERTY MSVC_RUNTIME_LIBRARY "MultiThreaded$<$<CONFIG:Debug>:Debug>")
   else()
     target_compile_options(${target} PRIVATE -Wall -Wextra)
   endif()

@@ -9,6 +9,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -107,5 +108,58 @@ class SessionWithStandInSdk : public ::testing::Test {
   SdkSandbox sandbox_;
   SinkCapture sink_;
 };
+
+// Session tests over a strict mock wrapper in the registry sandbox: the
+// session under test, the mock it owns, a scratch folder and a message capture.
+class SessionTest : public ::testing::Test {
+ protected:
+  SessionTest() {
+    env_.Unset(L"QEL_INITIALIZE_BYPASSED");
+    env_.Unset(L"QEL_PATH_2026");
+    auto mock = std::make_unique<::testing::StrictMock<MockWrapper>>(&wrapperDestroyed_);
+    wrapper_ = mock.get();
+    session_ = std::make_unique<QelSession>(std::move(mock));
+  }
+
+  // InstallPath, Version and (unless nullopt) EnablePathOverride of release 2026.
+  static void WriteRegistry(const std::wstring& installPath, const std::wstring& version,
+                            std::optional<DWORD> enableOverride = 0) {
+    RegistrySandbox::SetString(HKEY_LOCAL_MACHINE, kSharedComponentsKey, L"InstallPath", installPath);
+    RegistrySandbox::SetString(HKEY_LOCAL_MACHINE, kSharedComponentsKey, L"Version", version);
+    if (enableOverride)
+      RegistrySandbox::SetDword(HKEY_LOCAL_MACHINE, kSharedComponentsKey, L"EnablePathOverride", *enableOverride);
+  }
+
+  // An existing install folder with an existing version folder "1.0".
+  std::wstring WriteCompleteInstall(std::optional<DWORD> enableOverride = 0) {
+    const std::wstring installPath = dir_.MakeDir(L"Shared");
+    dir_.MakeDir(L"Shared\\1.0");
+    WriteRegistry(installPath, L"1.0", enableOverride);
+    return installPath + L"\\1.0";
+  }
+
+  // Initialize with the wrapper answering `sdkStatus`.
+  void Initialized(int sdkStatus = 0) {
+    EXPECT_CALL(*wrapper_, Initialize("QEL", "2026", "neutral")).WillOnce(::testing::Return(sdkStatus));
+    ASSERT_EQ(session_->Initialize(L"2026"), Success);
+  }
+
+  QelSession& session() { return *session_; }
+  const Messages& messages() const { return sink_.messages(); }
+
+  RegistrySandbox sandbox_;
+  EnvGuard env_;
+  ScratchDir dir_;
+  SinkCapture sink_;
+  bool wrapperDestroyed_ = false;
+  ::testing::StrictMock<MockWrapper>* wrapper_ = nullptr;
+  std::unique_ptr<QelSession> session_;
+};
+
+inline const std::wstring kSdkInitFailed = L"Failed to intialize HALDO SDK wrapper status code:";
+inline const std::wstring kNoCustomPath = L"There is no custom path set";
+inline const std::wstring kPathIncorrect = L"The Install Location Path is Incorrect";
+
+inline std::wstring ErrorTextOk() { return SystemErrorText(ERROR_SUCCESS); }
 
 }  // namespace ambrel::test
