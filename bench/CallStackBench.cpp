@@ -1,5 +1,8 @@
 // OSxMisc::GetCallStack against the bare Debug Help sequence it is built on
-// (tests/support/BareDbghelp.h), alternating in one process.
+// (tests/support/BareDbghelp.h), alternating in one process: the library's
+// objects linked into this program, then the export of Ambrel.dll beside it,
+// whose frames Debug Help names from Ambrel.pdb. For the latter the floor also
+// names the export's address, so that it loads the same PDB as the library.
 #include <windows.h>
 
 #include <cstdio>
@@ -9,6 +12,7 @@
 #include "bench/BenchHarness.h"
 #include "tests/support/BareDbghelp.h"
 #include "tests/support/ProcessMemory.h"
+#include "tests/support/TestSupport.h"
 
 namespace {
 
@@ -100,5 +104,37 @@ int main(int argc, char** argv) {
       });
   Print("GetCallStack", c, 1.05);
   Require(allSucceeded, "a timed call failed");
+
+  using GetCallStackFn = bool (*)(std::wstring&);
+  const HMODULE dll = ::LoadLibraryW((ambrel::test::TestBinDirectory() + L"\\Ambrel.dll").c_str());
+  Require(dll != nullptr, "Ambrel.dll beside the benchmark did not load");
+  const auto exported = reinterpret_cast<GetCallStackFn>(::GetProcAddress(
+      dll, AMBREL_EXPORT_NAME("?GetCallStack@OSxMisc@@SA_NAEAV?$basic_string@_WU?$char_traits@_W@std@@V?$allocator@_W@2@@std@@@Z",
+                              "_ZN7OSxMisc12GetCallStackERNSt7__cxx1112basic_stringIwSt11char_traitsIwESaIwEEE")));
+  Require(exported != nullptr, "Ambrel.dll exports no GetCallStack");
+  std::wstring dllText;
+  Require(exported(dllText), "GetCallStack of Ambrel.dll failed");
+  const void* const inDll = reinterpret_cast<const void*>(exported);
+  std::wstring dllFloorText;
+  Require(ambrel::test::BareDbghelpCallStack(dllFloorText, inDll), "the floor's walk failed");
+  const auto lastLine = [](const std::wstring& text) {
+    return ambrel::test::Narrow(text.substr(text.rfind(L'\n', text.size() - 2) + 1));
+  };
+  std::printf("frames: Ambrel.dll %zu, first: %s", LineCount(dllText),
+              ambrel::test::Narrow(dllText.substr(0, dllText.find(L'\n') + 1)).c_str());
+  std::printf("floor lines %zu, last: %s", LineCount(dllFloorText), lastLine(dllFloorText).c_str());
+  const Comparison d = Compare(
+      rounds, 1,
+      [&] {
+        std::wstring text;
+        allSucceeded &= exported(text);
+      },
+      [&] {
+        std::wstring text;
+        allSucceeded &= ambrel::test::BareDbghelpCallStack(text, inDll);
+      });
+  Print("GetCallStack of Ambrel.dll (PDB)", d, 1.05);
+  Require(allSucceeded, "a timed call failed");
+  ::FreeLibrary(dll);
   return 0;
 }

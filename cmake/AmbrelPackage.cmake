@@ -1,8 +1,13 @@
 # Installation layout, CMake package and ZIP of Ambrel for host builds:
-#   bin/Ambrel.dll, its debug information (bin/Ambrel.pdb for MSVC,
-#   bin/Ambrel.dll.debug for mingw), lib/ import library, include/Ambrel.h,
+#   bin/Ambrel.dll and bin/Ambrel.pdb, its debug information (both toolchains),
+#   lib/ import library, include/Ambrel.h,
 #   lib/cmake/Ambrel/ package files (find_package(Ambrel CONFIG), Ambrel::Ambrel).
 include(CMakePackageConfigHelpers)
+include(${CMAKE_CURRENT_LIST_DIR}/AmbrelDebugInfo.cmake)
+
+# Ambrel.pdb beside Ambrel.dll, named in the DLL by file name only.
+ambrel_add_pdb(Ambrel)
+ambrel_pdb_file(Ambrel AMBREL_PDB_FILE)
 
 set(AMBREL_INSTALL_BINDIR bin)
 set(AMBREL_INSTALL_LIBDIR lib)
@@ -21,20 +26,8 @@ install(TARGETS Ambrel EXPORT AmbrelTargets
   ARCHIVE DESTINATION ${AMBREL_INSTALL_LIBDIR})
 install(FILES ${PROJECT_SOURCE_DIR}/include/Ambrel.h DESTINATION ${AMBREL_INSTALL_INCLUDEDIR})
 
-if(MSVC)
-  install(FILES $<TARGET_PDB_FILE:Ambrel> DESTINATION ${AMBREL_INSTALL_BINDIR} OPTIONAL)
-elseif(CMAKE_OBJCOPY)
-  # The DWARF information moves to Ambrel.dll.debug; the installed DLL names it
-  # through a .gnu_debuglink section, where debuggers and Wine's dbghelp look.
-  install(CODE "set(AMBREL_OBJCOPY \"${CMAKE_OBJCOPY}\")")
-  install(CODE [[
-    set(_dll "$ENV{DESTDIR}${CMAKE_INSTALL_PREFIX}/bin/Ambrel.dll")
-    message(STATUS "Splitting debug information: ${_dll}.debug")
-    execute_process(COMMAND "${AMBREL_OBJCOPY}" --only-keep-debug "${_dll}" "${_dll}.debug" COMMAND_ERROR_IS_FATAL ANY)
-    execute_process(COMMAND "${AMBREL_OBJCOPY}" --strip-debug "--add-gnu-debuglink=${_dll}.debug" "${_dll}"
-                    COMMAND_ERROR_IS_FATAL ANY)
-    list(APPEND CMAKE_INSTALL_MANIFEST_FILES "${_dll}.debug")
-  ]])
+if(AMBREL_PDB_FILE)
+  install(FILES "${AMBREL_PDB_FILE}" DESTINATION ${AMBREL_INSTALL_BINDIR} OPTIONAL)
 endif()
 
 install(EXPORT AmbrelTargets NAMESPACE Ambrel:: DESTINATION ${AMBREL_INSTALL_CMAKEDIR})

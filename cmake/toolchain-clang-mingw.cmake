@@ -1,5 +1,6 @@
 # Cross build for 64-bit Windows from Debian: clang-16 front end, mingw-w64
-# runtime, GCC 12's libstdc++ (posix threads flavour) and GNU ld.
+# runtime, GCC 12's libstdc++ (posix threads flavour) and GNU ld; Ambrel.dll
+# itself is linked by lld-16, which writes its PDB (cmake/AmbrelDebugInfo.cmake).
 set(CMAKE_SYSTEM_NAME Windows)
 set(CMAKE_SYSTEM_PROCESSOR AMD64)
 
@@ -19,11 +20,21 @@ set(CMAKE_DLLTOOL /usr/bin/${AMBREL_MINGW_TRIPLE}-dlltool)
 set(CMAKE_STRIP /usr/bin/${AMBREL_MINGW_TRIPLE}-strip)
 set(CMAKE_OBJCOPY /usr/bin/${AMBREL_MINGW_TRIPLE}-objcopy)
 
+# The linker and strip tool of modules that carry a PDB: lld-16 (Debian's
+# default lld-14 rejects clang-16's objects) and llvm-strip-16.
+set(AMBREL_LLD /usr/bin/ld.lld-16)
+set(AMBREL_LLVM_STRIP /usr/bin/llvm-strip-16)
+
+# Debug information in both forms: CodeView, which lld turns into a PDB that
+# Windows' dbghelp reads, and DWARF 4 for the programs GNU ld links (it drops
+# CodeView, and fails on DWARF 5's .debug_line_str relocations).
+set(_ambrel_debug_formats "-gcodeview -gdwarf-4")
 # clang does not find Debian's "12-posix" C++ headers on its own.
 set(CMAKE_CXX_FLAGS_INIT
-    "-nostdinc++ -isystem ${AMBREL_MINGW_GCC_DIR}/include/c++ -isystem ${AMBREL_MINGW_GCC_DIR}/include/c++/${AMBREL_MINGW_TRIPLE} -fms-extensions -Wno-unused-command-line-argument")
-set(CMAKE_C_FLAGS_INIT "-fms-extensions -Wno-unused-command-line-argument")
-# lld rejects clang-16 objects and mislays the delay IAT; GNU ld works.
+    "-nostdinc++ -isystem ${AMBREL_MINGW_GCC_DIR}/include/c++ -isystem ${AMBREL_MINGW_GCC_DIR}/include/c++/${AMBREL_MINGW_TRIPLE} -fms-extensions -Wno-unused-command-line-argument ${_ambrel_debug_formats}")
+set(CMAKE_C_FLAGS_INIT "-fms-extensions -Wno-unused-command-line-argument ${_ambrel_debug_formats}")
+# GNU ld by default: lld mislays the delay IAT of dlltool's delay import
+# libraries, which the test hosts and the sample host use.
 # -static keeps the imports to system DLLs; -pthread satisfies libstdc++'s pthread use.
 set(_ambrel_link "-fuse-ld=bfd --ld-path=/usr/bin/${AMBREL_MINGW_TRIPLE}-ld -L${AMBREL_MINGW_GCC_DIR} -static -pthread")
 set(CMAKE_EXE_LINKER_FLAGS_INIT "${_ambrel_link}")

@@ -7,6 +7,7 @@
 
 #include <cstdio>
 #include <cwctype>
+#include <filesystem>
 #include <string>
 #include <vector>
 
@@ -166,6 +167,56 @@ bool NamesCaptureRoutine(const std::wstring& line) {
          line.find(L"OSxMisc::GetCallStack") != std::wstring::npos;
 }
 
+// Line of osx/CallStack.cpp where the capture routine faults, as the source
+// reads now: the first write to address 0 in the faulting function.
+int FaultLineInSource() {
+  // Compiler-specific: clang faults in a function of its own (see CallStack.cpp).
+#if defined(__clang__)
+  const char* const faultingFunction = "void FaultForCapture()";
+#else
+  const char* const faultingFunction = "void CaptureCallingThread()";
+#endif
+  const auto lines = test::SplitLines(test::ReadFileBytes(test::Widen(AMBREL_CALLSTACK_SOURCE)));
+  bool inFaultFunction = false;
+  for (size_t i = 0; i < lines.size(); ++i) {
+    if (lines[i].find(faultingFunction) != std::string::npos) inFaultFunction = true;
+    if (inFaultFunction && lines[i].find("*address = 0;") != std::string::npos) return static_cast<int>(i + 1);
+  }
+  return 0;
+}
+
+// The "[file @ line]" piece of a frame line, split; file empty when the line
+// has none.
+struct SourcePiece {
+  std::wstring file;
+  int line = 0;
+};
+SourcePiece SourceOf(const std::wstring& frameLine) {
+  const size_t open = frameLine.rfind(L" [");
+  const size_t at = frameLine.rfind(L" @ ");
+  if (open == std::wstring::npos || at == std::wstring::npos || at < open || !frameLine.ends_with(L"]\t")) return {};
+  const std::wstring number = frameLine.substr(at + 3, frameLine.size() - 2 - (at + 3));
+  if (number.empty() || number.find_first_not_of(L"0123456789") != std::wstring::npos) return {};
+  return {frameLine.substr(open + 2, at - open - 2), std::stoi(number)};
+}
+
+bool IsCallStackSource(const SourcePiece& source) {
+  return source.file.ends_with(L"\\CallStack.cpp") || source.file.ends_with(L"/CallStack.cpp") ||
+         source.file == L"CallStack.cpp";
+}
+
+// Captures through the export of a loaded Ambrel.dll; this function is the
+// first frame of the host program.
+__declspec(noinline) std::vector<std::wstring> CaptureThrough(const LibraryCopy& library) {
+  const auto getCallStack = library.As<GetCallStackFn>(kGetCallStackExport);
+  if (getCallStack == nullptr) return {};
+  std::wstring text;
+  if (!getCallStack(text)) return {};
+  std::printf("%s", test::Narrow(text).c_str());
+  ExpectWellFormed(text);
+  return Lines(text);
+}
+
 // The volatile result keeps the call from becoming a tail jump, so this
 // function keeps a frame of its own.
 __declspec(noinline) bool CaptureFromANamedTestFunction(std::wstring& text) {
@@ -198,14 +249,11 @@ TEST(CallStack, FirstLineIsTheCaptureRoutineAndTheCallerFollows) {
 }
 
 TEST(CallStack, ExportOfAmbrelDllPutsItsOwnFrameFirst) {
-  LibraryCopy library;
-  const auto getCallStack = library.As<GetCallStackFn>(kGetCallStackExport);
-  ASSERT_NE(getCallStack, nullptr);
-  std::wstring text;
-  ASSERT_TRUE(getCallStack(text));
-  ExpectWellFormed(text);
-  const auto lines = Lines(text);
-  std::printf("%s", test::Narrow(text).c_str());
+  // A copy in a folder of its own with its PDB beside it: the DLL names the
+  // PDB by file name only, and the library's folder is on the search path.
+  LibraryCopy library(L"", {L"Ambrel.pdb"});
+  const auto lines = CaptureThrough(library);
+  ASSERT_FALSE(lines.empty());
   EXPECT_TRUE(IsModule(lines.front(), L"Ambrel")) << test::Narrow(lines.front());
   EXPECT_TRUE(NamesCaptureRoutine(lines.front())) << test::Narrow(lines.front());
   // The library's frames come first, then this test's frame in the host program.
@@ -215,8 +263,30 @@ TEST(CallStack, ExportOfAmbrelDllPutsItsOwnFrameFirst) {
   bool exportNamed = false;
   for (size_t i = 0; i < firstHostLine; ++i) exportNamed |= lines[i].find(L"OSxMisc::GetCallStack") != std::wstring::npos;
   EXPECT_TRUE(exportNamed);
+  ASSERT_LT(firstHostLine + 1, lines.size());
   EXPECT_TRUE(IsModule(lines[firstHostLine], L"test_callstack"));
-  EXPECT_THAT(test::Narrow(lines[firstHostLine]), HasSubstr("ExportOfAmbrelDllPutsItsOwnFrameFirst_Test::TestBody"));
+  EXPECT_THAT(test::Narrow(lines[firstHostLine]), HasSubstr("CaptureThrough"));
+  EXPECT_THAT(test::Narrow(lines[firstHostLine + 1]), HasSubstr("ExportOfAmbrelDllPutsItsOwnFrameFirst_Test::TestBody"));
+}
+
+TEST(CallStack, AmbrelFramesCarryFileAndLineFromThePdb) {
+  const int faultLine = FaultLineInSource();
+  ASSERT_GT(faultLine, 0) << "no fault line found in " << AMBREL_CALLSTACK_SOURCE;
+  LibraryCopy library(L"", {L"Ambrel.pdb"});
+  const auto lines = CaptureThrough(library);
+  ASSERT_FALSE(lines.empty());
+  // The first frame is the faulting write itself.
+  const SourcePiece first = SourceOf(lines.front());
+  EXPECT_TRUE(IsCallStackSource(first)) << test::Narrow(lines.front());
+  EXPECT_EQ(first.line, faultLine) << test::Narrow(lines.front());
+  // Every frame of the library lies in the call-stack engine's source.
+  for (const std::wstring& line : lines) {
+    if (!IsModule(line, L"Ambrel")) break;
+    SCOPED_TRACE(test::Narrow(line));
+    const SourcePiece source = SourceOf(line);
+    EXPECT_TRUE(IsCallStackSource(source));
+    EXPECT_GT(source.line, 0);
+  }
 }
 
 TEST(CallStack, TextAlreadyInTheStringIsReplaced) {
@@ -252,32 +322,32 @@ TEST(CallStack, CallsFromDifferentDepthsShareTheirOuterFrames) {
     EXPECT_EQ(nestedLines[nestedLines.size() - i], directLines[directLines.size() - i]);
 }
 
-TEST(CallStack, WithoutSymbolsEachLineStillNamesItsModule) {
-#if !defined(AMBREL_TEST_STRIPPED_COPY)
-  GTEST_SKIP() << "this build makes no stripped copy of Ambrel.dll";
-#endif
-  // A copy of Ambrel.dll with its debug information and symbol table
-  // stripped, made by the build beside the test program.
-  test::ScratchDir folder;
-  const std::wstring file = folder / L"Ambrel.dll";
-  ASSERT_TRUE(::CopyFileW((test::TestBinDirectory() + L"\\nosymbols\\Ambrel.dll").c_str(), file.c_str(), TRUE));
-  const HMODULE library = ::LoadLibraryW(file.c_str());
-  ASSERT_NE(library, nullptr);
-  const auto getCallStack = reinterpret_cast<GetCallStackFn>(::GetProcAddress(library, kGetCallStackExport));
-  ASSERT_NE(getCallStack, nullptr);
-  std::wstring text;
-  const bool captured = getCallStack(text);
-  ::FreeLibrary(library);
-  ASSERT_TRUE(captured);
-  std::printf("%s", test::Narrow(text).c_str());
-  ExpectWellFormed(text);
-  const auto lines = Lines(text);
+TEST(CallStack, WithoutThePdbEachLineStillNamesItsModule) {
+  // The same DLL in a folder of its own without its PDB: it carries no other
+  // debug information and no symbol table, so Debug Help can name nothing of
+  // the library, yet every frame still gets its line.
+  std::vector<std::wstring> named;
+  {
+    LibraryCopy withPdb(L"", {L"Ambrel.pdb"});
+    named = CaptureThrough(withPdb);
+  }
+  LibraryCopy library;
+  ASSERT_FALSE(std::filesystem::exists(std::filesystem::path(library.directory()) / L"Ambrel.pdb"));
+  const auto lines = CaptureThrough(library);
+  ASSERT_FALSE(lines.empty());
   ASSERT_TRUE(IsModule(lines.front(), L"Ambrel")) << test::Narrow(lines.front());
+  size_t libraryFrames = 0;
   for (const std::wstring& line : lines) {
     if (!IsModule(line, L"Ambrel")) break;
     SCOPED_TRACE(test::Narrow(line));
     EXPECT_TRUE(line.ends_with(L"! _NA_\t[NULL]\t"));
+    ++libraryFrames;
   }
+  // One line per frame, named or not: the same walk as with the PDB.
+  EXPECT_EQ(lines.size(), named.size());
+  size_t namedLibraryFrames = 0;
+  while (namedLibraryFrames < named.size() && IsModule(named[namedLibraryFrames], L"Ambrel")) ++namedLibraryFrames;
+  EXPECT_EQ(libraryFrames, namedLibraryFrames);
 }
 
 // ---- without the Debug Help library ----

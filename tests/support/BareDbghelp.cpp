@@ -40,6 +40,37 @@ std::wstring SearchPath() {
   return path;
 }
 
+// The frame's three look-ups and its text, as the library writes them.
+void AppendFrame(const Dbghelp& d, HANDLE process, DWORD64 pc, std::wstring& text) {
+  IMAGEHLP_MODULEW64 module = {};
+  module.SizeOfStruct = sizeof module;
+  if (d.symGetModuleInfoW64(process, pc, &module)) {
+    text += module.ModuleName;
+    text += L"! ";
+  } else {
+    text += L"_NA_\t";
+  }
+  alignas(SYMBOL_INFOW) unsigned char buffer[sizeof(SYMBOL_INFOW) + 2 * 2000] = {};
+  auto* symbol = reinterpret_cast<SYMBOL_INFOW*>(buffer);
+  symbol->SizeOfStruct = sizeof(SYMBOL_INFOW);
+  symbol->MaxNameLen = 2000;
+  DWORD64 displacement = 0;
+  if (d.symFromAddrW(process, pc, &displacement, symbol)) {
+    text += symbol->Name;
+    text += L' ';
+  } else {
+    text += L"_NA_\t";
+  }
+  IMAGEHLP_LINEW64 line = {};
+  line.SizeOfStruct = sizeof line;
+  DWORD lineDisplacement = 0;
+  if (d.symGetLineFromAddrW64(process, pc, &lineDisplacement, &line) && line.FileName) {
+    text += L"[" + std::wstring(line.FileName) + L" @ " + std::to_wstring(line.LineNumber) + L"]";
+  } else {
+    text += L"[NULL]";
+  }
+}
+
 void Walk(const Dbghelp& d, CONTEXT& context, std::wstring& text) {
   const HANDLE process = ::GetCurrentProcess();
   const HANDLE thread = ::GetCurrentThread();
@@ -58,34 +89,7 @@ void Walk(const Dbghelp& d, CONTEXT& context, std::wstring& text) {
       if (frame.AddrReturn.Offset == 0 || !step()) break;
       continue;
     }
-    const DWORD64 pc = frame.AddrPC.Offset;
-    IMAGEHLP_MODULEW64 module = {};
-    module.SizeOfStruct = sizeof module;
-    if (d.symGetModuleInfoW64(process, pc, &module)) {
-      text += module.ModuleName;
-      text += L"! ";
-    } else {
-      text += L"_NA_\t";
-    }
-    alignas(SYMBOL_INFOW) unsigned char buffer[sizeof(SYMBOL_INFOW) + 2 * 2000] = {};
-    auto* symbol = reinterpret_cast<SYMBOL_INFOW*>(buffer);
-    symbol->SizeOfStruct = sizeof(SYMBOL_INFOW);
-    symbol->MaxNameLen = 2000;
-    DWORD64 displacement = 0;
-    if (d.symFromAddrW(process, pc, &displacement, symbol)) {
-      text += symbol->Name;
-      text += L' ';
-    } else {
-      text += L"_NA_\t";
-    }
-    IMAGEHLP_LINEW64 line = {};
-    line.SizeOfStruct = sizeof line;
-    DWORD lineDisplacement = 0;
-    if (d.symGetLineFromAddrW64(process, pc, &lineDisplacement, &line) && line.FileName) {
-      text += L"[" + std::wstring(line.FileName) + L" @ " + std::to_wstring(line.LineNumber) + L"]";
-    } else {
-      text += L"[NULL]";
-    }
+    AppendFrame(d, process, frame.AddrPC.Offset, text);
     text += L"\t\n";
     if (frame.AddrReturn.Offset == 0 || !step()) break;
   }
@@ -104,7 +108,7 @@ __declspec(noinline) void CaptureTwoDeep(const Dbghelp& d, std::wstring& text) {
 
 }  // namespace
 
-bool BareDbghelpCallStack(std::wstring& text) {
+bool BareDbghelpCallStack(std::wstring& text, const void* alsoName) {
   Dbghelp d;
   d.module = ::LoadLibraryW(L"dbghelp.dll");
   if (!d.module) return false;
@@ -124,6 +128,10 @@ bool BareDbghelpCallStack(std::wstring& text) {
   if (d.symInitializeW(::GetCurrentProcess(), SearchPath().c_str(), TRUE)) {
     std::wstring walked;
     CaptureTwoDeep(d, walked);
+    if (alsoName) {
+      AppendFrame(d, ::GetCurrentProcess(), reinterpret_cast<DWORD64>(alsoName), walked);
+      walked += L"\t\n";
+    }
     ok = !walked.empty();
     if (ok) text = std::move(walked);
     d.symCleanup(::GetCurrentProcess());

@@ -11,7 +11,9 @@
 
 namespace ambrel::test {
 
-// True with the text when the walk gave at least one frame.
-bool BareDbghelpCallStack(std::wstring& text);
+// True with the text when the walk gave at least one frame. With `alsoName`,
+// one more line names that address the same way, e.g. a function of a DLL
+// whose symbols the floor should load as the library's walk through it does.
+bool BareDbghelpCallStack(std::wstring& text, const void* alsoName = nullptr);
 
 }  // namespace ambrel::test
