@@ -31,6 +31,13 @@ if(AMBREL_PDB_FILE)
 endif()
 
 install(EXPORT AmbrelTargets NAMESPACE Ambrel:: DESTINATION ${AMBREL_INSTALL_CMAKEDIR})
+if(NOT MSVC)
+  # mingw-w64 hosts: delay-import libraries that __FUnloadDelayLoadedDLL2 can
+  # unload from (dlltool's cannot); the package configuration includes it.
+  install(FILES ${PROJECT_SOURCE_DIR}/cmake/AmbrelDelayImport.cmake DESTINATION ${AMBREL_INSTALL_CMAKEDIR})
+  install(FILES ${PROJECT_SOURCE_DIR}/cmake/delayimport/DelayImportLibrary.c.in
+          DESTINATION ${AMBREL_INSTALL_CMAKEDIR}/delayimport)
+endif()
 configure_package_config_file(${PROJECT_SOURCE_DIR}/cmake/AmbrelConfig.cmake.in
   ${PROJECT_BINARY_DIR}/cmake-package/AmbrelConfig.cmake
   INSTALL_DESTINATION ${AMBREL_INSTALL_CMAKEDIR}

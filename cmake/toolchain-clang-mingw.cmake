@@ -27,12 +27,14 @@ set(AMBREL_LLVM_STRIP /usr/bin/llvm-strip-16)
 
 # Debug information in both forms: CodeView, which lld turns into a PDB that
 # Windows' dbghelp reads, and DWARF 4 for the programs GNU ld links (it drops
-# CodeView, and fails on DWARF 5's .debug_line_str relocations).
-set(_ambrel_debug_formats "-gcodeview -gdwarf-4")
+# CodeView, and fails on DWARF 5's .debug_line_str relocations). The project
+# adds them as compile options rather than to the cached flags, so a build
+# tree configured before keeps getting them.
+set(AMBREL_DEBUG_FORMATS -gcodeview -gdwarf-4)
 # clang does not find Debian's "12-posix" C++ headers on its own.
 set(CMAKE_CXX_FLAGS_INIT
-    "-nostdinc++ -isystem ${AMBREL_MINGW_GCC_DIR}/include/c++ -isystem ${AMBREL_MINGW_GCC_DIR}/include/c++/${AMBREL_MINGW_TRIPLE} -fms-extensions -Wno-unused-command-line-argument ${_ambrel_debug_formats}")
-set(CMAKE_C_FLAGS_INIT "-fms-extensions -Wno-unused-command-line-argument ${_ambrel_debug_formats}")
+    "-nostdinc++ -isystem ${AMBREL_MINGW_GCC_DIR}/include/c++ -isystem ${AMBREL_MINGW_GCC_DIR}/include/c++/${AMBREL_MINGW_TRIPLE} -fms-extensions -Wno-unused-command-line-argument")
+set(CMAKE_C_FLAGS_INIT "-fms-extensions -Wno-unused-command-line-argument")
 # GNU ld by default: lld mislays the delay IAT of dlltool's delay import
 # libraries, which the test hosts and the sample host use.
 # -static keeps the imports to system DLLs; -pthread satisfies libstdc++'s pthread use.
@@ -45,8 +47,6 @@ set(CMAKE_FIND_ROOT_PATH /usr/${AMBREL_MINGW_TRIPLE})
 set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
 set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
-# Packages too: the build machine's own (Linux) GTest must not be taken.
-set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
 
 # Every target program runs under Wine, in the build tree's own prefix.
 set(CMAKE_CROSSCOMPILING_EMULATOR ${CMAKE_CURRENT_LIST_DIR}/wine-run.sh)

@@ -155,6 +155,11 @@ bool IsSelfUpdateRunning() {
   return IsRunningProcessId(ReadWholeFile(lockFile));
 }
 
+UniqueFileHandle HoldAgainstChanges(const std::wstring& path) {
+  return UniqueFileHandle(::CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING,
+                                        FILE_ATTRIBUTE_NORMAL, nullptr));
+}
+
 bool LoadSdk(int& code) {
   code = kWrapperSdkNotLoaded;
   QelHaldoSdkWrapperState& state = WrapperState();
@@ -173,6 +178,13 @@ bool LoadSdk(int& code) {
   }
   WriteWrapperLogLine(L"[INFO] Load: HALDO SDK path = " + state.dllPath);
 
+  // Nobody may write, rename or delete the file between its check and its
+  // load, or a file other than the checked one could load. The check and the
+  // loader only read, so they share it with this reader. Without the hold
+  // (a folder, no access, a writer already there) everything goes on as
+  // before: the check and the load decide.
+  UniqueFileHandle hold = HoldAgainstChanges(state.dllPath);
+
   if (!VerifyCertificate(state.dllPath)) {
     code = kWrapperSignatureRejected;
     WriteWrapperLogLine(L"[ERROR] IsSignatureValid: Signature invalid at path = " + state.dllPath);
@@ -180,6 +192,7 @@ bool LoadSdk(int& code) {
   }
 
   state.module.reset(::LoadLibraryW(state.dllPath.c_str()));
+  hold.reset();
   if (!state.module) WriteWrapperLogLine(L"[ERROR] Load: LoadLibraryW failed to load " + state.dllPath);
   return state.module.valid();
 }

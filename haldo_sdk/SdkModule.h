@@ -9,6 +9,8 @@
 #include <string>
 #include <vector>
 
+#include "common/WinResource.h"
+
 namespace ambrel {
 
 inline constexpr wchar_t kHaldoKeyPath[] = L"SOFTWARE\\Tavrel\\HALDO\\";
@@ -46,6 +48,11 @@ std::filesystem::path SelfUpdateLockFilePath();
 // True when the lock file holds exactly the decimal id of a running process.
 // An unexpected error testing for the file raises filesystem_error ("exists").
 bool IsSelfUpdateRunning();
+
+// Opens `path` for reading, shared with readers only, so that while the handle
+// is open nobody can write, rename or delete the file. An empty handle when
+// that cannot be had (a folder, access denied, a writer already there).
+UniqueFileHandle HoldAgainstChanges(const std::wstring& path);
 
 // True when the shared state holds the loaded SDK. On failure `code` tells
 // why: kWrapperSdkNotLoaded, kWrapperSelfUpdateRunning or kWrapperSignatureRejected.

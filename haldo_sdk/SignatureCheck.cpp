@@ -86,9 +86,14 @@ bool SignatureNamesPublisher(const std::wstring& path, const wchar_t* publisher)
   return found.valid();
 }
 
+WinVerifyTrustFunction& TrustVerifier() {
+  static WinVerifyTrustFunction verify = ::WinVerifyTrust;
+  return verify;
+}
+
 bool VerifyCertificate(const std::wstring& path) {
   if (path.empty()) return true;
-  if (!VerifyTrust(path)) {
+  if (!VerifyTrust(path, TrustVerifier())) {
     WriteWrapperLogLine(L"[ERROR] VerifyCertificate failed!");
     return false;
   }

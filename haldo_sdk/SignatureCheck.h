@@ -16,6 +16,10 @@ inline constexpr wchar_t kSdkPublisher[] = L"Tavrel, Inc";
 // WinVerifyTrust's shape, so a test can watch the calls made through it.
 using WinVerifyTrustFunction = LONG(WINAPI*)(HWND, GUID*, LPVOID);
 
+// The WinVerifyTrust that VerifyCertificate calls. Replaceable so that a test
+// can act while a check is in progress.
+WinVerifyTrustFunction& TrustVerifier();
+
 // Both stages; an empty path passes. Logs what failed.
 bool VerifyCertificate(const std::wstring& path);
 

@@ -2,6 +2,7 @@
 #include <mapi.h>
 
 #include <cstdint>
+#include <cstring>
 #include <locale>
 #include <memory>
 #include <string>
@@ -88,8 +89,17 @@ bool OSxMisc::IsEnglish() { return std::locale() == std::locale::classic(); }
 bool OSxMisc::IsKeyPressed(int virtualKey) { return ::GetKeyState(virtualKey) < 0; }
 
 void OSxMisc::Uint16ToWchar(wchar_t* destination, const unsigned short* source, size_t count) {
-  // Forward, unit by unit, whatever the areas' overlap.
-  for (size_t i = 0; i < count; ++i) destination[i] = static_cast<wchar_t>(source[i]);
+  // Forward, unit by unit, whatever the areas' overlap. Each unit travels as
+  // bytes through a local: byte copies may alias anything, so no optimiser can
+  // assume the wchar_t and unsigned short areas are apart and turn the loop
+  // into a block copy (typed element accesses would let it).
+  unsigned char* to = reinterpret_cast<unsigned char*>(destination);
+  const unsigned char* from = reinterpret_cast<const unsigned char*>(source);
+  for (size_t i = 0; i < count; ++i) {
+    unsigned char unit[sizeof(unsigned short)];
+    std::memcpy(unit, from + i * sizeof unit, sizeof unit);
+    std::memcpy(to + i * sizeof unit, unit, sizeof unit);
+  }
 }
 
 // WcharToUint16 is the same routine under a second exported name (wchar_t is

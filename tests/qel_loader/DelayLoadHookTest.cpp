@@ -230,6 +230,67 @@ TEST_F(DelayLoadHookChild, DllOnlyInTheSharedFolderLoadsWithItsDependencyAndTheR
   EXPECT_EQ(Run(L"control", sandbox.sharedDir())["control"], InSharedPath(L"ambrel_dlloose.dll"));
 }
 
+// ---- unloading at shutdown with the documented code
+
+#if defined(AMBREL_TEST_UNLOADABLE_HOST)
+// mingw-w64: the host built over delay-import libraries with an unload IAT.
+const wchar_t kUnloadableHost[] = L"ambrel_dlhost_unloadable.exe";
+#else
+// MSVC: the one host, linked with /DELAY:UNLOAD.
+const wchar_t kUnloadableHost[] = L"ambrel_dlhost.exe";
+#endif
+
+TEST_F(DelayLoadHookChild, DocumentedShutdownCodeUnloadsAndTheNextCallLoadsThroughTheHookAgain) {
+  Beside(L"ambrel_dlprobe.dll");
+  auto out = host.RunHost(kUnloadableHost, sandbox, L"unload");
+  EXPECT_EQ(out["exit code"], "0");
+  const std::string beside = Expected(host.libraryDir(), L"ambrel_dlprobe.dll");
+  EXPECT_EQ(out["probe"], beside);
+  EXPECT_EQ(out["loaded"], beside);
+  EXPECT_EQ(out["after unload"], "(not loaded)");
+  // Only the hook can find the DLL, so the reload went through it.
+  EXPECT_EQ(out["probe again"], beside);
+  EXPECT_EQ(out["reloaded"], beside);
+}
+
+TEST_F(DelayLoadHookChild, TheUnloadableHostLoadsAndFailsAsTheOtherDoes) {
+  InShared(L"ambrel_dlchain.dll");
+  InShared(L"ambrel_dldep.dll");
+  auto chain = host.RunHost(kUnloadableHost, sandbox, L"chain");
+  EXPECT_EQ(chain["chain"], InSharedPath(L"ambrel_dlchain.dll"));
+  EXPECT_EQ(chain["chain dependency"], InSharedPath(L"ambrel_dldep.dll"));
+  // The helper's load failure reaches the caller's handler through the thunks.
+  EXPECT_EQ(host.RunHost(kUnloadableHost, sandbox, L"probe-nohook")["probe"], "failed 0xC06D007E");
+}
+
+TEST_F(DelayLoadHookChild, TheRuntimesUnloadMatchesTheRecordedNameExactly) {
+  Beside(L"ambrel_dlprobe.dll");
+  auto exact = host.RunHost(kUnloadableHost, sandbox, L"unload-direct", L"ambrel_dlprobe.dll");
+  EXPECT_EQ(exact["result"], "TRUE");
+  EXPECT_EQ(exact["after unload"], "(not loaded)");
+#if defined(AMBREL_TEST_UNLOADABLE_HOST)
+  // mingw-w64 compares length and bytes: another letter case finds nothing.
+  auto otherCase = host.RunHost(kUnloadableHost, sandbox, L"unload-direct", L"AMBREL_DLPROBE.DLL");
+  EXPECT_EQ(otherCase["result"], "FALSE");
+  EXPECT_EQ(otherCase["after unload"], Expected(host.libraryDir(), L"ambrel_dlprobe.dll"));
+#endif
+}
+
+#if defined(AMBREL_TEST_UNLOADABLE_HOST)
+// Why the documented code keeps the DLL with `dlltool -y` libraries: their
+// descriptors have no unload IAT, so mingw-w64's helper keeps no unload record
+// and __FUnloadDelayLoadedDLL2 finds nothing to unload, whatever the name.
+TEST_F(DelayLoadHookChild, WithDlltoolDelayLibrariesTheRuntimeUnloadsNothing) {
+  Beside(L"ambrel_dlprobe.dll");
+  const std::string beside = Expected(host.libraryDir(), L"ambrel_dlprobe.dll");
+  auto direct = Run(L"unload-direct", L"ambrel_dlprobe.dll");
+  EXPECT_EQ(direct["result"], "FALSE");
+  EXPECT_EQ(direct["after unload"], beside);
+  auto documented = Run(L"unload");
+  EXPECT_EQ(documented["after unload"], beside);
+}
+#endif
+
 TEST_F(DelayLoadHookChild, DllOnlyInTheCurrentDirectoryIsNotLoadedByTheHook) {
   ScratchDir current;
   CopyFileTo(BinFile(L"ambrel_dlloose.dll"), current / L"ambrel_dlloose.dll");

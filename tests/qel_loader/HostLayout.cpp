@@ -11,10 +11,16 @@ HostLayout::HostLayout(const std::wstring& libraryParent) : libraryDir_(libraryP
 
 std::map<std::string, std::string> HostLayout::Run(const SdkSandbox& sandbox, const std::wstring& mode,
                                                    const std::wstring& folder) const {
+  return RunHost(L"ambrel_dlhost.exe", sandbox, mode, folder);
+}
+
+std::map<std::string, std::string> HostLayout::RunHost(const std::wstring& program, const SdkSandbox& sandbox,
+                                                       const std::wstring& mode, const std::wstring& folder) const {
+  if (!std::filesystem::exists(hostDir_ / program)) CopyFileTo(BinFile(program), hostDir_ / program);
   std::wstring arguments =
       L"\"" + libraryDir_.path() + L"\" \"" + sandbox.registry().ScratchKeyPath() + L"\" " + mode;
   if (!folder.empty()) arguments += L" \"" + folder + L"\"";
-  const ProcessResult result = RunProcess(hostDir_ / L"ambrel_dlhost.exe", arguments);
+  const ProcessResult result = RunProcess(hostDir_ / program, arguments);
   std::map<std::string, std::string> lines;
   lines["exit code"] = std::to_string(result.exitCode);
   for (const std::string& line : SplitLines(result.output)) {

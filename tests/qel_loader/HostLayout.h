@@ -18,6 +18,9 @@ class HostLayout {
   // Runs the host in `sandbox` and returns its "key: value" lines.
   std::map<std::string, std::string> Run(const SdkSandbox& sandbox, const std::wstring& mode,
                                          const std::wstring& folder = L"") const;
+  // The same with another build of the host program (a file name beside the tests).
+  std::map<std::string, std::string> RunHost(const std::wstring& program, const SdkSandbox& sandbox,
+                                             const std::wstring& mode, const std::wstring& folder = L"") const;
 
  private:
   ScratchDir hostDir_;

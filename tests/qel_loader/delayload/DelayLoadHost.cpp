@@ -6,11 +6,15 @@
 // "key: value" line each, what got loaded from where.
 //
 //   ambrel_dlhost <library folder> <sandbox key or -> <mode> [folder]
+//
+// Built twice: ambrel_dlhost with `dlltool -y` delay-import libraries, and
+// ambrel_dlhost_unloadable with ones that carry an unload IAT.
 #include <windows.h>
 #include <delayimp.h>
 
 #include <cstdio>
 #include <string>
+#include <string_view>
 
 #include "tests/support/TestSupport.h"
 
@@ -78,6 +82,16 @@ __declspec(noinline) void CallChain(wchar_t* buffer, unsigned size) { DlChainDep
 
 FARPROC Export(const char* itaniumName) { return ::GetProcAddress(g_library, itaniumName); }
 
+// The shutdown export, declared as the library declares it.
+using UnloadModulesFn = void (*)(std::string_view, BOOL(WINAPI*)(LPCSTR));
+UnloadModulesFn UnloadModules() {
+  return reinterpret_cast<UnloadModulesFn>(Export(AMBREL_EXPORT_NAME(
+      "?UnloadDelayLoadedModules@QelLoadHelper@@YAXV?$basic_string_view@DU?$char_traits@D@std@@@std@@P6AHPEBD@Z@Z",
+      "_ZN13QelLoadHelper24UnloadDelayLoadedModulesESt17basic_string_viewIcSt11char_traitsIcEEPFiPKcE")));
+}
+
+std::wstring ProbeModule() { return ModulePath(::GetModuleHandleW(L"ambrel_dlprobe.dll")); }
+
 PfnDliHook Hook() {
   return reinterpret_cast<PfnDliHook>(
       Export(AMBREL_EXPORT_NAME("?DelayLoadHook@QelLoadHelper@@YAP6A_JXZIPEAUDelayLoadInfo@@@Z",
@@ -115,7 +129,7 @@ int wmain(int argc, wchar_t** argv) {
     return 3;
   }
   g_library = ::LoadLibraryW((libraryDir + L"\\Ambrel.dll").c_str());
-  if (!g_library || !Hook()) {
+  if (!g_library || !Hook() || !UnloadModules()) {
     std::printf("library: failed %lu\n", ::GetLastError());
     return 4;
   }
@@ -145,6 +159,19 @@ int wmain(int argc, wchar_t** argv) {
     Report("hook", CallHookDirectly("ambrel_dlloose.dll"));
     // The same name is within reach of the ordinary search.
     Report("ordinary", LoadLoose(0));
+  } else if (mode == L"unload") {
+    Report("probe", CallDelayImport(CallProbe));
+    Report("loaded", ProbeModule());
+    // The shutdown code the library documents for hosts.
+    UnloadModules()("ambrel_dlprobe.dll", __FUnloadDelayLoadedDLL2);
+    Report("after unload", ProbeModule());
+    Report("probe again", CallDelayImport(CallProbe));
+    Report("reloaded", ProbeModule());
+  } else if (mode == L"unload-direct") {
+    // The helper's own answer for the name given as folder argument.
+    Report("probe", CallDelayImport(CallProbe));
+    Report("result", __FUnloadDelayLoadedDLL2(Narrow(folder).c_str()) ? L"TRUE" : L"FALSE");
+    Report("after unload", ProbeModule());
   } else if (mode == L"init") {
     auto initialize = reinterpret_cast<InitializeQelFn>(Export("InitializeQel"));
     auto sharedDllPath = reinterpret_cast<const wchar_t* (*)()>(Export("GetSharedDllPath"));

@@ -1,0 +1,45 @@
+# ambrel_add_delay_import_library(<target> DEF <file.def>)
+#
+# A static library that delay-imports the DLL a module-definition file
+# describes (LIBRARY name, EXPORTS one function per line), for hosts built
+# with the mingw-w64 runtime on x86-64. Unlike `dlltool -y` it gives the
+# delay-import descriptor an unload IAT, without which the runtime's
+# __FUnloadDelayLoadedDLL2 unloads nothing. Link the library and mingwex.
+set(_AMBREL_DELAY_IMPORT_TEMPLATE ${CMAKE_CURRENT_LIST_DIR}/delayimport/DelayImportLibrary.c.in)
+
+function(ambrel_add_delay_import_library target)
+  cmake_parse_arguments(ARG "" "DEF" "" ${ARGN})
+  if(NOT ARG_DEF)
+    message(FATAL_ERROR "ambrel_add_delay_import_library: DEF is required")
+  endif()
+  file(STRINGS ${ARG_DEF} lines)
+  set(dll "")
+  set(functions "")
+  set(in_exports FALSE)
+  foreach(line IN LISTS lines)
+    string(REGEX REPLACE ";.*$" "" line "${line}")  # comments
+    string(STRIP "${line}" line)
+    if(line STREQUAL "")
+      continue()
+    elseif(line MATCHES "^LIBRARY[ \t]+\"?([^ \t\"]+)")
+      set(dll ${CMAKE_MATCH_1})
+    elseif(line STREQUAL "EXPORTS")
+      set(in_exports TRUE)
+    elseif(in_exports AND line MATCHES "^([A-Za-z_][A-Za-z0-9_]*)")
+      string(APPEND functions " X(${CMAKE_MATCH_1})")
+    endif()
+  endforeach()
+  if(dll STREQUAL "" OR functions STREQUAL "")
+    message(FATAL_ERROR "ambrel_add_delay_import_library: ${ARG_DEF} names no LIBRARY or no EXPORTS")
+  endif()
+  if(NOT dll MATCHES "\\.")
+    string(APPEND dll ".dll")
+  endif()
+  set(AMBREL_DL_NAME ${dll})
+  string(MAKE_C_IDENTIFIER "${dll}" AMBREL_DL_ID)
+  set(AMBREL_DL_FUNCTIONS "${functions}")
+  set(source ${CMAKE_CURRENT_BINARY_DIR}/${target}.c)
+  configure_file(${_AMBREL_DELAY_IMPORT_TEMPLATE} ${source} @ONLY)
+  add_library(${target} STATIC ${source})
+  target_link_libraries(${target} INTERFACE mingwex)
+endfunction()
