@@ -1,5 +1,6 @@
 # Installation layout, CMake package and ZIP of Ambrel for host builds:
 #   bin/Ambrel.dll and bin/Ambrel.pdb, its debug information (both toolchains),
+#   bin/ambrel-diagnose.exe, the support engineers' look at a machine,
 #   lib/ import library, include/Ambrel.h,
 #   lib/cmake/Ambrel/ package files (find_package(Ambrel CONFIG), Ambrel::Ambrel).
 include(CMakePackageConfigHelpers)
@@ -25,6 +26,7 @@ install(TARGETS Ambrel EXPORT AmbrelTargets
   LIBRARY DESTINATION ${AMBREL_INSTALL_BINDIR}
   ARCHIVE DESTINATION ${AMBREL_INSTALL_LIBDIR})
 install(FILES ${PROJECT_SOURCE_DIR}/include/Ambrel.h DESTINATION ${AMBREL_INSTALL_INCLUDEDIR})
+install(TARGETS ambrel_diagnose RUNTIME DESTINATION ${AMBREL_INSTALL_BINDIR})
 
 if(AMBREL_PDB_FILE)
   install(FILES "${AMBREL_PDB_FILE}" DESTINATION ${AMBREL_INSTALL_BINDIR} OPTIONAL)

@@ -1,10 +1,11 @@
 # cmake -DSOURCE_DIR=<project> -P CheckFloors.cmake
 # Fails, naming file and line, when a source of the library includes a header
 # of a floor above its own. Floors, bottom to top: include, common, haldo_sdk,
-# qel_session, qel_loader, osx. Test programs, benchmarks and examples are not
+# qel_session, qel_loader, osx, then diagnose (a program over the library,
+# not part of the DLL). Test programs, benchmarks and examples are not
 # floors and may include anything.
 include(${CMAKE_CURRENT_LIST_DIR}/AmbrelFloors.cmake)
-set(floors include ${AMBREL_FLOORS})
+set(floors include ${AMBREL_FLOORS} diagnose)
 set(found 0)
 set(checked 0)
 foreach(folder IN LISTS floors)

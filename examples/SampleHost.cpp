@@ -187,6 +187,19 @@ void ShowCallStack() {
   }
 }
 
+// The support engineers' program on the sandbox built above, as a child that
+// reads the same scratch registry keys (its test-only --registry-sandbox).
+// The marker is dropped for the child, so it judges the machine as a fresh
+// host process would; PATH still holds the folder this host put there.
+void ShowDiagnosis(const RegistrySandbox& registry, EnvGuard& env) {
+  Heading("ambrel-diagnose on this sandbox");
+  env.Unset(kMarker);
+  const auto result = ambrel::test::RunProcess(TestBinDirectory() + L"\\ambrel-diagnose.exe",
+                                               L"--registry-sandbox \"" + registry.ScratchKeyPath() + L"\"");
+  for (const std::string& line : ambrel::test::SplitLines(result.output)) std::printf("  %s\n", line.c_str());
+  std::printf("  (exit code %lu)\n", static_cast<unsigned long>(result.exitCode));
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -206,6 +219,7 @@ int main(int argc, char** argv) {
     ShowBootstrap(installer);
     ShowChildProcess(installer);
     ShowCallStack();
+    ShowDiagnosis(registry, env);
   } catch (const std::exception& error) {
     std::printf("sample host failed: %s\n", error.what());
     return 1;

@@ -52,6 +52,25 @@ bool IsRunningProcessId(const std::string& text) {
   return false;
 }
 
+// ReadStringFromRegistry's log line for each failure; a failed enlargement
+// has none of its own (the caller's line says the read failed).
+void LogLocationReadFailure(SdkLocationRead read) {
+  switch (read) {
+    case SdkLocationRead::NoBuffer:
+      LogWrapperError("ReadStringFromRegistry: Failed to allocate memory for buffer to read registry!");
+      break;
+    case SdkLocationRead::KeyNotOpened:
+      LogWrapperError("ReadStringFromRegistry: RegOpenKeyEx failed!");
+      break;
+    case SdkLocationRead::ValueNotRead:
+      LogWrapperError("ReadStringFromRegistry: RegQueryValueEx failed!");
+      break;
+    case SdkLocationRead::BufferNotEnlarged:
+    case SdkLocationRead::Read:
+      break;
+  }
+}
+
 }  // namespace
 
 RegistryBufferAllocator& SdkLocationBufferAllocator() {
@@ -66,19 +85,15 @@ ModuleUnloadFunction& SdkModuleUnloader() {
   return unload;
 }
 
-bool ReadStringFromRegistry(wchar_t** value, std::vector<DWORD>* offeredSizes) {
+SdkLocationRead ReadSdkLocationValue(wchar_t** value, std::vector<DWORD>* offeredSizes) {
   *value = nullptr;
   const RegistryBufferAllocator& allocator = SdkLocationBufferAllocator();
   RegistryBuffer buffer(allocator.allocate(kRegistryBufferBytes));
-  if (!buffer) {
-    LogWrapperError("ReadStringFromRegistry: Failed to allocate memory for buffer to read registry!");
-    return false;
-  }
+  if (!buffer) return SdkLocationRead::NoBuffer;
 
   UniqueRegKey key;
   if (::RegOpenKeyExW(HKEY_LOCAL_MACHINE, kHaldoKeyPath, 0, KEY_READ, key.put()) != ERROR_SUCCESS) {
-    LogWrapperError("ReadStringFromRegistry: RegOpenKeyEx failed!");
-    return false;
+    return SdkLocationRead::KeyNotOpened;
   }
 
   DWORD offered = kRegistryQueryStep;
@@ -92,47 +107,73 @@ bool ReadStringFromRegistry(wchar_t** value, std::vector<DWORD>* offeredSizes) {
   while (status == ERROR_MORE_DATA) {
     offered += kRegistryQueryStep;
     void* larger = allocator.reallocate(buffer.get(), offered + sizeof(wchar_t));
-    if (!larger) return false;  // the owners free the old buffer and close the key
-    (void)buffer.release();     // realloc has taken over the old block
+    if (!larger) return SdkLocationRead::BufferNotEnlarged;  // the owners free the old buffer and close the key
+    (void)buffer.release();                                 // realloc has taken over the old block
     buffer.reset(larger);
     size = offered;
     status = query();
   }
-  if (status != ERROR_SUCCESS) {
-    buffer.reset();
-    key.reset();
-    LogWrapperError("ReadStringFromRegistry: RegQueryValueEx failed!");
-    return false;
-  }
+  if (status != ERROR_SUCCESS) return SdkLocationRead::ValueNotRead;
 
   TerminateAfter(static_cast<wchar_t*>(buffer.get()), size);
   *value = static_cast<wchar_t*>(buffer.release());  // the caller frees it
-  return true;
+  return SdkLocationRead::Read;
 }
 
-void GetDllPath() {
+bool ReadStringFromRegistry(wchar_t** value, std::vector<DWORD>* offeredSizes) {
+  const SdkLocationRead read = ReadSdkLocationValue(value, offeredSizes);
+  LogLocationReadFailure(read);
+  return read == SdkLocationRead::Read;
+}
+
+SdkPathLookup LookUpSdkPath() {
+  SdkPathLookup lookup;
   wchar_t* raw = nullptr;
-  if (!ReadStringFromRegistry(&raw) || !raw) {
-    LogWrapperError("GetDllPath: Failed to read registry!");
-    return;
+  lookup.read = ReadSdkLocationValue(&raw);
+  if (lookup.read != SdkLocationRead::Read || !raw) {
+    lookup.outcome = SdkPathLookup::Outcome::RegistryUnreadable;
+    return lookup;
   }
   const RegistryBuffer owner(raw);
-  const std::wstring value(raw);
-  if (value.empty()) return;
-
-  const PathExpansion expanded = ExpandEnvironmentPath(value.c_str());
-  if (expanded.needed == 0) {
-    LogWrapperError("GetDllPath: Failed to expand dll path!");
-    return;
+  lookup.value = raw;
+  if (lookup.value.empty()) {
+    lookup.outcome = SdkPathLookup::Outcome::Empty;
+    return lookup;
   }
+
+  const PathExpansion expanded = ExpandEnvironmentPath(lookup.value.c_str());
+  if (expanded.needed == 0) {
+    lookup.outcome = SdkPathLookup::Outcome::ExpansionFailed;
+    return lookup;
+  }
+  lookup.expanded = expanded.text;
   // An expansion that did not fit names no usable file; and only the lock-file
   // test may raise, so an unexpected error here also counts as "missing".
   std::error_code ec;
-  if (!expanded.fits() || !PathExists(expanded.text, ec)) {
-    LogWrapperError("GetDllPath: expanded Dll Path does not exist!");
-    return;
+  lookup.outcome = expanded.fits() && PathExists(expanded.text, ec) ? SdkPathLookup::Outcome::Found
+                                                                    : SdkPathLookup::Outcome::Missing;
+  return lookup;
+}
+
+void GetDllPath() {
+  const SdkPathLookup lookup = LookUpSdkPath();
+  switch (lookup.outcome) {
+    case SdkPathLookup::Outcome::RegistryUnreadable:
+      LogLocationReadFailure(lookup.read);  // ReadStringFromRegistry's own line first, as it has always come
+      LogWrapperError("GetDllPath: Failed to read registry!");
+      return;
+    case SdkPathLookup::Outcome::Empty:
+      return;
+    case SdkPathLookup::Outcome::ExpansionFailed:
+      LogWrapperError("GetDllPath: Failed to expand dll path!");
+      return;
+    case SdkPathLookup::Outcome::Missing:
+      LogWrapperError("GetDllPath: expanded Dll Path does not exist!");
+      return;
+    case SdkPathLookup::Outcome::Found:
+      WrapperState().dllPath = lookup.expanded;
+      return;
   }
-  WrapperState().dllPath = expanded.text;
 }
 
 std::filesystem::path SelfUpdateLockFilePath() {
@@ -149,11 +190,17 @@ std::filesystem::path SelfUpdateLockFilePath() {
   return folder / kSelfUpdateLockFileName;
 }
 
-bool IsSelfUpdateRunning() {
-  const std::filesystem::path lockFile = SelfUpdateLockFilePath();
-  if (!PathExists(lockFile.native())) return false;
-  return IsRunningProcessId(ReadWholeFile(lockFile));
+SelfUpdateLock InspectSelfUpdateLock() {
+  SelfUpdateLock lock;
+  lock.file = SelfUpdateLockFilePath();
+  lock.present = PathExists(lock.file.native());
+  if (!lock.present) return lock;
+  lock.content = ReadWholeFile(lock.file);
+  lock.running = IsRunningProcessId(lock.content);
+  return lock;
 }
+
+bool IsSelfUpdateRunning() { return InspectSelfUpdateLock().running; }
 
 UniqueFileHandle HoldAgainstChanges(const std::wstring& path) {
   return UniqueFileHandle(::CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING,

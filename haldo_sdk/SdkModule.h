@@ -32,10 +32,28 @@ RegistryBufferAllocator& SdkLocationBufferAllocator();
 using ModuleUnloadFunction = BOOL(WINAPI*)(HMODULE module);
 ModuleUnloadFunction& SdkModuleUnloader();
 
+// Why "HALDOSDKLocation" could not be read.
+enum class SdkLocationRead { Read, NoBuffer, KeyNotOpened, BufferNotEnlarged, ValueNotRead };
+
 // Reads "HALDOSDKLocation" into a NUL-terminated buffer from the allocator
-// above, which the caller releases through it (free, by default). The first query offers 256 bytes and each retry 256 more;
-// `offeredSizes`, when given, receives the byte count offered by each query.
+// above, which the caller releases through it (free, by default). The first
+// query offers 256 bytes and each retry 256 more; `offeredSizes`, when given,
+// receives the byte count offered by each query. Writes no log line, so that
+// a look at the machine can use it too.
+SdkLocationRead ReadSdkLocationValue(wchar_t** value, std::vector<DWORD>* offeredSizes = nullptr);
+
+// ReadSdkLocationValue, logging why it failed.
 bool ReadStringFromRegistry(wchar_t** value, std::vector<DWORD>* offeredSizes = nullptr);
+
+// Where the SDK location led, step by step; logs nothing.
+struct SdkPathLookup {
+  enum class Outcome { RegistryUnreadable, Empty, ExpansionFailed, Missing, Found };
+  Outcome outcome = Outcome::RegistryUnreadable;
+  SdkLocationRead read = SdkLocationRead::ValueNotRead;
+  std::wstring value;     // the registry value up to its first NUL
+  std::wstring expanded;  // its expansion, when it fits
+};
+SdkPathLookup LookUpSdkPath();
 
 // Fills the shared state's dllPath with the expanded, existing SDK location,
 // or leaves it empty and logs why.
@@ -44,6 +62,17 @@ void GetDllPath();
 // The lock file's full path: under the machine-wide program-data folder, or
 // the temporary directory when that folder cannot be obtained.
 std::filesystem::path SelfUpdateLockFilePath();
+
+// What the lock file says: whether it is there, its bytes, and whether they
+// are exactly the decimal id of a running process. An unexpected error
+// testing for the file raises filesystem_error ("exists").
+struct SelfUpdateLock {
+  std::filesystem::path file;
+  bool present = false;
+  std::string content;
+  bool running = false;
+};
+SelfUpdateLock InspectSelfUpdateLock();
 
 // True when the lock file holds exactly the decimal id of a running process.
 // An unexpected error testing for the file raises filesystem_error ("exists").

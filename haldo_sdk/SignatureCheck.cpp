@@ -31,7 +31,7 @@ class TrustStateCloser {
 
 }  // namespace
 
-bool VerifyTrust(const std::wstring& path, WinVerifyTrustFunction verify) {
+LONG TrustStatus(const std::wstring& path, WinVerifyTrustFunction verify) {
   WINTRUST_FILE_INFO file{};
   file.cbStruct = sizeof file;
   file.pcwszFilePath = path.c_str();
@@ -57,12 +57,18 @@ bool VerifyTrust(const std::wstring& path, WinVerifyTrustFunction verify) {
   {
     TrustStateCloser closer(verify, action, data);
     status = verify(nullptr, &action, &data);
-    if (status != 0) WriteWrapperLogLine(L"[ERROR] WinVerifyTrust returned status: " + std::to_wstring(status));
   }
+  return status;
+}
+
+bool VerifyTrust(const std::wstring& path, WinVerifyTrustFunction verify) {
+  const LONG status = TrustStatus(path, verify);
+  if (status != 0) WriteWrapperLogLine(L"[ERROR] WinVerifyTrust returned status: " + std::to_wstring(status));
   return status == 0;
 }
 
-bool SignatureNamesPublisher(const std::wstring& path, const wchar_t* publisher) {
+PublisherSearch SearchPublisher(const std::wstring& path, const wchar_t* publisher) {
+  PublisherSearch search;
   DWORD encoding = 0;
   DWORD contentType = 0;
   DWORD formatType = 0;
@@ -73,17 +79,34 @@ bool SignatureNamesPublisher(const std::wstring& path, const wchar_t* publisher)
   if (!::CryptQueryObject(CERT_QUERY_OBJECT_FILE, path.c_str(), CERT_QUERY_CONTENT_FLAG_PKCS7_SIGNED_EMBED,
                           CERT_QUERY_FORMAT_FLAG_BINARY, 0, &encoding, &contentType, &formatType, store.put(),
                           message.put(), nullptr)) {
-    WriteWrapperLogLine(L"[ERROR] CryptQueryObject returned false!");
-    return false;
+    search.error = ::GetLastError();
+    return search;
   }
 
   const UniqueCertContext found(
       ::CertFindCertificateInStore(store.get(), encoding, 0, CERT_FIND_SUBJECT_STR_W, publisher, nullptr));
   if (!found) {
-    const DWORD error = ::GetLastError();
-    WriteWrapperLogLine(L"[ERROR] CertFindCertificateInStore returned ERROR: " + std::to_wstring(error));
+    search.outcome = PublisherSearch::Outcome::NotFound;
+    search.error = ::GetLastError();
+    return search;
   }
-  return found.valid();
+  search.outcome = PublisherSearch::Outcome::Found;
+  return search;
+}
+
+bool SignatureNamesPublisher(const std::wstring& path, const wchar_t* publisher) {
+  const PublisherSearch search = SearchPublisher(path, publisher);
+  switch (search.outcome) {
+    case PublisherSearch::Outcome::SignatureUnreadable:
+      WriteWrapperLogLine(L"[ERROR] CryptQueryObject returned false!");
+      return false;
+    case PublisherSearch::Outcome::NotFound:
+      WriteWrapperLogLine(L"[ERROR] CertFindCertificateInStore returned ERROR: " + std::to_wstring(search.error));
+      return false;
+    case PublisherSearch::Outcome::Found:
+      return true;
+  }
+  return false;
 }
 
 WinVerifyTrustFunction& TrustVerifier() {

@@ -25,10 +25,23 @@ bool VerifyCertificate(const std::wstring& path);
 
 // WinVerifyTrust with the generic Authenticode action, no UI and no
 // revocation check, always followed by the call that releases its state.
+// Returns its status (0: verified); logs nothing.
+LONG TrustStatus(const std::wstring& path, WinVerifyTrustFunction verify = ::WinVerifyTrust);
+
+// TrustStatus, logging a failed status; true when it is 0.
 bool VerifyTrust(const std::wstring& path, WinVerifyTrustFunction verify = ::WinVerifyTrust);
 
+// The publisher search over the file's embedded signature; logs nothing.
+// `error` is GetLastError() of the failed step.
+struct PublisherSearch {
+  enum class Outcome { SignatureUnreadable, NotFound, Found };
+  Outcome outcome = Outcome::SignatureUnreadable;
+  DWORD error = 0;
+};
+PublisherSearch SearchPublisher(const std::wstring& path, const wchar_t* publisher);
+
 // True when a certificate of the file's embedded signature has a subject
-// containing `publisher`, compared without regard to case.
+// containing `publisher`, compared without regard to case. Logs what failed.
 bool SignatureNamesPublisher(const std::wstring& path, const wchar_t* publisher);
 
 }  // namespace ambrel

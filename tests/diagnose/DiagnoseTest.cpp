@@ -1,0 +1,167 @@
+// ambrel-diagnose against the stand-in SDK in the registry sandbox: one row
+// per condition, each with the program's exit code, the verdict lines it must
+// print and the JSON it must give for the same machine.
+#include <gtest/gtest.h>
+
+#include <windows.h>
+
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "tests/support/SdkSandbox.h"
+
+namespace ambrel::test {
+namespace {
+
+std::wstring DiagnoseProgram() { return TestBinDirectory() + L"\\ambrel-diagnose.exe"; }
+
+ProcessResult RunDiagnose(const SdkSandbox& sandbox, const std::wstring& arguments = L"") {
+  return RunProcess(DiagnoseProgram(),
+                    L"--registry-sandbox \"" + sandbox.registry().ScratchKeyPath() + L"\" " + arguments);
+}
+
+// True when a line of `output` begins with `prefix`.
+bool HasLineStarting(const std::string& output, const std::string& prefix) {
+  for (const std::string& line : SplitLines(output))
+    if (line.rfind(prefix, 0) == 0) return true;
+  return false;
+}
+
+struct Row {
+  const char* name;
+  std::function<void(SdkSandbox&)> arrange;
+  DWORD exitCode;
+  std::vector<std::string> lines;  // line beginnings of the text output
+  std::vector<std::string> json;   // fragments of the JSON document
+};
+
+std::string Pid() { return std::to_string(::GetCurrentProcessId()); }
+
+const std::vector<Row>& Rows() {
+  static const std::vector<Row> rows = {
+      {"Healthy", [](SdkSandbox&) {}, 0,
+       {"ok    marker", "ok    sdk.selfUpdateLock", "ok    sdk.location", "ok    sdk.file", "ok    sdk.signature",
+        "ok    sdk.publisher", "ok    sdk.export.Initialize", "ok    sdk.export.ReleaseMemory",
+        "ok    sdk.export.Uninitialize", "ok    sdk.export.LockDirectory", "ok    sdk.export.UnLockDirectory",
+        "ok    registry.key", "ok    registry.override", "ok    registry.installPath", "ok    registry.version",
+        "ok    location", "ok    path", "ok    result                   InitializeQel would return true with"},
+       {"\"initializeQel\": true", "\"sdkLock\": true", "\"exitCode\": 0",
+        "{\"id\": \"sdk.signature\", \"verdict\": \"ok\"", "\"status\": 0, \"statusHex\": \"0x00000000\", \"verified\": true"}},
+      {"NoRegistryEntry", [](SdkSandbox&) { RegistrySandbox::DeleteKey(HKEY_LOCAL_MACHINE, kSharedKey); }, 1,
+       {"fail  registry.key", "skip  registry.installPath", "skip  location",
+        "fail  result                   InitializeQel would return false: the shared-components entry"},
+       {"\"initializeQel\": false", "\"exitCode\": 1", "{\"id\": \"registry.key\", \"verdict\": \"fail\"",
+        "\"present\": false"}},
+      {"VersionFolderMissing", [](SdkSandbox&) { SdkSandbox::SetVersion(L"2026.9"); }, 1,
+       {"ok    registry.installPath", "fail  registry.version", "fail  result                   InitializeQel would return false: the version folder"},
+       {"\"initializeQel\": false", "{\"id\": \"registry.version\", \"verdict\": \"fail\"", "\"value\": \"2026.9\""}},
+      {"OverrideWithoutVariable",
+       [](SdkSandbox&) { RegistrySandbox::SetDword(HKEY_LOCAL_MACHINE, kSharedKey, L"EnablePathOverride", 1); }, 0,
+       {"warn  registry.override", "ok    registry.version", "ok    location", "ok    result"},
+       {"\"initializeQel\": true", "\"enablePathOverride\": 1, \"variable\": \"QEL_PATH_2026\", \"variableValue\": null"}},
+      {"SdkPathMissing", [](SdkSandbox& s) { SetSdkLocation(s.scratch() / L"gone\\StandInSdk.dll"); }, 0,
+       {"ok    sdk.location", "warn  sdk.file", "skip  sdk.signature", "skip  sdk.export.Initialize",
+        "ok    result                   InitializeQel would return true with"},
+       {"\"initializeQel\": true", "\"sdkLock\": false", "{\"id\": \"sdk.file\", \"verdict\": \"warn\"",
+        "the installer would not lock it: the SDK file"}},
+      {"StaleLockFile", [](SdkSandbox& s) { s.programData().WriteLock(Pid() + "\r\n"); }, 0,
+       {"info  sdk.selfUpdateLock", "ok    result"},
+       {"\"present\": true", "\"processId\": null, \"running\": false", "\"sdkLock\": true"}},
+      {"LiveLockFile", [](SdkSandbox& s) { s.programData().WriteLock(Pid()); }, 0,
+       {"warn  sdk.selfUpdateLock       process " + Pid() + " is running", "ok    result"},
+       {"\"processId\": " + Pid() + ", \"running\": true", "\"sdkLock\": false", "the installer is updating itself"}},
+      {"UnsignedSdk", [](SdkSandbox&) { SetSdkLocation(StandInKind::Unsigned); }, 0,
+       {"ok    sdk.file", "warn  sdk.signature", "skip  sdk.publisher", "ok    sdk.export.Initialize", "ok    result"},
+       {"{\"id\": \"sdk.signature\", \"verdict\": \"warn\"", "\"verified\": false", "\"sdkLock\": false"}},
+      {"TamperedSdk", [](SdkSandbox&) { SetSdkLocation(StandInKind::Tampered); }, 0,
+       {"warn  sdk.signature", "skip  sdk.publisher", "ok    result"},
+       {"\"verified\": false", "\"sdkLock\": false"}},
+      {"OtherPublisherSdk", [](SdkSandbox&) { SetSdkLocation(StandInKind::OtherPublisher); }, 0,
+       {"ok    sdk.signature", "warn  sdk.publisher", "ok    result"},
+       {"\"publisher\": \"Tavrel, Inc\", \"found\": false, \"error\": 2148081668", "\"sdkLock\": false"}},
+      {"MissingExport", [](SdkSandbox&) { SetSdkLocation(StandInKind::NoLockDirectory); }, 0,
+       {"ok    sdk.publisher", "ok    sdk.export.Initialize", "warn  sdk.export.LockDirectory",
+        "ok    sdk.export.UnLockDirectory", "ok    result"},
+       {"{\"id\": \"sdk.export.LockDirectory\", \"verdict\": \"warn\", \"text\": \"not exported\", \"evidence\": {\"present\": false}}",
+        "\"sdkLock\": false", "does not export LockDirectory"}},
+      {"MarkerAlreadySet", [](SdkSandbox& s) { s.env().Set(kMarker, L"1"); }, 0,
+       {"info  marker", "ok    result                   InitializeQel would return true without the installer"},
+       {"\"variable\": \"QEL_INITIALIZE_BYPASSED\", \"present\": true, \"value\": \"1\"", "\"initializeQel\": true"}},
+  };
+  return rows;
+}
+
+class DiagnoseRow : public ::testing::TestWithParam<Row> {};
+
+TEST_P(DiagnoseRow, TextAndJsonGiveTheVerdicts) {
+  const Row& row = GetParam();
+  SdkSandbox sandbox(SdkSandbox::Contents::Installed);
+  row.arrange(sandbox);
+
+  const ProcessResult text = RunDiagnose(sandbox);
+  EXPECT_EQ(text.exitCode, row.exitCode) << text.output;
+  for (const std::string& line : row.lines) EXPECT_TRUE(HasLineStarting(text.output, line)) << line << "\n" << text.output;
+
+  const ProcessResult json = RunDiagnose(sandbox, L"--json");
+  EXPECT_EQ(json.exitCode, row.exitCode) << json.output;
+  for (const std::string& fragment : row.json)
+    EXPECT_NE(json.output.find(fragment), std::string::npos) << fragment << "\n" << json.output;
+
+  // A look changes nothing: no log, the SDK never loaded, no marker for the caller.
+  EXPECT_FALSE(sandbox.log().LogExists());
+  EXPECT_TRUE(sandbox.SdkCalls(true).empty());
+  std::printf("---- %s\n%s", row.name, text.output.c_str());
+}
+
+INSTANTIATE_TEST_SUITE_P(Machines, DiagnoseRow, ::testing::ValuesIn(Rows()),
+                         [](const ::testing::TestParamInfo<Row>& info) { return std::string(info.param.name); });
+
+TEST(Diagnose, ChecksComeInTheBootstrapsOrder) {
+  SdkSandbox sandbox(SdkSandbox::Contents::Installed);
+  const ProcessResult result = RunDiagnose(sandbox);
+  std::vector<std::string> ids;
+  for (const std::string& line : SplitLines(result.output)) {
+    const auto start = line.find_first_not_of(' ', 6);
+    ids.push_back(line.substr(start, line.find(' ', start) - start));
+  }
+  const std::vector<std::string> expected = {
+      "library", "edition", "marker", "sdk.selfUpdateLock", "sdk.location", "sdk.expanded", "sdk.file",
+      "sdk.signature", "sdk.publisher", "sdk.export.Initialize", "sdk.export.ReleaseMemory",
+      "sdk.export.Uninitialize", "sdk.export.LockDirectory", "sdk.export.UnLockDirectory", "registry.key",
+      "registry.override", "registry.installPath", "registry.version", "location", "path", "result"};
+  EXPECT_EQ(ids, expected) << result.output;
+}
+
+TEST(Diagnose, WithSdkRunsOneSessionAndReportsItsCodes) {
+  SdkSandbox sandbox(SdkSandbox::Contents::Installed);
+  const ProcessResult result = RunDiagnose(sandbox, L"--with-sdk");
+  EXPECT_EQ(result.exitCode, 0u) << result.output;
+  const std::string lockPath = Narrow(sandbox.sharedDir()) + "\\";
+  EXPECT_TRUE(HasLineStarting(result.output, "sdk      Initialize(QEL, 2026, neutral) -> 0")) << result.output;
+  EXPECT_TRUE(HasLineStarting(result.output, "sdk      LockDirectory(" + lockPath + ") -> 0")) << result.output;
+  EXPECT_TRUE(HasLineStarting(result.output, "session  LockInstallLocation -> 0, location \"" +
+                                                 Narrow(sandbox.sharedDir()) + "\""))
+      << result.output;
+  EXPECT_TRUE(HasLineStarting(result.output, "sdk      Uninitialize() -> 0")) << result.output;
+  EXPECT_EQ(sandbox.SdkCalls(), kWholeSession);
+  EXPECT_TRUE(sandbox.log().LogExists());  // the session's wrapper logs, as the usage text says
+}
+
+TEST(Diagnose, WithSdkPassesTheSessionMessagesThrough) {
+  SdkSandbox sandbox(SdkSandbox::Contents::Installed);
+  sandbox.sdk().SetResult("LockDirectory", 5);
+  const ProcessResult result = RunDiagnose(sandbox, L"--with-sdk");
+  EXPECT_TRUE(HasLineStarting(result.output, "sdk      LockDirectory(")) << result.output;
+  EXPECT_NE(result.output.find("session  [WARN] Failed to lock"), std::string::npos) << result.output;
+  EXPECT_NE(result.output.find("HALDO SDK wrapper status code : 5"), std::string::npos) << result.output;
+}
+
+TEST(Diagnose, BadUsageExitsWithTwo) {
+  EXPECT_EQ(RunProcess(DiagnoseProgram(), L"--frobnicate").exitCode, 2u);
+  EXPECT_EQ(RunProcess(DiagnoseProgram(), L"--library").exitCode, 2u);
+  EXPECT_EQ(RunProcess(DiagnoseProgram(), L"--registry-sandbox NoSuchKey\\Anywhere").exitCode, 2u);
+}
+
+}  // namespace
+}  // namespace ambrel::test
