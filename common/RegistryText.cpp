@@ -14,6 +14,15 @@ LSTATUS QueryRegistryText(HKEY key, const wchar_t* name, DWORD byteSize, std::ws
   return status;
 }
 
+LSTATUS QueryPathOverrideSwitch(HKEY key, DWORD& enabled) {
+  DWORD number = 0;
+  DWORD size = sizeof(number);
+  const LSTATUS status =
+      ::RegQueryValueExW(key, L"EnablePathOverride", nullptr, nullptr, reinterpret_cast<BYTE*>(&number), &size);
+  if (status == ERROR_SUCCESS) enabled = number;
+  return status;
+}
+
 std::wstring SharedComponentsKeyPath(const std::wstring& release) {
   return L"SOFTWARE\\Tavrel\\SharedComponents\\" + release;
 }

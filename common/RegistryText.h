@@ -26,4 +26,8 @@ inline LSTATUS QuerySharedComponentsText(HKEY key, const wchar_t* name, std::wst
   return QueryRegistryText(key, name, kSharedComponentsValueBytes, text);
 }
 
+// "EnablePathOverride" of that key: any value type whose data fits in four
+// bytes is taken as the number. `enabled` is left as it was on failure.
+LSTATUS QueryPathOverrideSwitch(HKEY key, DWORD& enabled);
+
 }  // namespace ambrel

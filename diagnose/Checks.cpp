@@ -237,10 +237,7 @@ Located CheckInstallLocation(Report& report) {
   std::optional<DWORD> enabled;
   if (keyOpen) {
     DWORD number = 0;
-    DWORD size = sizeof number;
-    if (::RegQueryValueExW(registry.get(), L"EnablePathOverride", nullptr, nullptr, reinterpret_cast<BYTE*>(&number),
-                           &size) == ERROR_SUCCESS)
-      enabled = number;
+    if (QueryPathOverrideSwitch(registry.get(), number) == ERROR_SUCCESS) enabled = number;
   }
   const std::wstring variableName = L"QEL_PATH_" + QelRelease;
   const std::optional<std::wstring> variable = ReadEnvironmentVariable(variableName.c_str());

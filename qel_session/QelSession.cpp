@@ -131,11 +131,8 @@ QelStatus QelSession::GetPathOverride(std::wstring keyRelease) {
     DeliverText("FATAL", "There is no custom path set");
     return NoPathOverride;
   }
-  // Any value type whose data fits in four bytes is taken as the number.
   DWORD enabled = 0;
-  DWORD size = sizeof(enabled);
-  if (::RegQueryValueExW(key.get(), L"EnablePathOverride", nullptr, nullptr, reinterpret_cast<BYTE*>(&enabled),
-                         &size) != ERROR_SUCCESS) {
+  if (ambrel::QueryPathOverrideSwitch(key.get(), enabled) != ERROR_SUCCESS) {
     DeliverText("FATAL", "There is no custom path set");
     return NoPathOverride;
   }
