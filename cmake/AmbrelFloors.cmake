@@ -6,6 +6,19 @@
 # compile, and a call that reaches up fails to link in the lower floor's tests.
 set(AMBREL_FLOORS common haldo_sdk qel_session qel_loader osx)
 
+# The library's own code builds without a warning. A compiler newer than the
+# ones it is checked with (clang-16, GCC 12) may add warnings: then configure
+# with -DAMBREL_WARNINGS_AS_ERRORS=OFF rather than edit this.
+option(AMBREL_WARNINGS_AS_ERRORS "Treat warnings in the library's own sources as errors (clang, GCC)" ON)
+if(MSVC)
+  set(AMBREL_WARNING_FLAGS /W4)
+else()
+  set(AMBREL_WARNING_FLAGS -Wall -Wextra -Wpedantic -Wshadow -Wconversion)
+  if(AMBREL_WARNINGS_AS_ERRORS)
+    list(APPEND AMBREL_WARNING_FLAGS -Werror)
+  endif()
+endif()
+
 # ambrel_add_floor(<folder> sources...)
 # Object library ambrel_<folder> over the given sources of that folder,
 # linked to the floor right below it.
@@ -32,10 +45,16 @@ function(ambrel_add_floor folder)
 
   # The objects are the DLL's: they carry its exports.
   target_compile_definitions(${target} PRIVATE AMBREL_BUILDING)
+  target_compile_options(${target} PRIVATE ${AMBREL_WARNING_FLAGS})
   if(MSVC)
-    target_compile_options(${target} PRIVATE /W4 /EHa /utf-8)
-  else()
-    target_compile_options(${target} PRIVATE -Wall -Wextra)
+    target_compile_options(${target} PRIVATE /EHa /utf-8)
+  endif()
+  # Coverage counts the library's own code only: its objects are instrumented,
+  # and every module linking them (Ambrel.dll, the programs over the floors)
+  # links the profile runtime that writes the counts.
+  if(AMBREL_COVERAGE)
+    target_compile_options(${target} PRIVATE --coverage)
+    target_link_options(${target} INTERFACE --coverage)
   endif()
 
   list(FIND AMBREL_FLOORS ${folder} index)

@@ -3,6 +3,8 @@
 #include <errno.h>
 #include <stdlib.h>
 
+#include <array>
+
 namespace ambrel {
 
 std::optional<std::wstring> ReadEnvironmentVariable(const wchar_t* name) {
@@ -29,10 +31,10 @@ bool WriteEnvironmentVariable(const wchar_t* name, const wchar_t* value) { retur
 PathExpansion ExpandEnvironmentPath(const wchar_t* text) {
   // One unit more than the limit passed, so the buffer stays terminated
   // whatever a failed expansion leaves in it.
-  wchar_t expanded[MAX_PATH + 1] = {};
+  std::array<wchar_t, MAX_PATH + 1> expanded{};
   PathExpansion result;
-  result.needed = ::ExpandEnvironmentStringsW(text, expanded, MAX_PATH);
-  if (result.fits()) result.text = expanded;
+  result.needed = ::ExpandEnvironmentStringsW(text, expanded.data(), MAX_PATH);
+  if (result.fits()) result.text = expanded.data();
   return result;
 }
 

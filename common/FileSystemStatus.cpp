@@ -41,9 +41,9 @@ PathStatus QueryPathStatus(const std::wstring& path, std::error_code& ec) noexce
 
   if (attributes & FILE_ATTRIBUTE_REPARSE_POINT) {
     // A link: what counts is its target, so open through it.
-    UniqueFileHandle target(::CreateFileW(path.c_str(), FILE_READ_ATTRIBUTES,
-                                          FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
-                                          OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS, nullptr));
+    const UniqueFileHandle target(::CreateFileW(path.c_str(), FILE_READ_ATTRIBUTES,
+                                                FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
+                                                OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS, nullptr));
     if (!target) return fail(::GetLastError());
     BY_HANDLE_FILE_INFORMATION info{};
     if (!::GetFileInformationByHandle(target.get(), &info)) return fail(::GetLastError());

@@ -1,5 +1,6 @@
 #include "common/ModuleHelpers.h"
 
+#include <array>
 #include <filesystem>
 
 namespace ambrel {
@@ -16,9 +17,9 @@ HMODULE GetThisModuleHandle() noexcept {
 }
 
 std::wstring GetModuleFilePath(HMODULE module) {
-  wchar_t buffer[MAX_PATH] = {};
-  const DWORD length = ::GetModuleFileNameW(module, buffer, MAX_PATH);
-  return std::wstring(buffer, length < MAX_PATH ? length : MAX_PATH - 1);
+  std::array<wchar_t, MAX_PATH> buffer{};
+  const DWORD length = ::GetModuleFileNameW(module, buffer.data(), MAX_PATH);
+  return {buffer.data(), length < MAX_PATH ? length : MAX_PATH - 1};
 }
 
 std::wstring ParentPathOf(const std::wstring& path) {

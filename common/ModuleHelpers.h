@@ -23,4 +23,13 @@ std::wstring ParentPathOf(const std::wstring& path);
 // Folder of this library's module file.
 std::wstring GetThisModuleDirectory();
 
+// A module's export by name, as the function type its maker documents; null
+// when it is missing. GetProcAddress hands out one generic function type, and
+// the detour through void* says the conversion is meant (GCC warns on a
+// direct cast between function types).
+template <typename Function>
+Function GetExport(HMODULE module, const char* name) noexcept {
+  return reinterpret_cast<Function>(reinterpret_cast<void*>(::GetProcAddress(module, name)));
+}
+
 }  // namespace ambrel

@@ -54,7 +54,7 @@ std::wstring CodePageToWide(std::string_view text, UINT codePage) {
 std::wstring WidenBytes(std::string_view text) {
   std::wstring out;
   out.reserve(text.size());
-  for (char byte : text) out.push_back(static_cast<wchar_t>(static_cast<short>(static_cast<signed char>(byte))));
+  for (const char byte : text) out.push_back(static_cast<wchar_t>(static_cast<short>(static_cast<signed char>(byte))));
   return out;
 }
 

@@ -1,8 +1,9 @@
 // ambrel-diagnose: why InitializeQel succeeds or fails on this machine.
 #include <windows.h>
 
-#include <cstdio>
+#include <iostream>
 #include <string>
+#include <string_view>
 
 #include "common/ModuleHelpers.h"
 #include "common/TextConvert.h"
@@ -13,7 +14,7 @@
 
 namespace {
 
-constexpr char kUsage[] =
+constexpr std::string_view kUsage =
     "usage: ambrel-diagnose [--json] [--with-sdk] [--library <path of Ambrel.dll>]\n"
     "\n"
     "Looks at this machine as InitializeQel would and prints one line per check,\n"
@@ -45,7 +46,7 @@ bool RedirectRegistry(const std::wstring& scratchKey) {
 }
 
 int BadUsage(const std::string& problem) {
-  std::fprintf(stderr, "ambrel-diagnose: %s\n\n%s", problem.c_str(), kUsage);
+  std::cerr << "ambrel-diagnose: " + problem + "\n\n" + std::string(kUsage);
   return 2;
 }
 
@@ -62,7 +63,7 @@ int wmain(int argc, wchar_t** argv) {
     } else if (arg == L"--with-sdk") {
       withSdk = true;
     } else if (arg == L"--help" || arg == L"-h" || arg == L"/?") {
-      std::fputs(kUsage, stdout);
+      std::cout << kUsage << std::flush;
       return 0;
     } else if (arg == L"--library" || arg == L"--registry-sandbox") {
       if (i + 1 >= argc) return BadUsage(ambrel::WideToUtf8(arg) + " needs a value");
@@ -82,11 +83,10 @@ int wmain(int argc, wchar_t** argv) {
     if (withSdk) diagnosis.sdkSession = ambrel::diagnose::RunSdkSession();
     const std::string report =
         json ? ambrel::diagnose::FormatJson(diagnosis) : ambrel::diagnose::FormatText(diagnosis);
-    std::fputs(report.c_str(), stdout);
-    std::fflush(stdout);
+    std::cout << report.c_str() << std::flush;  // C text: it ends at a NUL
     return ambrel::diagnose::ExitCodeOf(diagnosis);
   } catch (const std::exception& error) {
-    std::fprintf(stderr, "ambrel-diagnose: %s\n", error.what());
+    std::cerr << "ambrel-diagnose: " + std::string(error.what()) + "\n";
     return 1;
   }
 }

@@ -1,13 +1,38 @@
 #include "diagnose/Output.h"
 
-#include <cstdio>
+#include <string_view>
 
 namespace ambrel::diagnose {
 namespace {
 
+// JSON text may not hold the control characters below this one as they are.
+constexpr unsigned char kFirstPrintable = 0x20;
+// The text report's columns: the verdict, then the check's id.
+constexpr std::size_t kVerdictColumn = 4;
+constexpr std::size_t kIdColumn = 24;
+
+// Left-aligned in a column of `width`; longer text is kept whole.
+std::string Padded(std::string_view text, std::size_t width) {
+  std::string out(text);
+  if (out.size() < width) out.append(width - out.size(), ' ');
+  return out;
+}
+
+// The start of a text line: "<verdict>  <id> ".
+std::string LineHead(std::string_view verdict, std::string_view id) {
+  return Padded(verdict, kVerdictColumn) + "  " + Padded(id, kIdColumn) + " ";
+}
+
+// "\u00xx" for a control character.
+std::string UnicodeEscape(unsigned char c) {
+  constexpr std::string_view kDigits = "0123456789abcdef";
+  return std::string("\\u00") + kDigits[c / kDigits.size()] + kDigits[c % kDigits.size()];
+}
+
 std::string JsonString(const std::string& text) {
   std::string out = "\"";
-  for (const unsigned char c : text) {
+  for (const char byte : text) {
+    const auto c = static_cast<unsigned char>(byte);
     switch (c) {
       case '"': out += "\\\""; break;
       case '\\': out += "\\\\"; break;
@@ -15,12 +40,10 @@ std::string JsonString(const std::string& text) {
       case '\r': out += "\\r"; break;
       case '\t': out += "\\t"; break;
       default:
-        if (c < 0x20) {
-          char escaped[8];
-          std::snprintf(escaped, sizeof escaped, "\\u%04x", c);
-          out += escaped;
+        if (c < kFirstPrintable) {
+          out += UnicodeEscape(c);
         } else {
-          out += static_cast<char>(c);
+          out += byte;
         }
     }
   }
@@ -40,13 +63,8 @@ int ExitCodeOf(const Diagnosis& diagnosis) { return diagnosis.conclusion.initial
 
 std::string FormatText(const Diagnosis& diagnosis) {
   std::string out;
-  char head[64];
-  for (const Check& check : diagnosis.checks) {
-    std::snprintf(head, sizeof head, "%-4s  %-24s ", VerdictName(check.verdict), check.id.c_str());
-    out += head + check.text + "\n";
-  }
-  std::snprintf(head, sizeof head, "%-4s  %-24s ", diagnosis.conclusion.initializeQel ? "ok" : "fail", "result");
-  out += head + diagnosis.conclusion.text + "\n";
+  for (const Check& check : diagnosis.checks) out += LineHead(VerdictName(check.verdict), check.id) + check.text + "\n";
+  out += LineHead(diagnosis.conclusion.initializeQel ? "ok" : "fail", "result") + diagnosis.conclusion.text + "\n";
   if (!diagnosis.sdkSession.empty()) out += "\n";
   for (const std::string& line : diagnosis.sdkSession) out += line + "\n";
   return out;

@@ -39,13 +39,24 @@ std::optional<std::size_t> FileOffsetOf(const Bytes& bytes, const Sections& sect
   return std::nullopt;
 }
 
-}  // namespace
+// The headers' account of the image: where its section table lies and its
+// export data directory (all zero when it declares none).
+struct ImageLayout {
+  Sections sections;
+  IMAGE_DATA_DIRECTORY exports{};
+};
 
-std::optional<std::set<std::string>> ReadExportNames(const std::wstring& file) {
-  std::ifstream in(std::filesystem::path(file), std::ios::binary);
-  if (!in) return std::nullopt;
-  const Bytes bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+// The export entry of an optional header (32- or 64-bit) at `offset`; all
+// zero when the header is cut short or has no such entry.
+template <typename OptionalHeader>
+IMAGE_DATA_DIRECTORY ExportDirectoryIn(const Bytes& bytes, std::size_t offset) {
+  OptionalHeader header{};
+  if (!ReadAt(bytes, offset, header) || header.NumberOfRvaAndSizes <= IMAGE_DIRECTORY_ENTRY_EXPORT) return {};
+  return header.DataDirectory[IMAGE_DIRECTORY_ENTRY_EXPORT];
+}
 
+// The DOS, NT and optional headers; nullopt when they do not make a PE image.
+std::optional<ImageLayout> ReadLayout(const Bytes& bytes) {
   IMAGE_DOS_HEADER dos{};
   if (!ReadAt(bytes, 0, dos) || dos.e_magic != IMAGE_DOS_SIGNATURE) return std::nullopt;
   const std::size_t nt = static_cast<std::size_t>(dos.e_lfanew);
@@ -57,29 +68,27 @@ std::optional<std::set<std::string>> ReadExportNames(const std::wstring& file) {
   WORD magic = 0;
   if (!ReadAt(bytes, optional, magic)) return std::nullopt;
 
-  IMAGE_DATA_DIRECTORY exports{};
+  ImageLayout layout{{optional + fileHeader.SizeOfOptionalHeader, fileHeader.NumberOfSections}, {}};
   if (magic == IMAGE_NT_OPTIONAL_HDR64_MAGIC) {
-    IMAGE_OPTIONAL_HEADER64 header{};
-    if (!ReadAt(bytes, optional, header) || header.NumberOfRvaAndSizes <= IMAGE_DIRECTORY_ENTRY_EXPORT)
-      return std::set<std::string>{};
-    exports = header.DataDirectory[IMAGE_DIRECTORY_ENTRY_EXPORT];
+    layout.exports = ExportDirectoryIn<IMAGE_OPTIONAL_HEADER64>(bytes, optional);
   } else if (magic == IMAGE_NT_OPTIONAL_HDR32_MAGIC) {
-    IMAGE_OPTIONAL_HEADER32 header{};
-    if (!ReadAt(bytes, optional, header) || header.NumberOfRvaAndSizes <= IMAGE_DIRECTORY_ENTRY_EXPORT)
-      return std::set<std::string>{};
-    exports = header.DataDirectory[IMAGE_DIRECTORY_ENTRY_EXPORT];
+    layout.exports = ExportDirectoryIn<IMAGE_OPTIONAL_HEADER32>(bytes, optional);
   } else {
     return std::nullopt;
   }
-  std::set<std::string> names;
-  if (exports.VirtualAddress == 0 || exports.Size == 0) return names;
+  return layout;
+}
 
-  const Sections sections{optional + fileHeader.SizeOfOptionalHeader, fileHeader.NumberOfSections};
-  const auto directoryOffset = FileOffsetOf(bytes, sections, exports.VirtualAddress);
+// The names of the export directory at `directoryRva`; nullopt when a part
+// of it lies outside the file.
+std::optional<std::set<std::string>> ReadNames(const Bytes& bytes, const Sections& sections, DWORD directoryRva) {
+  const auto directoryOffset = FileOffsetOf(bytes, sections, directoryRva);
   IMAGE_EXPORT_DIRECTORY directory{};
   if (!directoryOffset || !ReadAt(bytes, *directoryOffset, directory)) return std::nullopt;
+  std::set<std::string> names;
+  if (directory.NumberOfNames == 0) return names;
   const auto nameTable = FileOffsetOf(bytes, sections, directory.AddressOfNames);
-  if (directory.NumberOfNames > 0 && !nameTable) return std::nullopt;
+  if (!nameTable) return std::nullopt;
   for (DWORD i = 0; i < directory.NumberOfNames; ++i) {
     DWORD nameRva = 0;
     if (!ReadAt(bytes, *nameTable + i * sizeof nameRva, nameRva)) return std::nullopt;
@@ -90,6 +99,19 @@ std::optional<std::set<std::string>> ReadExportNames(const std::wstring& file) {
     names.emplace(begin, end);
   }
   return names;
+}
+
+}  // namespace
+
+std::optional<std::set<std::string>> ReadExportNames(const std::wstring& file) {
+  std::ifstream in(std::filesystem::path(file), std::ios::binary);
+  if (!in) return std::nullopt;
+  const Bytes bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+
+  const std::optional<ImageLayout> layout = ReadLayout(bytes);
+  if (!layout) return std::nullopt;
+  if (layout->exports.VirtualAddress == 0 || layout->exports.Size == 0) return std::set<std::string>{};
+  return ReadNames(bytes, layout->sections, layout->exports.VirtualAddress);
 }
 
 }  // namespace ambrel::diagnose

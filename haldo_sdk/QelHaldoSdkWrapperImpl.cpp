@@ -7,6 +7,7 @@
 #include "haldo_sdk/SdkModule.h"
 #include "haldo_sdk/WrapperLog.h"
 #include "haldo_sdk/WrapperStatus.h"
+#include "common/ModuleHelpers.h"
 
 namespace ambrel {
 
@@ -32,15 +33,13 @@ using SdkDirectoryFunction = int (*)(const char* sessionId, const char* director
 template <typename Function>
 Function BindSdkExport(const QelHaldoSdkWrapperState& state, const char* name) {
   if (!state.module) return nullptr;
-  // GetProcAddress hands out a generic function pointer; the export's real
-  // type is the one the SDK documents.
-  return reinterpret_cast<Function>(::GetProcAddress(state.module.get(), name));
+  return GetExport<Function>(state.module.get(), name);
 }
 
 // LockDirectory and UnLockDirectory differ only in the export, whose name
 // also begins their log messages.
 int CallDirectoryExport(const std::string& directory, const std::string& exportName) {
-  QelHaldoSdkWrapperState& state = WrapperState();
+  const QelHaldoSdkWrapperState& state = WrapperState();
   if (directory.empty()) {
     LogWrapperError(exportName + ": Argument \"directoryToLock \" is empty!");
     return kWrapperArgumentMissing;

@@ -13,5 +13,4 @@ class QelHaldoSdkWrapperImpl : public QelHaldoSdkWrapperInterface {
   int UnLockDirectory(const std::string& directoryToLock) override;
   int Uninitialize() override;
   QelHaldoSdkWrapperInterface* CreateInstance() override;
-  ~QelHaldoSdkWrapperImpl() override = default;
 };

@@ -6,6 +6,11 @@
 
 class QelHaldoSdkWrapperInterface {
  public:
+  QelHaldoSdkWrapperInterface() = default;
+  QelHaldoSdkWrapperInterface(const QelHaldoSdkWrapperInterface&) = delete;
+  QelHaldoSdkWrapperInterface& operator=(const QelHaldoSdkWrapperInterface&) = delete;
+  QelHaldoSdkWrapperInterface(QelHaldoSdkWrapperInterface&&) = delete;
+  QelHaldoSdkWrapperInterface& operator=(QelHaldoSdkWrapperInterface&&) = delete;
   // Starts an SDK session for a product line, release and language.
   virtual int Initialize(const std::string& plc, const std::string& release, const std::string& language) = 0;
   // True while an SDK session is held.

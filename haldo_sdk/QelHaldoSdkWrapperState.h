@@ -16,6 +16,8 @@ struct QelHaldoSdkWrapperState {
   ~QelHaldoSdkWrapperState() { (void)module.release(); }
   QelHaldoSdkWrapperState(const QelHaldoSdkWrapperState&) = delete;
   QelHaldoSdkWrapperState& operator=(const QelHaldoSdkWrapperState&) = delete;
+  QelHaldoSdkWrapperState(QelHaldoSdkWrapperState&&) = delete;
+  QelHaldoSdkWrapperState& operator=(QelHaldoSdkWrapperState&&) = delete;
 
   UniqueModule module;       // empty while the SDK is not loaded
   std::wstring dllPath;      // found once, then kept for the life of the process

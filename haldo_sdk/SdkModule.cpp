@@ -42,7 +42,7 @@ std::string ReadWholeFile(const std::filesystem::path& path) {
 }
 
 bool IsRunningProcessId(const std::string& text) {
-  UniqueFileHandle snapshot(::CreateToolhelp32Snapshot(TH32CS_SNAPPROCESS, 0));
+  const UniqueFileHandle snapshot(::CreateToolhelp32Snapshot(TH32CS_SNAPPROCESS, 0));
   if (!snapshot) return false;
   PROCESSENTRY32W entry{};
   entry.dwSize = sizeof entry;
@@ -74,9 +74,13 @@ void LogLocationReadFailure(SdkLocationRead read) {
 }  // namespace
 
 RegistryBufferAllocator& SdkLocationBufferAllocator() {
+  // The buffer grows with realloc, which only malloc's memory allows; the
+  // RegistryBuffer that takes it frees it on every path.
+  // NOLINTBEGIN(cppcoreguidelines-no-malloc)
   static RegistryBufferAllocator allocator{[](std::size_t size) { return std::malloc(size); },
                                            [](void* memory, std::size_t size) { return std::realloc(memory, size); },
                                            [](void* memory) { std::free(memory); }};
+  // NOLINTEND(cppcoreguidelines-no-malloc)
   return allocator;
 }
 

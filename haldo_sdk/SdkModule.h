@@ -13,9 +13,9 @@
 
 namespace ambrel {
 
-inline constexpr wchar_t kHaldoKeyPath[] = L"SOFTWARE\\Tavrel\\HALDO\\";
-inline constexpr wchar_t kSdkLocationValue[] = L"HALDOSDKLocation";
-inline constexpr wchar_t kSelfUpdateLockFileName[] = L"TvHALDOInstaller.run.lock";
+inline constexpr const wchar_t* kHaldoKeyPath = L"SOFTWARE\\Tavrel\\HALDO\\";
+inline constexpr const wchar_t* kSdkLocationValue = L"HALDOSDKLocation";
+inline constexpr const wchar_t* kSelfUpdateLockFileName = L"TvHALDOInstaller.run.lock";
 
 // Where the registry buffer's memory comes from and goes back to: malloc,
 // realloc and free. The process keeps one; tests put failing or counting

@@ -15,18 +15,20 @@ namespace {
 class TrustStateCloser {
  public:
   TrustStateCloser(WinVerifyTrustFunction verify, GUID& action, WINTRUST_DATA& data) noexcept
-      : verify_(verify), action_(action), data_(data) {}
+      : verify_(verify), action_(&action), data_(&data) {}
   ~TrustStateCloser() {
-    data_.dwStateAction = WTD_STATEACTION_CLOSE;
-    verify_(nullptr, &action_, &data_);
+    data_->dwStateAction = WTD_STATEACTION_CLOSE;
+    verify_(nullptr, action_, data_);
   }
   TrustStateCloser(const TrustStateCloser&) = delete;
   TrustStateCloser& operator=(const TrustStateCloser&) = delete;
+  TrustStateCloser(TrustStateCloser&&) = delete;
+  TrustStateCloser& operator=(TrustStateCloser&&) = delete;
 
  private:
   WinVerifyTrustFunction verify_;
-  GUID& action_;
-  WINTRUST_DATA& data_;
+  GUID* action_;
+  WINTRUST_DATA* data_;
 };
 
 }  // namespace
@@ -55,7 +57,7 @@ LONG TrustStatus(const std::wstring& path, WinVerifyTrustFunction verify) {
   GUID action = WINTRUST_ACTION_GENERIC_VERIFY_V2;
   LONG status = 0;
   {
-    TrustStateCloser closer(verify, action, data);
+    const TrustStateCloser closer(verify, action, data);
     status = verify(nullptr, &action, &data);
   }
   return status;

@@ -11,7 +11,7 @@
 namespace ambrel {
 
 // The text a certificate subject must contain (any case, anywhere).
-inline constexpr wchar_t kSdkPublisher[] = L"Tavrel, Inc";
+inline constexpr const wchar_t* kSdkPublisher = L"Tavrel, Inc";
 
 // WinVerifyTrust's shape, so a test can watch the calls made through it.
 using WinVerifyTrustFunction = LONG(WINAPI*)(HWND, GUID*, LPVOID);

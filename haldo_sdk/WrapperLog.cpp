@@ -2,6 +2,7 @@
 
 #include <windows.h>
 
+#include <array>
 #include <ctime>
 #include <filesystem>
 #include <fstream>
@@ -13,7 +14,12 @@
 namespace ambrel {
 namespace {
 
-constexpr wchar_t kLogFileTail[] = L"\\Tavrel\\HALDO\\HALDO_APIWrapper.log";
+// The highest character the log's one-byte conversion can write.
+constexpr unsigned kLastOneByteCharacter = 0xFF;
+// Room for the timestamp; strftime reports 0 rather than overflow.
+constexpr size_t kTimestampBytes = 512;
+
+constexpr const wchar_t* kLogFileTail = L"\\Tavrel\\HALDO\\HALDO_APIWrapper.log";
 
 // The stream's classic conversion writes one byte per character and fails on
 // characters above U+00FF, which would drop the rest of the line and its line
@@ -21,7 +27,7 @@ constexpr wchar_t kLogFileTail[] = L"\\Tavrel\\HALDO\\HALDO_APIWrapper.log";
 std::wstring OneBytePerCharacter(std::wstring_view text) {
   std::wstring out(text);
   for (wchar_t& c : out) {
-    if (static_cast<unsigned>(c) > 0xFF) c = L'?';
+    if (static_cast<unsigned>(c) > kLastOneByteCharacter) c = L'?';
   }
   return out;
 }
@@ -40,9 +46,9 @@ void AppendToLog(const std::wstring& path, std::wstring_view first, std::wstring
 std::wstring FormatLogTimestamp(__time64_t time) {
   std::tm local{};
   if (_localtime64_s(&local, &time) != 0) return {};
-  char text[512] = {};
-  const size_t length = std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%S", &local);
-  return WidenBytes(std::string_view(text, length));
+  std::array<char, kTimestampBytes> text{};
+  const size_t length = std::strftime(text.data(), text.size(), "%Y-%m-%dT%H:%M:%S", &local);
+  return WidenBytes(std::string_view(text.data(), length));
 }
 
 void OpenWrapperLog() {
@@ -55,7 +61,7 @@ void OpenWrapperLog() {
 }
 
 void WriteWrapperLogLine(std::wstring_view message) {
-  QelHaldoSdkWrapperState& state = WrapperState();
+  const QelHaldoSdkWrapperState& state = WrapperState();
   if (state.logPath.empty()) OpenWrapperLog();
   const std::wstring timestamp = FormatLogTimestamp(_time64(nullptr));
   // Still no path: the variable cannot be expanded, so the line is lost.

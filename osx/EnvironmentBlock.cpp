@@ -22,18 +22,16 @@ EnvironmentCopy& InitialEnvironment() {
 }  // namespace
 
 size_t EnvironmentBlockLength(const wchar_t* block) noexcept {
-  size_t length = 0;
-  do {
-    const size_t entry = std::wcslen(block + length) + 1;
-    length += entry;
-  } while (block[length] != L'\0');
+  // The first string counts even when it is empty.
+  size_t length = std::wcslen(block) + 1;
+  while (block[length] != L'\0') length += std::wcslen(block + length) + 1;
   return length + 1;
 }
 
 EnvironmentCopy CopyEnvironmentBlock(const wchar_t* block) {
   EnvironmentCopy copy;
   copy.length = block != nullptr ? EnvironmentBlockLength(block) : 2;
-  copy.characters = std::make_unique<wchar_t[]>(copy.length);  // zero-filled
+  copy.characters = std::make_unique<wchar_t[]>(copy.length);  // NOLINT(*-avoid-c-arrays): owned, zero-filled
   if (block != nullptr) {
     std::memcpy(copy.characters.get(), block, copy.length * sizeof(wchar_t));
     return copy;
@@ -47,7 +45,7 @@ EnvironmentCopy CopyEnvironmentBlock(const wchar_t* block) {
 #else
   // Compiler-specific (mingw-w64): its runtime keeps the handler itself and
   // its memcpy_s does not call it.
-  if (const _invalid_parameter_handler handler = _get_invalid_parameter_handler())
+  if (auto* const handler = _get_invalid_parameter_handler())
     handler(nullptr, nullptr, nullptr, 0, 0);
 #endif
   return copy;

@@ -11,7 +11,7 @@ namespace ambrel {
 size_t EnvironmentBlockLength(const wchar_t* block) noexcept;
 
 struct EnvironmentCopy {
-  std::unique_ptr<wchar_t[]> characters;
+  std::unique_ptr<wchar_t[]> characters;  // NOLINT(*-avoid-c-arrays): the owner of a dynamic array
   size_t length = 0;
 };
 

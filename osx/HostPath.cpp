@@ -4,16 +4,21 @@
 
 #include <stdlib.h>
 
+#include <array>
+
 #include "common/Environment.h"
 #include "common/ModuleHelpers.h"
 
 namespace ambrel {
 namespace {
 
+// Room for each of the file name and extension parts of the host's path.
+constexpr size_t kNamePartChars = 256;
+
 std::wstring ComputeHostExecutablePath() {
-  const std::wstring modulePath = GetModuleFilePath(nullptr);
-  wchar_t longPath[MAX_PATH] = {};
-  if (::GetLongPathNameW(modulePath.c_str(), longPath, MAX_PATH) != 0) return longPath;
+  std::wstring modulePath = GetModuleFilePath(nullptr);
+  std::array<wchar_t, MAX_PATH> longPath{};
+  if (::GetLongPathNameW(modulePath.c_str(), longPath.data(), MAX_PATH) != 0) return longPath.data();
   return modulePath;
 }
 
@@ -30,11 +35,12 @@ const std::wstring& HostExecutableName() {
 }
 
 std::wstring ExecutableNameOf(const std::wstring& path) {
-  wchar_t fileName[256] = {};
-  wchar_t extension[256] = {};
+  std::array<wchar_t, kNamePartChars> fileName{};
+  std::array<wchar_t, kNamePartChars> extension{};
   // A part that does not fit empties both buffers.
-  ::_wsplitpath_s(path.c_str(), nullptr, 0, nullptr, 0, fileName, 256, extension, 256);
-  return std::wstring(fileName) + extension;
+  ::_wsplitpath_s(path.c_str(), nullptr, 0, nullptr, 0, fileName.data(), fileName.size(), extension.data(),
+                  extension.size());
+  return std::wstring(fileName.data()) + extension.data();
 }
 
 std::optional<std::wstring> CutFirstOccurrence(std::wstring_view pathValue, std::wstring_view text) {

@@ -1,6 +1,8 @@
 #include <windows.h>
 #include <shlobj.h>
 
+#include <array>
+
 #include "Ambrel.h"
 #include "osx/ShellLink.h"
 #include "osx/TruncatingCopy.h"
@@ -11,9 +13,9 @@
 bool OSxFolder::GetMyDocumentsDir(wchar_t* buffer, size_t size) {
   ambrel::UniqueItemList items;
   HRESULT result = ::SHGetSpecialFolderLocation(nullptr, CSIDL_PERSONAL, items.put());
-  wchar_t path[MAX_PATH] = {};
-  if (SUCCEEDED(result) && ::SHGetPathFromIDListW(items.get(), path) && size != 0) {
-    ambrel::CopyTruncating(buffer, size, path);
+  std::array<wchar_t, MAX_PATH> path{};
+  if (SUCCEEDED(result) && ::SHGetPathFromIDListW(items.get(), path.data()) && size != 0) {
+    ambrel::CopyTruncating(buffer, size, path.data());
   }
   if (items) {
     // The answer is the allocator lookup's once a list exists: a failed path

@@ -1,6 +1,7 @@
 #include <windows.h>
 #include <mapi.h>
 
+#include <array>
 #include <cstdint>
 #include <cstring>
 #include <locale>
@@ -8,10 +9,14 @@
 #include <string>
 
 #include "Ambrel.h"
+#include "common/ModuleHelpers.h"
 #include "common/TextConvert.h"
 #include "common/WinResource.h"
 
 namespace {
+
+// An attachment's position that places it outside the body text.
+constexpr ULONG kAttachmentOutsideBody = 0xFFFFFFFF;
 
 // Simple MAPI takes texts in the ANSI code page.
 std::string MapiText(const wchar_t* text) { return ambrel::WideToCodePageInDoubleLength(text, CP_ACP); }
@@ -32,7 +37,7 @@ bool OSxMisc::SendEMail(const wchar_t* recipient, const wchar_t* subject, const 
   // Loaded for this call only; released after everything handed to it.
   const ambrel::UniqueModule mapi(::LoadLibraryW(L"MAPI32.DLL"));
   if (!mapi) return false;
-  const auto sendMail = reinterpret_cast<LPMAPISENDMAIL>(::GetProcAddress(mapi.get(), "MAPISendMail"));
+  const auto sendMail = ambrel::GetExport<LPMAPISENDMAIL>(mapi.get(), "MAPISendMail");
   if (sendMail == nullptr) return false;
 
   MapiMessage message{};
@@ -70,7 +75,7 @@ bool OSxMisc::SendEMail(const wchar_t* recipient, const wchar_t* subject, const 
     attachmentPath = MapiText(attachment);
     attachmentRecord = std::make_unique<MapiFileDesc>();
     *attachmentRecord = MapiFileDesc{};
-    attachmentRecord->nPosition = 0xFFFFFFFF;  // not placed inside the body text
+    attachmentRecord->nPosition = kAttachmentOutsideBody;
     attachmentRecord->lpszPathName = attachmentPath.data();
     attachmentRecord->lpszFileName = attachmentPath.data();
     message.nFileCount = 1;
@@ -96,9 +101,9 @@ void OSxMisc::Uint16ToWchar(wchar_t* destination, const unsigned short* source, 
   unsigned char* to = reinterpret_cast<unsigned char*>(destination);
   const unsigned char* from = reinterpret_cast<const unsigned char*>(source);
   for (size_t i = 0; i < count; ++i) {
-    unsigned char unit[sizeof(unsigned short)];
-    std::memcpy(unit, from + i * sizeof unit, sizeof unit);
-    std::memcpy(to + i * sizeof unit, unit, sizeof unit);
+    std::array<unsigned char, sizeof(unsigned short)> unit{};
+    std::memcpy(unit.data(), from + i * unit.size(), unit.size());
+    std::memcpy(to + i * unit.size(), unit.data(), unit.size());
   }
 }
 
@@ -110,11 +115,13 @@ void OSxMisc::Uint16ToWchar(wchar_t* destination, const unsigned short* source, 
 #pragma comment(linker, "/EXPORT:?WcharToUint16@OSxMisc@@SAXPEAGPEB_W_K@Z=?Uint16ToWchar@OSxMisc@@SAXPEA_WPEBG_K@Z")
 #pragma comment(linker, "/ALTERNATENAME:?WcharToUint16@OSxMisc@@SAXPEAGPEB_W_K@Z=?Uint16ToWchar@OSxMisc@@SAXPEA_WPEBG_K@Z")
 #else
-// Compiler-specific (clang/GNU toolchain for mingw): define the second name as
-// an assembler alias of the first, and export it through the object's linker
-// directives as GNU ld reads them.
+// Compiler-specific (clang and GCC for mingw): define the second name as an
+// assembler alias of the first, and export it through the object's linker
+// directives, which GNU ld and lld both read (GCC ignores #pragma comment).
 __asm__(
     ".globl _ZN7OSxMisc13WcharToUint16EPtPKwy\n"
-    ".set _ZN7OSxMisc13WcharToUint16EPtPKwy, _ZN7OSxMisc13Uint16ToWcharEPwPKty\n");
-#pragma comment(linker, "-export:_ZN7OSxMisc13WcharToUint16EPtPKwy")
+    ".set _ZN7OSxMisc13WcharToUint16EPtPKwy, _ZN7OSxMisc13Uint16ToWcharEPwPKty\n"
+    ".section .drectve\n"
+    ".ascii \" -export:_ZN7OSxMisc13WcharToUint16EPtPKwy\"\n"
+    ".text\n");
 #endif

@@ -1,7 +1,7 @@
 #include <windows.h>
 
-#include <memory>
 #include <string>
+#include <vector>
 
 #include "Ambrel.h"
 #include "common/PathList.h"
@@ -11,7 +11,7 @@
 
 namespace {
 
-constexpr wchar_t kAppPathsKey[] = L"SOFTWARE\\Microsoft\\Windows\\CurrentVersion\\App Paths\\";
+constexpr const wchar_t* kAppPathsKey = L"SOFTWARE\\Microsoft\\Windows\\CurrentVersion\\App Paths\\";
 
 // Reads the text of "Path" as the host's App Paths entry stores it: REG_SZ or
 // REG_EXPAND_SZ (unexpanded), empty or NUL-terminated with an even byte length.
@@ -22,10 +22,10 @@ bool ReadAppPathText(HKEY key, std::wstring& text) {
   if (status != ERROR_SUCCESS || size == 0) return false;
 
   const size_t characters = size / 2 + 1;
-  auto data = std::make_unique<wchar_t[]>(characters + 1);
+  std::vector<wchar_t> data(characters + 1);
   DWORD type = 0;
   DWORD bytes = static_cast<DWORD>(characters * sizeof(wchar_t));
-  if (::RegQueryValueExW(key, L"Path", nullptr, &type, reinterpret_cast<BYTE*>(data.get()), &bytes) != ERROR_SUCCESS)
+  if (::RegQueryValueExW(key, L"Path", nullptr, &type, reinterpret_cast<BYTE*>(data.data()), &bytes) != ERROR_SUCCESS)
     return false;
   if (type != REG_SZ && type != REG_EXPAND_SZ) return false;
   if (bytes == 0) {
@@ -33,7 +33,7 @@ bool ReadAppPathText(HKEY key, std::wstring& text) {
     return true;
   }
   if (bytes % 2 != 0 || data[bytes / 2 - 1] != L'\0') return false;
-  text = data.get();
+  text = data.data();
   return true;
 }
 

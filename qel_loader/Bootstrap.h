@@ -14,7 +14,7 @@ namespace ambrel {
 
 // The environment marker that makes later sessions, here and in child
 // processes, skip the installer service.
-inline constexpr wchar_t kBypassMarker[] = L"QEL_INITIALIZE_BYPASSED";
+inline constexpr const wchar_t* kBypassMarker = L"QEL_INITIALIZE_BYPASSED";
 
 // True for a KLXLITE installation without doing anything; else InitializeQel().
 bool InitializeQelForEdition();

@@ -16,7 +16,7 @@ namespace {
 // never PATH or the current directory.
 constexpr DWORD kHookLoadFlags =
     LOAD_LIBRARY_SEARCH_DLL_LOAD_DIR | LOAD_LIBRARY_SEARCH_USER_DIRS | LOAD_LIBRARY_SEARCH_SYSTEM32;
-static_assert(kHookLoadFlags == 0xD00);
+static_assert(kHookLoadFlags == 0xD00);  // NOLINT(*-magic-numbers): the value hosts document
 
 HMODULE LoadFrom(const std::wstring& directory, const char* dllName) {
   const std::filesystem::path file = std::filesystem::path(directory) / FileNameToWide(dllName);

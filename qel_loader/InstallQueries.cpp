@@ -2,6 +2,7 @@
 
 #include <windows.h>
 
+#include <array>
 #include <filesystem>
 
 #include "Ambrel.h"
@@ -12,6 +13,9 @@
 
 namespace ambrel {
 namespace {
+
+// Room for the edition name read from Kalvex.ini.
+constexpr DWORD kEditionChars = 256;
 
 std::wstring JoinPath(const std::wstring& directory, const std::wstring& name) {
   return (std::filesystem::path(directory) / std::filesystem::path(name)).wstring();
@@ -44,10 +48,10 @@ bool IsLiteEdition() { return IsLiteEditionIn(GetThisModuleDirectory()); }
 bool IsLiteEditionIn(const std::wstring& directory) {
   const std::wstring iniFile = JoinPath(directory, L"Kalvex.ini");
   if (!PathExists(iniFile)) return false;
-  wchar_t edition[256] = {};
-  ::GetPrivateProfileStringW(L"Tavrel Kalvex Installation Options", L"ProductEdition", L"", edition, 256,
-                             iniFile.c_str());
-  return std::wstring(edition) == L"KLXLITE";
+  std::array<wchar_t, kEditionChars> edition{};
+  ::GetPrivateProfileStringW(L"Tavrel Kalvex Installation Options", L"ProductEdition", L"", edition.data(),
+                             kEditionChars, iniFile.c_str());
+  return std::wstring(edition.data()) == L"KLXLITE";
 }
 
 }  // namespace ambrel

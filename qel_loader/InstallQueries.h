@@ -7,7 +7,8 @@
 namespace ambrel {
 
 // The one shared-components release the library knows.
-inline const std::wstring QelRelease = L"2026";
+// Four characters fit the string's own buffer: its construction allocates nothing.
+inline const std::wstring QelRelease = L"2026";  // NOLINT(cert-err58-cpp)
 
 // The directory a successful bootstrap recorded; empty until then, never cleared.
 std::wstring& SharedDllPath();

@@ -123,7 +123,7 @@ QelStatus QelSession::Uninitialize() {
   return Success;
 }
 
-QelStatus QelSession::GetPathOverride(std::wstring keyRelease) {
+QelStatus QelSession::GetPathOverride(const std::wstring& keyRelease) {
   // customRegistryKey does not apply to the override switch.
   const std::wstring keyPath = ambrel::SharedComponentsKeyPath(keyRelease);
   ambrel::UniqueRegKey key;
@@ -149,7 +149,7 @@ QelStatus QelSession::GetPathOverride(std::wstring keyRelease) {
   return PathNotFound;
 }
 
-QelStatus QelSession::ReadInstallLocation(std::wstring keyRelease) {
+QelStatus QelSession::ReadInstallLocation(const std::wstring& keyRelease) {
   const std::wstring keyPath =
       customRegistryKey.empty() ? ambrel::SharedComponentsKeyPath(keyRelease) : customRegistryKey;
   ambrel::UniqueRegKey key;

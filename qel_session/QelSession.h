@@ -29,6 +29,8 @@ class QelSession {
 
   QelSession(const QelSession&) = delete;
   QelSession& operator=(const QelSession&) = delete;
+  QelSession(QelSession&&) = delete;
+  QelSession& operator=(QelSession&&) = delete;
 
   // Starts an SDK session for "QEL", `release` and "neutral".
   // InitializeBypassed when QEL_INITIALIZE_BYPASSED is present (nothing else
@@ -52,12 +54,12 @@ class QelSession {
   // variable is QEL_PATH_ + the session's own release. Success when the switch
   // is 1 and the variable is set; PathNotFound when it is 1 and the variable
   // is not set; NoPathOverride otherwise.
-  QelStatus GetPathOverride(std::wstring keyRelease);
+  QelStatus GetPathOverride(const std::wstring& keyRelease);
   // InstallPath + "\" + Version from the key of `keyRelease` (or
   // customRegistryKey), both checked to exist (InstallPath alone while the
   // override supplied the location): Success, RegistryReadFailed,
   // PathNotFound or VersionEmpty.
-  QelStatus ReadInstallLocation(std::wstring keyRelease);
+  QelStatus ReadInstallLocation(const std::wstring& keyRelease);
 
  private:
   friend struct QelSessionInspector;  // tests look at the fields

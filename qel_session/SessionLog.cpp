@@ -10,7 +10,7 @@ namespace ambrel {
 QelSessionLogSink SessionLogSink = nullptr;
 
 void LogSessionMessage(std::wstring level, std::wstring message) {
-  if (SessionLogSink != nullptr) SessionLogSink(level, message);
+  if (SessionLogSink != nullptr) SessionLogSink(std::move(level), std::move(message));
 }
 
 std::ostringstream NewSessionMessage() {
