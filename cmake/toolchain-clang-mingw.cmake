@@ -1,24 +1,12 @@
 # Cross build for 64-bit Windows from Debian: clang-16 front end, mingw-w64
 # runtime, GCC 12's libstdc++ (posix threads flavour) and GNU ld; Ambrel.dll
 # itself is linked by lld-16, which writes its PDB (cmake/AmbrelDebugInfo.cmake).
-set(CMAKE_SYSTEM_NAME Windows)
-set(CMAKE_SYSTEM_PROCESSOR AMD64)
-
-set(AMBREL_MINGW_TRIPLE x86_64-w64-mingw32)
-set(AMBREL_MINGW_GCC_DIR /usr/lib/gcc/${AMBREL_MINGW_TRIPLE}/12-posix)
+include(${CMAKE_CURRENT_LIST_DIR}/toolchain-mingw-common.cmake)
 
 set(CMAKE_C_COMPILER clang-16)
 set(CMAKE_CXX_COMPILER clang++-16)
 set(CMAKE_C_COMPILER_TARGET ${AMBREL_MINGW_TRIPLE})
 set(CMAKE_CXX_COMPILER_TARGET ${AMBREL_MINGW_TRIPLE})
-set(CMAKE_RC_COMPILER ${AMBREL_MINGW_TRIPLE}-windres)
-set(CMAKE_AR /usr/bin/${AMBREL_MINGW_TRIPLE}-ar)
-set(CMAKE_RANLIB /usr/bin/${AMBREL_MINGW_TRIPLE}-ranlib)
-set(CMAKE_DLLTOOL /usr/bin/${AMBREL_MINGW_TRIPLE}-dlltool)
-# GNU binutils for the PE files GNU ld writes: llvm-strip, which CMake would
-# pick otherwise, drops .text from them.
-set(CMAKE_STRIP /usr/bin/${AMBREL_MINGW_TRIPLE}-strip)
-set(CMAKE_OBJCOPY /usr/bin/${AMBREL_MINGW_TRIPLE}-objcopy)
 
 # The linker and strip tool of modules that carry a PDB: lld-16 (Debian's
 # default lld-14 rejects clang-16's objects) and llvm-strip-16.
@@ -37,16 +25,7 @@ set(CMAKE_CXX_FLAGS_INIT
 set(CMAKE_C_FLAGS_INIT "-fms-extensions -Wno-unused-command-line-argument")
 # GNU ld by default: lld mislays the delay IAT of dlltool's delay import
 # libraries, which the test hosts and the sample host use.
-# -static keeps the imports to system DLLs; -pthread satisfies libstdc++'s pthread use.
-set(_ambrel_link "-fuse-ld=bfd --ld-path=/usr/bin/${AMBREL_MINGW_TRIPLE}-ld -L${AMBREL_MINGW_GCC_DIR} -static -pthread")
+set(_ambrel_link "-fuse-ld=bfd --ld-path=/usr/bin/${AMBREL_MINGW_TRIPLE}-ld -L${AMBREL_MINGW_GCC_DIR} ${AMBREL_MINGW_STATIC_LINK}")
 set(CMAKE_EXE_LINKER_FLAGS_INIT "${_ambrel_link}")
 set(CMAKE_SHARED_LINKER_FLAGS_INIT "${_ambrel_link}")
 set(CMAKE_MODULE_LINKER_FLAGS_INIT "${_ambrel_link}")
-
-set(CMAKE_FIND_ROOT_PATH /usr/${AMBREL_MINGW_TRIPLE})
-set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
-set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
-set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
-
-# Every target program runs under Wine, in the build tree's own prefix.
-set(CMAKE_CROSSCOMPILING_EMULATOR ${CMAKE_CURRENT_LIST_DIR}/wine-run.sh)

@@ -34,5 +34,25 @@ TEST(WindowsError, OneCategoryForEveryCode) {
 
 TEST(WindowsError, ZeroIsNoError) { EXPECT_FALSE(MakeWindowsError(0)); }
 
+// Portable conditions come from the system category, as for any system code.
+TEST(WindowsError, DefaultConditionIsTheSystemCategorys) {
+  for (const DWORD code : {DWORD{ERROR_FILE_NOT_FOUND}, DWORD{ERROR_ACCESS_DENIED}, DWORD{ERROR_SHARING_VIOLATION}}) {
+    EXPECT_EQ(MakeWindowsError(code).default_error_condition(),
+              std::system_category().default_error_condition(static_cast<int>(code)))
+        << code;
+  }
+}
+
+// A condition of the category matches codes of the same value from it and
+// from the system category, and nothing else.
+TEST(WindowsError, ConditionMatchesTheSameValueOfEitherSystemCategory) {
+  const std::error_condition denied(ERROR_ACCESS_DENIED, WindowsErrorCategory());
+  EXPECT_TRUE(denied == MakeWindowsError(ERROR_ACCESS_DENIED));
+  EXPECT_TRUE(denied == std::error_code(ERROR_ACCESS_DENIED, std::system_category()));
+  EXPECT_FALSE(denied == MakeWindowsError(ERROR_FILE_NOT_FOUND));
+  EXPECT_FALSE(denied == std::error_code(ERROR_FILE_NOT_FOUND, std::system_category()));
+  EXPECT_FALSE(denied == std::error_code(ERROR_ACCESS_DENIED, std::generic_category()));
+}
+
 }  // namespace
 }  // namespace ambrel

@@ -56,6 +56,7 @@ std::wstring LoadError(DWORD code) { return L"error " + std::to_wstring(code); }
 // raised in functions called from the __try block. Nothing here needs
 // unwinding, as MSVC requires next to __try.
 using DelayImportFn = void (*)(wchar_t*, unsigned);
+#if defined(__clang__) || defined(_MSC_VER)
 __declspec(noinline) DWORD TryDelayImport(DelayImportFn fn, wchar_t* buffer, unsigned size) {
   DWORD code = 0;
   __try {  // Compiler-specific: structured exception handling (-fms-extensions on clang).
@@ -66,6 +67,37 @@ __declspec(noinline) DWORD TryDelayImport(DelayImportFn fn, wchar_t* buffer, uns
   }
   return 0;
 }
+#else
+// Compiler-specific (GCC): no structured-exception guards. A vectored handler
+// takes the failure while a call is guarded and resumes this thread at the
+// context captured before the call, as the guard's handler would; the frames
+// of the failed call are abandoned (the delay-load helper holds no resources).
+CONTEXT g_resumeContext;
+volatile DWORD g_failureCode = 0;
+volatile bool g_guarded = false;
+
+LONG CALLBACK ResumeAfterDelayLoadFailure(EXCEPTION_POINTERS* info) {
+  if (!g_guarded || info->ExceptionRecord->ExceptionCode != kDelayLoadModuleNotFound) return EXCEPTION_CONTINUE_SEARCH;
+  g_guarded = false;
+  g_failureCode = info->ExceptionRecord->ExceptionCode;
+  *info->ContextRecord = g_resumeContext;
+  return EXCEPTION_CONTINUE_EXECUTION;
+}
+
+__declspec(noinline) DWORD TryDelayImport(DelayImportFn fn, wchar_t* buffer, unsigned size) {
+  g_failureCode = 0;
+  void* const handler = ::AddVectoredExceptionHandler(1, ResumeAfterDelayLoadFailure);
+  // Execution comes back here a second time, with g_failureCode set, when the call fails.
+  ::RtlCaptureContext(&g_resumeContext);
+  if (g_failureCode == 0) {
+    g_guarded = true;
+    fn(buffer, size);
+    g_guarded = false;
+  }
+  ::RemoveVectoredExceptionHandler(handler);
+  return g_failureCode;
+}
+#endif
 
 std::wstring CallDelayImport(DelayImportFn fn) {
   wchar_t buffer[MAX_PATH] = {};

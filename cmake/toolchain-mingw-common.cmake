@@ -1,0 +1,31 @@
+# What the two cross toolchains for 64-bit Windows from Debian set alike
+# (included by toolchain-clang-mingw.cmake and toolchain-gcc-mingw.cmake): the
+# target, the mingw-w64 binutils, where target libraries are found, and Wine
+# to run the programs. Each toolchain adds its compilers and link flags.
+set(CMAKE_SYSTEM_NAME Windows)
+set(CMAKE_SYSTEM_PROCESSOR AMD64)
+
+set(AMBREL_MINGW_TRIPLE x86_64-w64-mingw32)
+set(AMBREL_MINGW_GCC_DIR /usr/lib/gcc/${AMBREL_MINGW_TRIPLE}/12-posix)
+
+set(CMAKE_RC_COMPILER ${AMBREL_MINGW_TRIPLE}-windres)
+set(CMAKE_AR /usr/bin/${AMBREL_MINGW_TRIPLE}-ar)
+set(CMAKE_RANLIB /usr/bin/${AMBREL_MINGW_TRIPLE}-ranlib)
+set(CMAKE_DLLTOOL /usr/bin/${AMBREL_MINGW_TRIPLE}-dlltool)
+# GNU binutils for the PE files GNU ld writes: llvm-strip, which CMake would
+# pick otherwise, drops .text from them.
+set(CMAKE_STRIP /usr/bin/${AMBREL_MINGW_TRIPLE}-strip)
+set(CMAKE_OBJCOPY /usr/bin/${AMBREL_MINGW_TRIPLE}-objcopy)
+
+# -static keeps the imports to system DLLs; -pthread satisfies the static
+# libstdc++'s and libgcc_eh's pthread use. Each toolchain puts its linker
+# choice in front.
+set(AMBREL_MINGW_STATIC_LINK "-static -pthread")
+
+set(CMAKE_FIND_ROOT_PATH /usr/${AMBREL_MINGW_TRIPLE})
+set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
+set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
+set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
+
+# Every target program runs under Wine, in the build tree's own prefix.
+set(CMAKE_CROSSCOMPILING_EMULATOR ${CMAKE_CURRENT_LIST_DIR}/wine-run.sh)
