@@ -2,6 +2,7 @@
 // utilities, and the steps of a full run over a session object.
 #pragma once
 
+#include <filesystem>
 #include <string>
 
 #include "common/Environment.h"
@@ -35,17 +36,37 @@ bool PrepareProcess(Session& session) {
   return true;
 }
 
+// Runs `step` inside a started session. Any exception but a filesystem_error
+// ends the session before it goes on to the caller, so running out of memory
+// midway does not leave the installer's lock held. The folder test's
+// filesystem_error keeps the bootstrap's contract: the session is destroyed
+// without Uninitialize.
+template <typename Session, typename Step>
+auto RunInsideSession(Session& session, Step step) -> decltype(step()) {
+  try {
+    return step();
+  } catch (const std::filesystem::filesystem_error&) {
+    throw;
+  } catch (...) {
+    // The exception in flight is the one the caller needs; one raised while
+    // ending the session (say a second bad_alloc) is dropped.
+    try {
+      session.Uninitialize();
+    } catch (...) {
+    }
+    throw;
+  }
+}
+
 // A full run over a fresh session: start it, prepare the process, end it.
 // Bypassed counts as success. A session that did not start is not
-// uninitialised. Nor is one left by the folder test's filesystem_error: the
-// bootstrap's contract destroys the session then without Uninitialize (the
-// installer keeps its lock), and the host sees the exception. Generic so tests can script a session.
+// uninitialised. Generic so tests can script a session.
 template <typename Session>
 bool RunBootstrapSession(Session& session) {
   const QelStatus started = session.Initialize(QelRelease);
   if (started == QelStatus::InitializeBypassed) return true;
   if (started != QelStatus::Success) return false;
-  const bool prepared = PrepareProcess(session);
+  const bool prepared = RunInsideSession(session, [&] { return PrepareProcess(session); });
   session.Uninitialize();
   return prepared;
 }

@@ -2,6 +2,7 @@
 
 #include "Ambrel.h"
 #include "common/FileSystemStatus.h"
+#include "qel_loader/Bootstrap.h"
 #include "qel_loader/InstallQueries.h"
 #include "qel_session/QelSession.h"
 
@@ -12,7 +13,7 @@ std::wstring FindSharedDllPath() {
   QelSession session;
   if (session.Initialize(QelRelease) != QelStatus::Success) return {};
   std::wstring directory;
-  const QelStatus located = session.LockInstallLocation(directory);
+  const QelStatus located = RunInsideSession(session, [&] { return session.LockInstallLocation(directory); });
   // Nothing here uses the folder while the session runs, so the lock goes at once.
   session.Uninitialize();
   if (located != QelStatus::Success || directory.empty() || !IsExistingDirectory(directory)) return {};

@@ -11,6 +11,7 @@
 #include "qel_loader/InstallQueries.h"
 #include "common/TextConvert.h"
 #include "tests/qel_loader/HostLayout.h"
+#include "tests/qel_session/SessionTestSupport.h"
 
 namespace ambrel {
 namespace {
@@ -197,6 +198,20 @@ TEST_F(InitializeQelTest, UnexpectedFileSystemErrorPropagatesWithoutEndingTheSes
   EXPECT_EQ(sandbox.SdkCalls(), (Calls{"Initialize", "LockDirectory"}));
 }
 
+TEST_F(InitializeQelTest, AnotherExceptionInsideTheSessionEndsItBeforeItPropagates) {
+  // The installer cannot lock, and the host's sink throws on that warning:
+  // the exception comes out of InitializeQel, but the lock request is undone
+  // and the SDK session ended first.
+  sandbox.sdk().SetResult("LockDirectory", 5);
+  test::ThrowingSink sink(L"Failed to lock");
+  EXPECT_THROW((void)InitializeQel(), test::SinkFault);
+  EXPECT_EQ(sink.throws(), 1);
+  EXPECT_EQ(sandbox.SdkCalls(), kWholeSession);
+  EXPECT_EQ(Env(L"PATH"), kOldPath);
+  EXPECT_TRUE(SharedDllPath().empty());
+  EXPECT_EQ(Env(kMarker), std::nullopt);
+}
+
 TEST_F(InitializeQelTest, DevelopmentBuildOnlySetsTheMarker) {
   LibraryCopy development(L"R:\\");
   auto initialize = development.As<bool (*)()>("InitializeQel");
@@ -273,6 +288,8 @@ struct ScriptedSession {
   QelStatus initializeStatus = QelStatus::Success;
   QelStatus lockStatus = QelStatus::Success;
   std::wstring location;
+  bool lockThrows = false;   // LockInstallLocation runs out of memory
+  bool endThrows = false;    // so does Uninitialize
   std::vector<std::string> calls;
 
   QelStatus Initialize(const std::wstring& release) {
@@ -281,11 +298,13 @@ struct ScriptedSession {
   }
   QelStatus LockInstallLocation(std::wstring& out) {
     calls.push_back("LockInstallLocation");
+    if (lockThrows) throw std::bad_alloc();
     out = location;
     return lockStatus;
   }
   QelStatus Uninitialize() {
     calls.push_back("Uninitialize");
+    if (endThrows) throw std::length_error("ending");
     return QelStatus::Success;
   }
 };
@@ -323,6 +342,24 @@ TEST_F(InitializeQelTest, FailedOrEmptyLocationFailsAndUninitializes) {
   EXPECT_EQ(Env(L"PATH"), kOldPath);
   EXPECT_TRUE(SharedDllPath().empty());
   EXPECT_EQ(Env(kMarker), std::nullopt);
+}
+
+TEST_F(InitializeQelTest, OutOfMemoryInsideTheSessionEndsItAndPropagates) {
+  ScriptedSession session;
+  session.location = sandbox.sharedDir();
+  session.lockThrows = true;
+  EXPECT_THROW((void)RunBootstrapSession(session), std::bad_alloc);
+  EXPECT_EQ(session.calls, (Calls{"Initialize 2026", "LockInstallLocation", "Uninitialize"}));
+  EXPECT_EQ(Env(L"PATH"), kOldPath);
+  EXPECT_TRUE(SharedDllPath().empty());
+}
+
+TEST_F(InitializeQelTest, AFailingEndKeepsTheFirstException) {
+  ScriptedSession session;
+  session.lockThrows = true;
+  session.endThrows = true;
+  EXPECT_THROW((void)RunBootstrapSession(session), std::bad_alloc);
+  EXPECT_EQ(session.calls, (Calls{"Initialize 2026", "LockInstallLocation", "Uninitialize"}));
 }
 
 }  // namespace

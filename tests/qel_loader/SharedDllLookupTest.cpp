@@ -7,6 +7,7 @@
 #include "Ambrel.h"
 #include "qel_loader/InstallQueries.h"
 #include "tests/qel_loader/HostLayout.h"
+#include "tests/qel_session/SessionTestSupport.h"
 
 namespace ambrel {
 namespace {
@@ -67,6 +68,15 @@ TEST_F(SharedDllLookupTest, FindWithAFailedLockStillGivesTheDirectory) {
   sandbox.sdk().SetResult("LockDirectory", 5);
   EXPECT_EQ(FindSharedDllPath(), sandbox.sharedDir());
   EXPECT_EQ(sandbox.SdkCalls(), kWholeSession);
+}
+
+TEST_F(SharedDllLookupTest, FindEndsTheSessionWhenAnExceptionLeavesTheLock) {
+  sandbox.sdk().SetResult("LockDirectory", 5);
+  test::ThrowingSink sink(L"Failed to lock");
+  EXPECT_THROW((void)FindSharedDllPath(), test::SinkFault);
+  EXPECT_EQ(sink.throws(), 1);
+  EXPECT_EQ(sandbox.SdkCalls(), kWholeSession);
+  ExpectProcessUntouched();
 }
 
 TEST_F(SharedDllLookupTest, FindWithALocationThatIsNotAnExistingDirectoryGivesNothing) {

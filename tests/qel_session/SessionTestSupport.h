@@ -10,6 +10,7 @@
 #include <cstdint>
 #include <memory>
 #include <optional>
+#include <stdexcept>
 #include <string>
 #include <utility>
 #include <vector>
@@ -66,6 +67,47 @@ class SinkCapture {
   }
   static void Record(std::wstring level, std::wstring message) {
     Recorded().emplace_back(std::move(level), std::move(message));
+  }
+  QelSessionLogSink previous_ = nullptr;
+};
+
+// What ThrowingSink throws: an exception no library code raises itself.
+struct SinkFault : std::runtime_error {
+  using std::runtime_error::runtime_error;
+};
+
+// Installs a sink that throws SinkFault when a message starts with `prefix`,
+// and counts every message it is handed; restores the previous sink at the
+// end of the scope. Installed sinks' exceptions leave the session unchanged,
+// so this puts an exception in the middle of a session.
+class ThrowingSink {
+ public:
+  explicit ThrowingSink(std::wstring prefix) {
+    Prefix() = std::move(prefix);
+    Throws() = 0;
+    previous_ = SetQelSessionLogSink(&Deliver);
+  }
+  ~ThrowingSink() { SetQelSessionLogSink(previous_); }
+  ThrowingSink(const ThrowingSink&) = delete;
+  ThrowingSink& operator=(const ThrowingSink&) = delete;
+
+  // How many times it has thrown.
+  int throws() const { return Throws(); }
+
+ private:
+  static std::wstring& Prefix() {
+    static std::wstring prefix;
+    return prefix;
+  }
+  static int& Throws() {
+    static int count = 0;
+    return count;
+  }
+  static void Deliver(std::wstring /*level*/, std::wstring message) {
+    if (message.rfind(Prefix(), 0) == 0) {
+      ++Throws();
+      throw SinkFault("the test's sink refused a message");
+    }
   }
   QelSessionLogSink previous_ = nullptr;
 };
