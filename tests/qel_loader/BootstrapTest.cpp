@@ -212,6 +212,24 @@ TEST_F(InitializeQelTest, AnotherExceptionInsideTheSessionEndsItBeforeItPropagat
   EXPECT_EQ(Env(kMarker), std::nullopt);
 }
 
+TEST_F(InitializeQelTest, AnExceptionWhileEndingTheSessionGivesWayToTheFirst) {
+  // The sink throws on the lock warning, then again on the unlock warning
+  // while the session is being ended: the first exception is the one the
+  // caller sees, and the session's end stops where the second one came.
+  sandbox.sdk().SetResult("LockDirectory", 5);
+  sandbox.sdk().SetResult("UnLockDirectory", 5);
+  test::ThrowingSink sink(L"Failed to");
+  try {
+    (void)InitializeQel();
+    ADD_FAILURE() << "no exception";
+  } catch (const test::SinkFault& fault) {
+    EXPECT_EQ(std::string(fault.what()).rfind("Failed to lock", 0), 0u) << fault.what();
+  }
+  EXPECT_EQ(sink.throws(), 2);
+  EXPECT_EQ(sandbox.SdkCalls(), (Calls{"Initialize", "LockDirectory", "UnLockDirectory"}));
+  EXPECT_TRUE(SharedDllPath().empty());
+}
+
 TEST_F(InitializeQelTest, DevelopmentBuildOnlySetsTheMarker) {
   LibraryCopy development(L"R:\\");
   auto initialize = development.As<bool (*)()>("InitializeQel");

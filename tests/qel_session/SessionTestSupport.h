@@ -17,6 +17,7 @@
 
 #include "Ambrel.h"
 #include "haldo_sdk/QelHaldoSdkWrapperInterface.h"
+#include "common/TextConvert.h"
 #include "qel_session/QelSession.h"
 #include "tests/support/SdkSandbox.h"
 #include "tests/support/TestSupport.h"
@@ -76,7 +77,8 @@ struct SinkFault : std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
-// Installs a sink that throws SinkFault when a message starts with `prefix`,
+// Installs a sink that throws SinkFault (whose text is the message) when a
+// message starts with `prefix`,
 // and counts every message it is handed; restores the previous sink at the
 // end of the scope. Installed sinks' exceptions leave the session unchanged,
 // so this puts an exception in the middle of a session.
@@ -106,7 +108,7 @@ class ThrowingSink {
   static void Deliver(std::wstring /*level*/, std::wstring message) {
     if (message.rfind(Prefix(), 0) == 0) {
       ++Throws();
-      throw SinkFault("the test's sink refused a message");
+      throw SinkFault(WideToUtf8(message));
     }
   }
   QelSessionLogSink previous_ = nullptr;
