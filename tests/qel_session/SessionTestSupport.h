@@ -77,11 +77,10 @@ struct SinkFault : std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
-// Installs a sink that throws SinkFault (whose text is the message) when a
-// message starts with `prefix`,
-// and counts every message it is handed; restores the previous sink at the
-// end of the scope. Installed sinks' exceptions leave the session unchanged,
-// so this puts an exception in the middle of a session.
+// Installs a sink that throws SinkFault, carrying the message's text, for
+// every message that starts with `prefix`, and counts how often it threw;
+// restores the previous sink at the end of the scope. The session lets a
+// sink's exception through, so this puts an exception in the middle of one.
 class ThrowingSink {
  public:
   explicit ThrowingSink(std::wstring prefix) {
