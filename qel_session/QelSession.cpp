@@ -76,7 +76,7 @@ QelStatus QelSession::Initialize(std::wstring requestedRelease) {
 QelStatus QelSession::LockInstallLocation(std::wstring& location) {
   if (release.empty()) return NotInitialized;
 
-  // The override's own refusal (100 or 12) is not reported: the registry decides then.
+  // The override's own refusal (NoPathOverride or PathNotFound) is not reported: the registry decides then.
   QelStatus result = GetPathOverride(release);
   if (result != Success) result = ReadInstallLocation(release);
 
