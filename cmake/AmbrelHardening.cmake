@@ -1,0 +1,27 @@
+# The exploit mitigations every shipped image (Ambrel.dll, ambrel-diagnose.exe)
+# carries; tests/package/CheckImages.cmake reads them back from the images.
+#
+# Both linkers of the mingw build set DYNAMIC_BASE, HIGH_ENTROPY_VA and
+# NX_COMPAT on their own; what they do not do is added here. Control-flow guard
+# needs runtime support (__guard_dispatch_icall_fptr, the load-config guard
+# fields) that mingw-w64 10 lacks, so only the MSVC build has it.
+if(MSVC)
+  # /GS is on by default; /sdl adds its stricter checks and warnings as errors.
+  add_compile_options(/sdl /guard:cf)
+  add_link_options(/guard:cf /CETCOMPAT /DYNAMICBASE /HIGHENTROPYVA /NXCOMPAT)
+elseif(AMBREL_STACK_PROTECTOR)
+  # Every object, so the canaries are in the library's floors, in
+  # ambrel-diagnose and in the programs that test them alike.
+  add_compile_options(${AMBREL_STACK_PROTECTOR})
+  link_libraries(${AMBREL_STACK_PROTECTOR_LIBRARIES})
+endif()
+
+# ambrel_harden_image(<target>)
+# What the target's linker can add beyond the defaults: CET shadow-stack
+# compatibility, which lld records in the image (GNU ld 2.40 cannot). Call it
+# after ambrel_add_pdb, which picks lld for the target.
+function(ambrel_harden_image target)
+  if(NOT MSVC AND AMBREL_LLD AND AMBREL_LLVM_STRIP)
+    target_link_options(${target} PRIVATE "-Wl,--Xlink=-cetcompat")
+  endif()
+endfunction()
