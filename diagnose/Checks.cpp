@@ -18,6 +18,7 @@
 #include "common/RegistryText.h"
 #include "common/TextConvert.h"
 #include "common/WinResource.h"
+#include "diagnose/LibrarySignature.h"
 #include "diagnose/SdkExports.h"
 #include "haldo_sdk/SdkModule.h"
 #include "haldo_sdk/SignatureCheck.h"
@@ -519,6 +520,7 @@ Diagnosis Diagnose(const std::wstring& library) {
   Diagnosis diagnosis;
   std::vector<Check>& report = diagnosis.checks;
   const bool development = CheckLibrary(report, library);
+  report.push_back(CheckLibrarySignature(library));
   CheckEdition(report, library);
   const bool marked = CheckMarker(report);
   SdkFindings sdk;

@@ -41,13 +41,15 @@ std::string Pid() { return std::to_string(::GetCurrentProcessId()); }
 const std::vector<Row>& Rows() {
   static const std::vector<Row> rows = {
       {"Healthy", [](SdkSandbox&) {}, 0,
-       {"ok    marker", "ok    sdk.selfUpdateLock", "ok    sdk.location", "ok    sdk.file", "ok    sdk.signature",
+       {"info  library.signature        not signed (WinVerifyTrust 0x800B0100)", "ok    marker", "ok    sdk.selfUpdateLock", "ok    sdk.location", "ok    sdk.file", "ok    sdk.signature",
         "ok    sdk.publisher", "ok    sdk.export.Initialize", "ok    sdk.export.ReleaseMemory",
         "ok    sdk.export.Uninitialize", "ok    sdk.export.LockDirectory", "ok    sdk.export.UnLockDirectory",
         "ok    registry.key", "ok    registry.override", "ok    registry.installPath", "ok    registry.version",
         "ok    location", "ok    path", "ok    result                   InitializeQel would return true with"},
        {"\"initializeQel\": true", "\"sdkLock\": true", "\"exitCode\": 0",
-        "{\"id\": \"sdk.signature\", \"verdict\": \"ok\"", "\"status\": 0, \"statusHex\": \"0x00000000\", \"verified\": true"}},
+        "{\"id\": \"sdk.signature\", \"verdict\": \"ok\"", "\"status\": 0, \"statusHex\": \"0x00000000\", \"verified\": true",
+        "{\"id\": \"library.signature\", \"verdict\": \"info\", \"text\": \"not signed (WinVerifyTrust 0x800B0100)\", "
+        "\"evidence\": {\"status\": -2146762496, \"statusHex\": \"0x800B0100\", \"verified\": false, \"signer\": null}}"}},
       {"NoRegistryEntry", [](SdkSandbox&) { RegistrySandbox::DeleteKey(HKEY_LOCAL_MACHINE, kSharedKey); }, 1,
        {"fail  registry.key", "skip  registry.installPath", "skip  location",
         "fail  result                   InitializeQel would return false: the shared-components entry"},
@@ -126,11 +128,37 @@ TEST(Diagnose, ChecksComeInTheBootstrapsOrder) {
     ids.push_back(line.substr(start, line.find(' ', start) - start));
   }
   const std::vector<std::string> expected = {
-      "library", "edition", "marker", "sdk.selfUpdateLock", "sdk.location", "sdk.expanded", "sdk.file",
+      "library", "library.signature", "edition", "marker", "sdk.selfUpdateLock", "sdk.location", "sdk.expanded", "sdk.file",
       "sdk.signature", "sdk.publisher", "sdk.export.Initialize", "sdk.export.ReleaseMemory",
       "sdk.export.Uninitialize", "sdk.export.LockDirectory", "sdk.export.UnLockDirectory", "registry.key",
       "registry.override", "registry.installPath", "registry.version", "location", "path", "result"};
   EXPECT_EQ(ids, expected) << result.output;
+}
+
+// The library's own signature, judged on signed and tampered DLLs named by
+// --library (the stand-in SDK's copies): one more line, the same exit code.
+TEST(Diagnose, ReportsWhetherTheLibraryIsSignedAndByWhom) {
+  SdkSandbox sandbox(SdkSandbox::Contents::Installed);
+  const std::string signer = "CN=Tavrel Test Code Signing, O=\"Tavrel, Inc\"";
+  const std::wstring signedDll = L"--library \"" + StandInSdkPath(StandInKind::Signed) + L"\"";
+  const ProcessResult text = RunDiagnose(sandbox, signedDll);
+  EXPECT_EQ(text.exitCode, 0u) << text.output;
+  EXPECT_TRUE(HasLineStarting(text.output, "ok    library.signature        signed by \"" + signer + "\" (WinVerifyTrust 0)"))
+      << text.output;
+  const ProcessResult json = RunDiagnose(sandbox, signedDll + L" --json");
+  EXPECT_EQ(json.exitCode, 0u) << json.output;
+  EXPECT_NE(json.output.find("\"status\": 0, \"statusHex\": \"0x00000000\", \"verified\": true, \"signer\": \"CN=Tavrel "
+                             "Test Code Signing, O=\\\"Tavrel, Inc\\\"\"}"),
+            std::string::npos)
+      << json.output;
+
+  const ProcessResult tampered =
+      RunDiagnose(sandbox, L"--library \"" + StandInSdkPath(StandInKind::Tampered) + L"\"");
+  EXPECT_EQ(tampered.exitCode, 0u) << tampered.output;
+  EXPECT_TRUE(HasLineStarting(tampered.output, "warn  library.signature        signed by \"" + signer +
+                                                   "\", but the signature does not verify (WinVerifyTrust 0x80096010)"))
+      << tampered.output;
+  std::printf("---- signed library\n%s", text.output.c_str());
 }
 
 TEST(Diagnose, WithSdkRunsOneSessionAndReportsItsCodes) {
