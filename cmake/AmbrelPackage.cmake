@@ -1,14 +1,19 @@
 # Installation layout, CMake package and ZIP of Ambrel for host builds:
 #   bin/Ambrel.dll and bin/Ambrel.pdb, its debug information (both toolchains),
-#   bin/ambrel-diagnose.exe, the support engineers' look at a machine,
+#   bin/ambrel-diagnose.exe and bin/ambrel-diagnose.pdb, the support engineers'
+#   look at a machine,
 #   lib/ import library, include/Ambrel.h,
 #   lib/cmake/Ambrel/ package files (find_package(Ambrel CONFIG), Ambrel::Ambrel).
 include(CMakePackageConfigHelpers)
 include(${CMAKE_CURRENT_LIST_DIR}/AmbrelDebugInfo.cmake)
 
-# Ambrel.pdb beside Ambrel.dll, named in the DLL by file name only.
+# Ambrel.pdb beside Ambrel.dll, named in the DLL by file name only; lld, which
+# writes it, also marks the DLL CET-compatible. ambrel-diagnose gets the same
+# in diagnose/CMakeLists.txt.
 ambrel_add_pdb(Ambrel)
 ambrel_pdb_file(Ambrel AMBREL_PDB_FILE)
+ambrel_harden_image(Ambrel)
+ambrel_pdb_file(ambrel_diagnose AMBREL_DIAGNOSE_PDB_FILE)
 
 set(AMBREL_INSTALL_BINDIR bin)
 set(AMBREL_INSTALL_LIBDIR lib)
@@ -27,9 +32,15 @@ install(TARGETS Ambrel EXPORT AmbrelTargets
   ARCHIVE DESTINATION ${AMBREL_INSTALL_LIBDIR})
 install(FILES ${PROJECT_SOURCE_DIR}/include/Ambrel.h DESTINATION ${AMBREL_INSTALL_INCLUDEDIR})
 install(TARGETS ambrel_diagnose RUNTIME DESTINATION ${AMBREL_INSTALL_BINDIR})
+# Signed copies over the installed images when a certificate is given.
+include(${CMAKE_CURRENT_LIST_DIR}/AmbrelSigning.cmake)
+ambrel_sign_on_install(Ambrel ambrel_diagnose)
 
 if(AMBREL_PDB_FILE)
   install(FILES "${AMBREL_PDB_FILE}" DESTINATION ${AMBREL_INSTALL_BINDIR} OPTIONAL)
+endif()
+if(AMBREL_DIAGNOSE_PDB_FILE)
+  install(FILES "${AMBREL_DIAGNOSE_PDB_FILE}" DESTINATION ${AMBREL_INSTALL_BINDIR} OPTIONAL)
 endif()
 
 install(EXPORT AmbrelTargets NAMESPACE Ambrel:: DESTINATION ${AMBREL_INSTALL_CMAKEDIR})

@@ -1,9 +1,11 @@
 #!/bin/sh
 # Creates a throw-away test root and code-signing certificates issued by it,
-# for signing the stand-in SDK at build time. Nothing here is ever committed.
+# for signing the stand-in SDK at build time and the package in its tests.
+# Nothing here is ever committed.
 #   make-test-pki.sh OUTDIR
 # For each publisher NAME it writes OUTDIR/NAME.key and OUTDIR/NAME.chain.pem
-# (the code-signing certificate followed by the root).
+# (the code-signing certificate followed by the root), and OUTDIR/root.crt;
+# for the package's signing identity also OUTDIR/package_signing.pfx.
 set -eu
 out=$1
 mkdir -p "$out"
@@ -43,3 +45,10 @@ issue other_case "/CN=Upper Case Test Signing/O=TAVREL, INC"
 issue longer_org "/CN=Longer Name Test Signing/O=Old Tavrel, Incorporated Holdings"
 # The maker's name in the common name, another organisation.
 issue common_name "/CN=Tavrel, Inc/O=Ambrel Signing Test"
+
+# The package's own throw-away code-signing identity, as a real build is
+# given one: a PFX (certificate, key and the root) and its password, which
+# the package tests pass through AMBREL_SIGN_PFX and AMBREL_SIGN_PASSWORD.
+issue package_signing "/CN=Ambrel Test Package Signing/O=Tavrel, Inc"
+openssl pkcs12 -export -inkey package_signing.key -in package_signing.crt -certfile root.crt \
+  -name "Ambrel Test Package Signing" -passout pass:ambrel-test-only -out package_signing.pfx 2>/dev/null

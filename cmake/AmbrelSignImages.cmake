@@ -1,0 +1,63 @@
+# Part of the install script (cmake/AmbrelSigning.cmake sets the variables):
+# signs each installed image, SHA-256, when a certificate is given.
+#   AMBREL_SIGN_IMAGES    "<build-tree image>|<install-relative path>" items
+#   AMBREL_SIGN_PFX, AMBREL_TIMESTAMP_URL   configured values; the install's
+#                         environment supplies them when empty
+#   AMBREL_SIGN_OSSLSIGNCODE, AMBREL_SIGN_SIGNTOOL   the tools found
+set(_pfx "${AMBREL_SIGN_PFX}")
+if(NOT _pfx AND DEFINED ENV{AMBREL_SIGN_PFX})
+  set(_pfx "$ENV{AMBREL_SIGN_PFX}")
+endif()
+if(NOT _pfx)
+  return()
+endif()
+if(NOT EXISTS "${_pfx}")
+  message(FATAL_ERROR "AMBREL_SIGN_PFX names no file: ${_pfx}")
+endif()
+set(_timestamp "${AMBREL_TIMESTAMP_URL}")
+if(NOT _timestamp AND DEFINED ENV{AMBREL_TIMESTAMP_URL})
+  set(_timestamp "$ENV{AMBREL_TIMESTAMP_URL}")
+endif()
+set(_password "$ENV{AMBREL_SIGN_PASSWORD}")
+
+foreach(_item IN LISTS AMBREL_SIGN_IMAGES)
+  string(REPLACE "|" ";" _item "${_item}")
+  list(GET _item 0 _built)
+  list(GET _item 1 _relative)
+  set(_installed "$ENV{DESTDIR}${CMAKE_INSTALL_PREFIX}/${_relative}")
+  message(STATUS "Signing: ${_installed}")
+  if(AMBREL_SIGN_OSSLSIGNCODE)
+    # Signed from the build tree's copy, so installing again never signs a
+    # signed file; written beside the target, then moved over it.
+    set(_command "${AMBREL_SIGN_OSSLSIGNCODE}" sign -pkcs12 "${_pfx}" -h sha256 -n "${AMBREL_SIGN_DESCRIPTION}")
+    if(_password)
+      list(APPEND _command -pass "${_password}")
+    endif()
+    if(_timestamp)
+      list(APPEND _command -ts "${_timestamp}")
+    endif()
+    file(REMOVE "${_installed}.signing")
+    execute_process(COMMAND ${_command} -in "${_built}" -out "${_installed}.signing"
+                    RESULT_VARIABLE _rc OUTPUT_VARIABLE _out ERROR_VARIABLE _out)
+    if(NOT _rc EQUAL 0)
+      file(REMOVE "${_installed}.signing")
+      message(FATAL_ERROR "osslsigncode could not sign ${_built} (${_rc}):\n${_out}")
+    endif()
+    file(RENAME "${_installed}.signing" "${_installed}")
+  elseif(AMBREL_SIGN_SIGNTOOL)
+    # The Windows SDK's tool signs the installed copy in place.
+    set(_command "${AMBREL_SIGN_SIGNTOOL}" sign /fd SHA256 /f "${_pfx}" /d "${AMBREL_SIGN_DESCRIPTION}")
+    if(_password)
+      list(APPEND _command /p "${_password}")
+    endif()
+    if(_timestamp)
+      list(APPEND _command /tr "${_timestamp}" /td SHA256)
+    endif()
+    execute_process(COMMAND ${_command} "${_installed}" RESULT_VARIABLE _rc OUTPUT_VARIABLE _out ERROR_VARIABLE _out)
+    if(NOT _rc EQUAL 0)
+      message(FATAL_ERROR "signtool could not sign ${_installed} (${_rc}):\n${_out}")
+    endif()
+  else()
+    message(FATAL_ERROR "AMBREL_SIGN_PFX is given but neither osslsigncode nor signtool was found at configure time")
+  endif()
+endforeach()
