@@ -69,3 +69,15 @@ set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "${PROJECT_DESCRIPTION}")
 set(CPACK_SYSTEM_NAME win64)
 set(CPACK_PACKAGE_DIRECTORY ${PROJECT_BINARY_DIR}/package)
 include(CPack)
+
+# Symbol store: `cmake --build <tree> --target symbol_store` lays out the
+# shipped images and their PDBs in <tree>/symbols the way symbol-server paths
+# read them (cmake/MakeSymbolStore.cmake; it also takes an installed or
+# signed package's bin/ folder).
+add_custom_target(symbol_store
+  COMMAND ${CMAKE_COMMAND} -E rm -rf ${PROJECT_BINARY_DIR}/symbols
+  COMMAND ${CMAKE_COMMAND} -DSTORE=${PROJECT_BINARY_DIR}/symbols
+          "-DIMAGES=$<TARGET_FILE:Ambrel>|$<TARGET_FILE:ambrel_diagnose>"
+          -P ${CMAKE_CURRENT_LIST_DIR}/MakeSymbolStore.cmake
+  DEPENDS Ambrel ambrel_diagnose
+  COMMENT "Laying out the symbol store in ${PROJECT_BINARY_DIR}/symbols" VERBATIM)
