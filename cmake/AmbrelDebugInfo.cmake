@@ -16,8 +16,11 @@ function(ambrel_add_pdb target)
   elseif(AMBREL_LLD AND AMBREL_LLVM_STRIP)
     # An empty --pdb= names the PDB after the output file (Ambrel.pdb beside
     # Ambrel.dll); lld's own option -pdbaltpath records that name alone.
+    # -Brepro: the image's time stamp is a hash of its contents rather than
+    # the link time, so two links of the same objects give the same image and
+    # the same symbol-store folder (lld's PDB GUID is a content hash anyway).
     target_link_options(${target} PRIVATE
-      -fuse-ld=lld "--ld-path=${AMBREL_LLD}" "-Wl,--pdb=" "-Wl,--Xlink=-pdbaltpath:%_PDB%")
+      -fuse-ld=lld "--ld-path=${AMBREL_LLD}" "-Wl,--pdb=" "-Wl,--Xlink=-pdbaltpath:%_PDB%" "-Wl,--Xlink=-Brepro")
     add_custom_command(TARGET ${target} POST_BUILD
       COMMAND "${AMBREL_LLVM_STRIP}" --strip-debug "$<TARGET_FILE:${target}>"
       VERBATIM)
