@@ -6,8 +6,15 @@
 # needs runtime support (__guard_dispatch_icall_fptr, the load-config guard
 # fields) that mingw-w64 10 lacks, so only the MSVC build has it.
 if(MSVC)
-  # /GS is on by default; /sdl adds its stricter checks and warnings as errors.
-  add_compile_options(/sdl /guard:cf)
+  # /GS is on by default. /sdl adds its stricter checks, and makes some
+  # warnings (deprecated CRT calls among them) errors: only for the code that
+  # ships, the library's floors and ambrel-diagnose, not for the tests and
+  # GoogleTest. Included after AmbrelFloors.cmake, which names the floors.
+  set(_ambrel_shipped_code Ambrel ambrel_diagnose)
+  foreach(floor IN LISTS AMBREL_FLOORS)
+    list(APPEND _ambrel_shipped_code ambrel_${floor})
+  endforeach()
+  add_compile_options(/guard:cf "$<$<IN_LIST:$<TARGET_PROPERTY:NAME>,${_ambrel_shipped_code}>:/sdl>")
   add_link_options(/guard:cf /CETCOMPAT /DYNAMICBASE /HIGHENTROPYVA /NXCOMPAT)
 elseif(AMBREL_STACK_PROTECTOR)
   # Every object, so the canaries are in the library's floors, in

@@ -110,6 +110,16 @@ struct CertContextTraits {
   static Type Invalid() noexcept { return nullptr; }
   static void Close(Type context) noexcept { ::CertFreeCertificateContext(context); }
 };
+struct CertChainEngineTraits {
+  using Type = HCERTCHAINENGINE;
+  static Type Invalid() noexcept { return nullptr; }
+  static void Close(Type engine) noexcept { ::CertFreeCertificateChainEngine(engine); }
+};
+struct CertChainTraits {
+  using Type = PCCERT_CHAIN_CONTEXT;
+  static Type Invalid() noexcept { return nullptr; }
+  static void Close(Type chain) noexcept { ::CertFreeCertificateChain(chain); }
+};
 
 using UniqueRegKey = UniqueResource<RegKeyTraits>;
 using UniqueModule = UniqueResource<ModuleTraits>;
@@ -122,6 +132,8 @@ using UniqueEnvironmentStrings = UniqueResource<EnvironmentStringsTraits>;
 using UniqueCertStore = UniqueResource<CertStoreTraits>;
 using UniqueCryptMsg = UniqueResource<CryptMsgTraits>;
 using UniqueCertContext = UniqueResource<CertContextTraits>;
+using UniqueCertChainEngine = UniqueResource<CertChainEngineTraits>;
+using UniqueCertChain = UniqueResource<CertChainTraits>;
 
 // Owner of one COM interface pointer.
 template <typename Interface>

@@ -56,20 +56,6 @@ UniqueCertStore TestRootStore() {
   return store;
 }
 
-// Owner of a chain engine and of a chain context.
-struct ChainEngineTraits {
-  using Type = HCERTCHAINENGINE;
-  static Type Invalid() noexcept { return nullptr; }
-  static void Close(Type engine) noexcept { ::CertFreeCertificateChainEngine(engine); }
-};
-struct ChainTraits {
-  using Type = PCCERT_CHAIN_CONTEXT;
-  static Type Invalid() noexcept { return nullptr; }
-  static void Close(Type chain) noexcept { ::CertFreeCertificateChain(chain); }
-};
-using UniqueChainEngine = UniqueResource<ChainEngineTraits>;
-using UniqueChain = UniqueResource<ChainTraits>;
-
 struct ChainVerdict {
   DWORD errorStatus = 0xFFFFFFFF;  // the chain's CERT_TRUST_* error bits
   LONG authenticodePolicy = -1;    // CertVerifyCertificateChainPolicy's dwError
@@ -102,14 +88,14 @@ class TestRootEngine {
     }
     config = CERT_CHAIN_ENGINE_CONFIG{};
     config.cbSize = offsetof(CERT_CHAIN_ENGINE_CONFIG, hExclusiveRoot);
-    if (!::CertCreateCertificateChainEngine(&config, engine_.put())) engine_ = UniqueChainEngine();
+    if (!::CertCreateCertificateChainEngine(&config, engine_.put())) engine_ = UniqueCertChainEngine();
   }
   HCERTCHAINENGINE get() const { return engine_.get(); }
 
  private:
   UniqueCertStore roots_;
   std::unique_ptr<test::RegistrySandbox> sandbox_;
-  UniqueChainEngine engine_;
+  UniqueCertChainEngine engine_;
 };
 
 // The signer's chain, built by an engine that trusts the test root or nothing.
@@ -121,7 +107,7 @@ ChainVerdict BuildChain(const std::wstring& file, bool trustTestRoot) {
   if (!engine.get()) return verdict;
   CERT_CHAIN_PARA para{};
   para.cbSize = sizeof para;
-  UniqueChain chain;
+  UniqueCertChain chain;
   if (!::CertGetCertificateChain(engine.get(), signer.get(), nullptr, signer.get()->hCertStore, &para, 0, nullptr,
                                  chain.put())) {
     return verdict;
