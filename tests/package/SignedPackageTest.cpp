@@ -2,8 +2,9 @@
 // identity (tests/package/CheckSigning.cmake installs it and runs this
 // program on it): what Windows checks before it trusts them, as far as Wine
 // shows it. Wine's WinVerifyTrust does not insist on a trusted root, so the
-// chain is also built here with the test root trusted by this program's own
-// chain engine only, never by a store of the machine.
+// chain is also built here by a chain engine that trusts the test root and no
+// root of the machine's stores (TestRootEngine). Wine 8 does not flag an
+// untrusted root at all; the case without the test root runs on Windows.
 //   AMBREL_SIGNED_PACKAGE  the package's bin folder
 //   AMBREL_TEST_ROOT       the test root certificate (PEM)
 #include <windows.h>
@@ -12,8 +13,8 @@
 #include <gtest/gtest.h>
 
 #include <cstddef>
-#include <memory>
 #include <cstdlib>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -70,7 +71,8 @@ struct ChainVerdict {
 class TestRootEngine {
  public:
   explicit TestRootEngine(bool trustTestRoot) {
-    roots_ = trustTestRoot ? TestRootStore() : UniqueCertStore(::CertOpenStore(CERT_STORE_PROV_MEMORY, 0, 0, 0, nullptr));
+    roots_ = trustTestRoot ? TestRootStore()
+                           : UniqueCertStore(::CertOpenStore(CERT_STORE_PROV_MEMORY, 0, 0, 0, nullptr));
     if (!roots_) return;
     CERT_CHAIN_ENGINE_CONFIG config{};
     config.cbSize = sizeof config;
@@ -78,13 +80,13 @@ class TestRootEngine {
     if (::CertCreateCertificateChainEngine(&config, engine_.put())) return;
     sandbox_ = std::make_unique<test::RegistrySandbox>();
     if (trustTestRoot) {
-      const UniqueCertStore userRoot(::CertOpenStore(CERT_STORE_PROV_SYSTEM_W, 0, 0, CERT_SYSTEM_STORE_CURRENT_USER, L"Root"));
-      const PCCERT_CONTEXT root = ::CertEnumCertificatesInStore(roots_.get(), nullptr);
-      if (!userRoot || !root || !::CertAddCertificateContextToStore(userRoot.get(), root, CERT_STORE_ADD_NEW, nullptr)) {
-        if (root) ::CertFreeCertificateContext(root);
+      const UniqueCertStore userRoot(
+          ::CertOpenStore(CERT_STORE_PROV_SYSTEM_W, 0, 0, CERT_SYSTEM_STORE_CURRENT_USER, L"Root"));
+      const UniqueCertContext root(::CertEnumCertificatesInStore(roots_.get(), nullptr));
+      if (!userRoot || !root ||
+          !::CertAddCertificateContextToStore(userRoot.get(), root.get(), CERT_STORE_ADD_NEW, nullptr)) {
         return;
       }
-      ::CertFreeCertificateContext(root);
     }
     config = CERT_CHAIN_ENGINE_CONFIG{};
     config.cbSize = offsetof(CERT_CHAIN_ENGINE_CONFIG, hExclusiveRoot);
