@@ -1,6 +1,7 @@
 # Installation layout, CMake package and ZIP of Ambrel for host builds:
 #   bin/Ambrel.dll and bin/Ambrel.pdb, its debug information (both toolchains),
 #   bin/ambrel-diagnose.exe, the support engineers' look at a machine,
+#   bin/ the shared C++ runtime DLLs of the mingw-w64 build,
 #   lib/ import library, include/Ambrel.h,
 #   lib/cmake/Ambrel/ package files (find_package(Ambrel CONFIG), Ambrel::Ambrel).
 include(CMakePackageConfigHelpers)
@@ -27,6 +28,16 @@ install(TARGETS Ambrel EXPORT AmbrelTargets
   ARCHIVE DESTINATION ${AMBREL_INSTALL_LIBDIR})
 install(FILES ${PROJECT_SOURCE_DIR}/include/Ambrel.h DESTINATION ${AMBREL_INSTALL_INCLUDEDIR})
 install(TARGETS ambrel_diagnose RUNTIME DESTINATION ${AMBREL_INSTALL_BINDIR})
+# The shared C++ runtime the library and its host share (mingw-w64 only; an
+# MSVC host ships Microsoft's redistributable runtime as it always does).
+if(AMBREL_RUNTIME_DLLS)
+  install(FILES ${AMBREL_RUNTIME_DLLS} DESTINATION ${AMBREL_INSTALL_BINDIR})
+endif()
+set(AMBREL_RUNTIME_NAMES "")
+foreach(runtime_dll IN LISTS AMBREL_RUNTIME_DLLS)
+  get_filename_component(runtime_name ${runtime_dll} NAME)
+  list(APPEND AMBREL_RUNTIME_NAMES ${runtime_name})
+endforeach()
 
 if(AMBREL_PDB_FILE)
   install(FILES "${AMBREL_PDB_FILE}" DESTINATION ${AMBREL_INSTALL_BINDIR} OPTIONAL)
