@@ -65,8 +65,9 @@ bool OSxMisc::GetCallStack(std::wstring& text) {
 #if defined(_MSC_VER) && !defined(__clang__)
   // Compiler-specific (MSVC): a write to address 0 inside the guard; the
   // filter walks from the faulting instruction of this very function.
+  char* volatile address = nullptr;
   __try {
-    *static_cast<char* volatile>(nullptr) = 0;
+    *address = 0;
   } __except (ambrel::CaptureFilter(GetExceptionInformation())) {
     // The filter did the work; execution continues behind the guard.
   }

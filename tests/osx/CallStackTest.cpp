@@ -187,7 +187,7 @@ bool NamesCaptureRoutine(const std::wstring& line) { return line.find(L"! OSxMis
 std::pair<int, int> CaptureLinesInSource() {
   const auto lines = test::SplitLines(test::ReadFileBytes(test::Widen(AMBREL_CALLSTACK_SOURCE)));
 #if defined(_MSC_VER) && !defined(__clang__)
-  const char* const first = "*static_cast<char* volatile>(nullptr) = 0;";
+  const char* const first = "*address = 0;";
   const char* const last = first;
 #else
   const char* const first = "::RtlCaptureContext(&context);";
