@@ -47,7 +47,7 @@ function(ambrel_add_floor folder)
   target_compile_definitions(${target} PRIVATE AMBREL_BUILDING)
   target_compile_options(${target} PRIVATE ${AMBREL_WARNING_FLAGS})
   if(MSVC)
-    target_compile_options(${target} PRIVATE /EHa /utf-8)
+    target_compile_options(${target} PRIVATE /utf-8)
   endif()
   # Coverage counts the library's own code only: its objects are instrumented,
   # and every module linking them (Ambrel.dll, the programs over the floors)

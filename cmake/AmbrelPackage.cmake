@@ -2,6 +2,7 @@
 #   bin/Ambrel.dll and bin/Ambrel.pdb, its debug information (both toolchains),
 #   bin/ambrel-diagnose.exe and bin/ambrel-diagnose.pdb, the support engineers'
 #   look at a machine,
+#   bin/ the shared C++ runtime DLLs of the mingw-w64 build,
 #   lib/ import library, include/Ambrel.h,
 #   lib/cmake/Ambrel/ package files (find_package(Ambrel CONFIG), Ambrel::Ambrel).
 include(CMakePackageConfigHelpers)
@@ -35,6 +36,16 @@ install(TARGETS ambrel_diagnose RUNTIME DESTINATION ${AMBREL_INSTALL_BINDIR})
 # Signed copies over the installed images when a certificate is given.
 include(${CMAKE_CURRENT_LIST_DIR}/AmbrelSigning.cmake)
 ambrel_sign_on_install(Ambrel ambrel_diagnose)
+# The shared C++ runtime the library and its host share (mingw-w64 only; an
+# MSVC host ships Microsoft's redistributable runtime as it always does).
+if(AMBREL_RUNTIME_DLLS)
+  install(FILES ${AMBREL_RUNTIME_DLLS} DESTINATION ${AMBREL_INSTALL_BINDIR})
+endif()
+set(AMBREL_RUNTIME_NAMES "")
+foreach(runtime_dll IN LISTS AMBREL_RUNTIME_DLLS)
+  get_filename_component(runtime_name ${runtime_dll} NAME)
+  list(APPEND AMBREL_RUNTIME_NAMES ${runtime_name})
+endforeach()
 
 if(AMBREL_PDB_FILE)
   install(FILES "${AMBREL_PDB_FILE}" DESTINATION ${AMBREL_INSTALL_BINDIR} OPTIONAL)

@@ -25,7 +25,7 @@ set(CMAKE_CXX_FLAGS_INIT
 set(CMAKE_C_FLAGS_INIT "-fms-extensions -Wno-unused-command-line-argument")
 # GNU ld by default: lld mislays the delay IAT of dlltool's delay import
 # libraries, which the test hosts and the sample host use.
-set(_ambrel_link "-fuse-ld=bfd --ld-path=/usr/bin/${AMBREL_MINGW_TRIPLE}-ld -L${AMBREL_MINGW_GCC_DIR} ${AMBREL_MINGW_STATIC_LINK}")
+set(_ambrel_link "-fuse-ld=bfd --ld-path=/usr/bin/${AMBREL_MINGW_TRIPLE}-ld -L${AMBREL_MINGW_GCC_DIR} ${AMBREL_MINGW_RUNTIME_LINK}")
 set(CMAKE_EXE_LINKER_FLAGS_INIT "${_ambrel_link}")
 set(CMAKE_SHARED_LINKER_FLAGS_INIT "${_ambrel_link}")
 set(CMAKE_MODULE_LINKER_FLAGS_INIT "${_ambrel_link}")

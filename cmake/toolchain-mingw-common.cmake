@@ -17,10 +17,17 @@ set(CMAKE_DLLTOOL /usr/bin/${AMBREL_MINGW_TRIPLE}-dlltool)
 set(CMAKE_STRIP /usr/bin/${AMBREL_MINGW_TRIPLE}-strip)
 set(CMAKE_OBJCOPY /usr/bin/${AMBREL_MINGW_TRIPLE}-objcopy)
 
-# -static keeps the imports to system DLLs; -pthread satisfies the static
-# libstdc++'s and libgcc_eh's pthread use. Each toolchain puts its linker
-# choice in front.
-set(AMBREL_MINGW_STATIC_LINK "-static -pthread")
+# Every module links the shared GCC runtime, so that Ambrel.dll and its host
+# share one C++ runtime (its std::locale global, its heap, its exception
+# types): the library hands standard-library objects across its exports.
+# -shared-libgcc keeps one unwinder for exceptions thrown across the boundary.
+# Each toolchain puts its linker choice in front.
+set(AMBREL_MINGW_RUNTIME_LINK "-shared-libgcc -pthread")
+# The runtime DLLs those modules load, shipped beside Ambrel.dll.
+set(AMBREL_RUNTIME_DLLS
+    ${AMBREL_MINGW_GCC_DIR}/libstdc++-6.dll
+    ${AMBREL_MINGW_GCC_DIR}/libgcc_s_seh-1.dll
+    /usr/${AMBREL_MINGW_TRIPLE}/lib/libwinpthread-1.dll)
 
 # Stack-buffer checks on functions with local arrays (cmake/AmbrelHardening.cmake
 # applies them). mingw-w64 10's runtime has no __stack_chk_guard or

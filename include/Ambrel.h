@@ -4,6 +4,14 @@
 // library starts no threads and takes no locks of its own, so each function is
 // meant to be called from one thread at a time (in practice the host's start-up
 // thread) unless its comment says otherwise.
+//
+// The library and its host share one C++ runtime (mingw-w64: libstdc++-6.dll,
+// libgcc_s_seh-1.dll and libwinpthread-1.dll beside the executable; MSVC: /MD),
+// since standard types cross this interface. Exceptions are not caught at the
+// boundary: any export that builds a string may throw std::bad_alloc, or
+// std::length_error for one beyond max_size(); each comment names the others.
+// std::filesystem::filesystem_error carries the Windows error code and text,
+// and its what() names the operation ("exists" or "status") and the path.
 #pragma once
 
 #include <windows.h>
@@ -29,17 +37,20 @@
 // QEL_INITIALIZE_BYPASSED=1 is set for child processes. True when the folder is
 // on PATH or the work is deliberately skipped (development build, done before,
 // inherited marker); false when any step failed (the process is left as it
-// was). Throws std::filesystem::filesystem_error ("status") on an unexpected
-// file-system error. Call once, early, on the start-up thread.
+// was). Throws std::filesystem::filesystem_error, "status" when testing the
+// folder or "exists" when testing for the installer's self-update lock file
+// fails unexpectedly, and whatever the session sink throws. Call once, early,
+// on the start-up thread.
 extern "C" AMBREL_API bool InitializeQel();
 
 // The shared-components folder, looked up once per library through a
 // throw-away installer session (the lock is dropped at once); "" when there is
 // none, also when first called after a successful InitializeQel. Never null;
-// the pointer stays valid while the library is loaded. A first call that
-// throws (filesystem_error "status") is retried by the next. Concurrent first
-// calls wait for one lookup; not alongside InitializeQel on another thread,
-// which drives the same installer state.
+// the pointer stays valid while the library is loaded. Throws what
+// InitializeQel throws (filesystem_error "status" or "exists", the session
+// sink's exceptions); a first call that throws is retried by the next.
+// Concurrent first calls wait for one lookup; not alongside InitializeQel on
+// another thread, which drives the same installer state.
 extern "C" AMBREL_API const wchar_t* GetSharedDllPath();
 
 namespace QelLoadHelper {
@@ -47,7 +58,8 @@ namespace QelLoadHelper {
 // True when the registry entry of shared-components release "2026" names an
 // existing install folder that holds an existing version sub-folder. Reads the
 // registry and file system afresh on each call (keeps no state; any thread).
-// Throws std::filesystem::filesystem_error ("exists") on an unexpected file-system error.
+// Throws std::filesystem::filesystem_error ("exists") on an unexpected
+// file-system error.
 AMBREL_API bool IsQELInstalled();
 
 // True when this library's module file lies on drive R: (a development build).
@@ -59,7 +71,11 @@ AMBREL_API bool IsDevelopment();
 // shared-components folder (registered as a DLL directory for the call only)
 // and returns the module; null otherwise, and for every other notification.
 // PATH and the current directory are never searched. Runs on the thread whose
-// delay load failed; does not read the folder InitializeQel recorded.
+// delay load failed; does not read the folder InitializeQel recorded. The
+// first failure that needs the shared folder looks it up as GetSharedDllPath
+// does, and throws what that lookup throws (filesystem_error "status" or
+// "exists", the session sink's exceptions); std::system_error ("file name")
+// when the DLL's name does not convert in the file APIs' code page.
 AMBREL_API FARPROC WINAPI DelayLoadHook(unsigned dliNotify, PDelayLoadInfo pdli);
 
 // Calls unloadOne (normally __FUnloadDelayLoadedDLL2 of the calling image) once
@@ -74,7 +90,7 @@ AMBREL_API void UnloadDelayLoadedModules(std::string_view moduleList, BOOL(WINAP
 // Receives the shared-components session's messages: a level ("INFO", "WARN",
 // "ERROR" or "FATAL") and the text. Called on the thread that runs the session
 // (InitializeQel, GetSharedDllPath, the delay-load hook); an exception it
-// throws leaves that export.
+// throws leaves that export unchanged. Both strings are the host's to keep.
 using QelSessionLogSink = void (*)(std::wstring level, std::wstring message);
 
 // Installs the sink (null removes it; null is the default, and then messages
@@ -91,7 +107,8 @@ class AMBREL_API OSxFolder {
   // Keeps no state; any thread.
   static bool GetMyDocumentsDir(wchar_t* buffer, size_t size);
   // Target path of a shortcut (.lnk) file, or "". COM must be initialised on
-  // the calling thread. Throws std::length_error when the link's GetPath fails.
+  // the calling thread. Throws std::length_error ("string too long") when the
+  // link's GetPath fails.
   static std::wstring GetPathFromShortcut(const wchar_t* shortcutFile);
   // Points an existing shortcut at a new target and saves it. COM must be
   // initialised on the calling thread.
@@ -100,7 +117,9 @@ class AMBREL_API OSxFolder {
   // null. Read it after the bootstrap, not while it runs on another thread.
   static const wchar_t* GetSharedDllPath();
   // Runs InitializeQel and returns its result; with honourEdition true a
-  // KLXLITE installation returns true without doing anything. Start-up thread only.
+  // KLXLITE installation returns true without doing anything. Throws what
+  // InitializeQel throws, and filesystem_error ("exists") when testing for
+  // Kalvex.ini fails unexpectedly. Start-up thread only.
   static bool UpdateSharedDllPath(bool honourEdition);
 };
 
@@ -132,7 +151,8 @@ class AMBREL_API OSxMisc {
   // Blocks while the dialog is open; several threads may call it at once.
   static bool SendEMail(const wchar_t* recipient, const wchar_t* subject, const wchar_t* body,
                         const wchar_t* attachment);
-  // True while the C++ global locale is the classic "C" locale. Any thread.
+  // True while the C++ global locale (the host's, through the shared runtime)
+  // is the classic "C" locale. Any thread.
   static bool IsEnglish();
   // True while the virtual key is down, as the calling thread's message queue
   // last saw it.
@@ -142,8 +162,9 @@ class AMBREL_API OSxMisc {
   static void Uint16ToWchar(wchar_t* destination, const unsigned short* source, size_t count);
   static void WcharToUint16(unsigned short* destination, const wchar_t* source, size_t count);
   // Replaces text with the calling thread's stack, one line per frame
-  // ("module! symbol [file @ line]", tab, '\n'), first the capture routine, and
-  // returns true; on failure (no dbghelp.dll) false with text left as it was.
+  // ("module! symbol [file @ line]", tab, '\n'): first this function itself,
+  // then its caller and the caller's callers. True; on failure (no
+  // dbghelp.dll) false with text left as it was.
   // Loads and unloads dbghelp.dll on each call: never from two threads at once.
   static bool GetCallStack(std::wstring& text);
 };

@@ -2,6 +2,8 @@
 
 #include <shlguid.h>
 
+#include <stdexcept>
+
 #include "common/WinResource.h"
 
 namespace ambrel {
@@ -28,9 +30,12 @@ std::wstring ReadShortcutTarget(const ShellLinkFactory& createLink, const wchar_
   }
   link.reset();
 
-  // Cut at the first NUL. After a failed GetPath the string is empty, find()
-  // gives npos and the resize throws std::length_error: hosts expect that.
-  target.resize(target.find(L'\0'));
+  // Cut at the first NUL. After a failed GetPath the string is empty and
+  // find() gives npos: a resize to that length is the length error hosts
+  // expect, raised here with the same words on every C++ runtime.
+  const size_t end = target.find(L'\0');
+  if (end > target.max_size()) throw std::length_error("string too long");
+  target.resize(end);
   return target;
 }
 

@@ -228,7 +228,12 @@ TEST(ReadShortcutTarget, AskedOnceWithTheFixedArguments) {
 TEST(ReadShortcutTarget, GetPathFailureThrowsLengthError) {
   FakeShellLink fake;
   fake.getPathResult = E_FAIL;
-  EXPECT_THROW(ReadShortcutTarget(Giving(fake), L"C:\\a.lnk"), std::length_error);
+  try {
+    (void)ReadShortcutTarget(Giving(fake), L"C:\\a.lnk");
+    ADD_FAILURE() << "no exception";
+  } catch (const std::length_error& error) {
+    EXPECT_STREQ(error.what(), "string too long");
+  }
   EXPECT_EQ(fake.getPathCalls, 1);
   EXPECT_EQ(fake.references, 0);  // released before the throw
 }

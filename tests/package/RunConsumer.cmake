@@ -5,7 +5,11 @@
 # outside the build trees, once with Ambrel.pdb beside the DLL and once without,
 # so that only the shipped PDB can name Ambrel's frames.
 #   -DBUILD_DIR -DSOURCE_DIR -DWORK_DIR -DGENERATOR -DTOOLCHAIN_FILE -DCONFIG -DEMULATOR
-#   [-DREADOBJ=llvm-readobj: also check that the installed DLL names its PDB by file name only]
+#   -DRUNTIME_NAMES=the shared C++ runtime DLLs bin/ must hold ('|'-separated; empty for MSVC)
+#   [-DREADOBJ=llvm-readobj: also check that the installed DLL names its PDB by file name only,
+#    and what the shipped images import]
+cmake_minimum_required(VERSION 3.25)
+string(REPLACE "|" ";" RUNTIME_NAMES "${RUNTIME_NAMES}")
 foreach(var BUILD_DIR SOURCE_DIR WORK_DIR GENERATOR CONFIG)
   if(NOT DEFINED ${var})
     message(FATAL_ERROR "RunConsumer.cmake: ${var} is not set")
@@ -61,12 +65,77 @@ if(READOBJ)
   message(STATUS "the installed Ambrel.dll names Ambrel.pdb by file name only")
 endif()
 
-# The host and what it ships, copied away from the build trees and run there.
-file(GLOB runtime "${host_dir}/*.exe" "${host_dir}/*.dll" "${host_dir}/*.pdb")
+# bin/ of the package: the library, its PDB, the support tool and the shared
+# C++ runtime, nothing else.
+set(expected_bin Ambrel.dll ambrel-diagnose.exe ${RUNTIME_NAMES})
+if(EXISTS "${prefix}/bin/Ambrel.pdb")
+  list(APPEND expected_bin Ambrel.pdb)
+endif()
+file(GLOB installed_bin RELATIVE "${prefix}/bin" "${prefix}/bin/*")
+list(SORT installed_bin)
+list(SORT expected_bin)
+if(NOT installed_bin STREQUAL expected_bin)
+  message(FATAL_ERROR "bin/ of the package holds [${installed_bin}], expected [${expected_bin}]")
+endif()
+message(STATUS "bin/ of the package: ${installed_bin}")
+
+# What the shipped images load at start: system DLLs, and of the shipped
+# runtime exactly what they reach (dbghelp, MAPI32 and the SDK are loaded at
+# run time, never imported).
+if(READOBJ)
+  set(system_dlls advapi32.dll crypt32.dll kernel32.dll msvcrt.dll ole32.dll oleaut32.dll shell32.dll user32.dll
+      version.dll wintrust.dll)
+  string(TOLOWER "${RUNTIME_NAMES}" runtime_lower)
+  function(imports_of image out)
+    execute_process(COMMAND "${READOBJ}" --coff-imports "${image}" OUTPUT_VARIABLE listing RESULT_VARIABLE rc)
+    if(NOT rc EQUAL 0)
+      message(FATAL_ERROR "llvm-readobj failed on ${image}")
+    endif()
+    string(REGEX MATCHALL "\n  Name: [^\n]+" lines "${listing}")
+    set(names "")
+    foreach(line IN LISTS lines)
+      string(REGEX REPLACE "\n  Name: " "" name "${line}")
+      string(TOLOWER "${name}" name)
+      list(APPEND names "${name}")
+    endforeach()
+    set(${out} "${names}" PARENT_SCOPE)
+  endfunction()
+  foreach(image Ambrel.dll ambrel-diagnose.exe)
+    imports_of("${prefix}/bin/${image}" direct)
+    # The runtime DLLs reached from the image, through each other.
+    set(reached "")
+    set(pending ${direct})
+    while(pending)
+      list(POP_FRONT pending name)
+      if(name IN_LIST system_dlls OR name IN_LIST reached)
+        continue()
+      endif()
+      if(NOT name IN_LIST runtime_lower)
+        message(FATAL_ERROR "${image} loads ${name}, neither a system DLL nor one the package ships")
+      endif()
+      list(APPEND reached ${name})
+      list(FIND runtime_lower ${name} index)
+      list(GET RUNTIME_NAMES ${index} shipped)
+      imports_of("${prefix}/bin/${shipped}" more)
+      list(APPEND pending ${more})
+    endwhile()
+    list(SORT reached)
+    set(shipped_sorted ${runtime_lower})
+    list(SORT shipped_sorted)
+    if(NOT reached STREQUAL shipped_sorted)
+      message(FATAL_ERROR "${image} reaches the runtime DLLs [${reached}], the package ships [${shipped_sorted}]")
+    endif()
+    message(STATUS "${image} imports: ${direct}")
+  endforeach()
+endif()
+
+# The host run from a copy of the package's bin/ alone, plus the host itself.
+file(GLOB package_bin "${prefix}/bin/*")
+file(GLOB host_files "${host_dir}/consumer_host.exe" "${host_dir}/consumer_host.pdb")
 foreach(case with-pdb without-ambrel-pdb)
   set(RUN_DIR "${WORK_DIR}/run-${case}")
   file(MAKE_DIRECTORY "${RUN_DIR}")
-  file(COPY ${runtime} DESTINATION "${RUN_DIR}")
+  file(COPY ${package_bin} ${host_files} DESTINATION "${RUN_DIR}")
   set(args "")
   if(case STREQUAL "without-ambrel-pdb")
     file(REMOVE "${RUN_DIR}/Ambrel.pdb")

@@ -6,6 +6,8 @@ namespace ambrel::test {
 
 HostLayout::HostLayout(const std::wstring& libraryParent) : libraryDir_(libraryParent) {
   CopyFileTo(BinFile(L"ambrel_dlhost.exe"), hostDir_ / L"ambrel_dlhost.exe");
+  // As a host ships it: the C++ runtime beside the executable, not the library.
+  CopyRuntimeDllsTo(hostDir_.path());
   CopyFileTo(BinFile(L"Ambrel.dll"), libraryDir_ / L"Ambrel.dll");
 }
 

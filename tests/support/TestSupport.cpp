@@ -101,6 +101,21 @@ std::wstring TestBinDirectory() {
   return std::filesystem::path(buffer).parent_path().wstring();
 }
 
+void CopyRuntimeDllsTo(const std::wstring& folder) {
+  // AMBREL_RUNTIME_DLL_NAMES: the names, separated by '|'.
+  const std::wstring names = AMBREL_RUNTIME_DLL_NAMES;
+  size_t start = 0;
+  while (start < names.size()) {
+    size_t end = names.find(L'|', start);
+    if (end == std::wstring::npos) end = names.size();
+    const std::wstring name = names.substr(start, end - start);
+    std::filesystem::create_directories(folder);
+    std::filesystem::copy_file(TestBinDirectory() + L"\\" + name, std::filesystem::path(folder) / name,
+                               std::filesystem::copy_options::overwrite_existing);
+    start = end + 1;
+  }
+}
+
 std::string Narrow(const std::wstring& text) {
   if (text.empty()) return {};
   const int size = ::WideCharToMultiByte(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), nullptr, 0, nullptr,

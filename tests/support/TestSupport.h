@@ -17,6 +17,11 @@ namespace ambrel::test {
 // project lie beside it.
 std::wstring TestBinDirectory();
 
+// Copies the shared C++ runtime DLLs of the build (none with MSVC's /MD,
+// whose runtime is installed system-wide) from beside the test programs into
+// `folder`, as a host ships them beside its executable.
+void CopyRuntimeDllsTo(const std::wstring& folder);
+
 // UTF-8 / UTF-16 for assertions and file contents.
 std::string Narrow(const std::wstring& text);
 std::wstring Widen(const std::string& text);

@@ -1,6 +1,4 @@
-// The call-stack engine behind OSxMisc::GetCallStack: the Debug Help library
-// bound at run time, the capture of the calling thread's context and the walk.
-// Only the pieces that tests look at one by one are declared here.
+// The Debug Help library's symbol search path for the call stack.
 #pragma once
 
 #include <windows.h>
