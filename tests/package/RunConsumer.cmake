@@ -65,12 +65,14 @@ if(READOBJ)
   message(STATUS "the installed Ambrel.dll names Ambrel.pdb by file name only")
 endif()
 
-# bin/ of the package: the library, its PDB, the support tool and the shared
-# C++ runtime, nothing else.
+# bin/ of the package: the library, the support tool, their PDBs and the
+# shared C++ runtime, nothing else.
 set(expected_bin Ambrel.dll ambrel-diagnose.exe ${RUNTIME_NAMES})
-if(EXISTS "${prefix}/bin/Ambrel.pdb")
-  list(APPEND expected_bin Ambrel.pdb)
-endif()
+foreach(pdb Ambrel.pdb ambrel-diagnose.pdb)
+  if(EXISTS "${prefix}/bin/${pdb}")
+    list(APPEND expected_bin ${pdb})
+  endif()
+endforeach()
 file(GLOB installed_bin RELATIVE "${prefix}/bin" "${prefix}/bin/*")
 list(SORT installed_bin)
 list(SORT expected_bin)
