@@ -1,9 +1,19 @@
 #include "qel_loader/Bootstrap.h"
 
 #include "Ambrel.h"
+#include "common/FileSystemStatus.h"
 #include "qel_session/QelSession.h"
 
 namespace ambrel {
+
+ProcessPreparation InspectProcessPreparation(const std::wstring& directory) {
+  ProcessPreparation preparation;
+  preparation.existingDirectory = !directory.empty() && IsExistingDirectory(directory);
+  if (!preparation.existingDirectory) return preparation;
+  preparation.path = ReadEnvironmentVariable(L"PATH");
+  preparation.pathHoldsFolder = preparation.path && PathListContains(*preparation.path, directory);
+  return preparation;
+}
 
 bool InitializeQelForEdition() {
   if (IsLiteEdition()) return true;
