@@ -1,6 +1,8 @@
 // One owner type per kind of Windows handle. Each owner closes its handle once,
 // on every path; put() hands out the slot for an out-parameter, release() gives
-// the handle up on purpose (say why at the call site).
+// the handle up on purpose (say why at the call site). Closing keeps the
+// caller's GetLastError: an owner that goes out of scope between a failed call
+// and the caller's look at its error must not replace it.
 #pragma once
 
 #include <windows.h>
@@ -11,6 +13,20 @@
 #include <utility>
 
 namespace ambrel {
+
+// Puts GetLastError back as it was when the keeper was made.
+class LastErrorKeeper {
+ public:
+  LastErrorKeeper() noexcept : error_(::GetLastError()) {}
+  ~LastErrorKeeper() { ::SetLastError(error_); }
+  LastErrorKeeper(const LastErrorKeeper&) = delete;
+  LastErrorKeeper& operator=(const LastErrorKeeper&) = delete;
+  LastErrorKeeper(LastErrorKeeper&&) = delete;
+  LastErrorKeeper& operator=(LastErrorKeeper&&) = delete;
+
+ private:
+  DWORD error_;
+};
 
 template <typename Traits>
 class UniqueResource {
@@ -43,7 +59,10 @@ class UniqueResource {
 
   void reset(Type value = Traits::Invalid()) noexcept {
     Type old = std::exchange(value_, value);
-    if (old != Traits::Invalid()) Traits::Close(old);
+    if (old != Traits::Invalid()) {
+      const LastErrorKeeper keep;
+      Traits::Close(old);
+    }
   }
 
  private:
@@ -154,7 +173,10 @@ class ComPtr {
   [[nodiscard]] Interface* release() noexcept { return std::exchange(ptr_, nullptr); }
 
   void reset() noexcept {
-    if (Interface* old = std::exchange(ptr_, nullptr)) old->Release();
+    if (Interface* old = std::exchange(ptr_, nullptr)) {
+      const LastErrorKeeper keep;
+      old->Release();
+    }
   }
 
  private:
