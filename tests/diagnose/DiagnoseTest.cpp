@@ -57,7 +57,7 @@ const std::vector<Row>& Rows() {
         "ok    location", "ok    path", "ok    result                   InitializeQel would return true with"},
        {"\"initializeQel\": true", "\"sdkLock\": true", "\"exitCode\": 0",
         "{\"id\": \"sdk.signature\", \"verdict\": \"ok\"", "\"status\": 0, \"statusHex\": \"0x00000000\", \"verified\": true"}},
-      {"NoRegistryEntry", [](SdkSandbox&) { RegistrySandbox::DeleteKey(HKEY_LOCAL_MACHINE, kSharedKey); }, 1,
+      {"NoRegistryEntry", [](SdkSandbox&) { RegistrySandbox::DeleteKey(HKEY_LOCAL_MACHINE, kSharedComponentsKey); }, 1,
        {"fail  registry.key", "skip  registry.installPath", "skip  location",
         "fail  result                   InitializeQel would return false: the shared-components entry"},
        {"\"initializeQel\": false", "\"exitCode\": 1", "{\"id\": \"registry.key\", \"verdict\": \"fail\"",
@@ -66,7 +66,7 @@ const std::vector<Row>& Rows() {
        {"ok    registry.installPath", "fail  registry.version", "fail  result                   InitializeQel would return false: the version folder"},
        {"\"initializeQel\": false", "{\"id\": \"registry.version\", \"verdict\": \"fail\"", "\"value\": \"2026.9\""}},
       {"OverrideWithoutVariable",
-       [](SdkSandbox&) { RegistrySandbox::SetDword(HKEY_LOCAL_MACHINE, kSharedKey, L"EnablePathOverride", 1); }, 0,
+       [](SdkSandbox&) { RegistrySandbox::SetDword(HKEY_LOCAL_MACHINE, kSharedComponentsKey, L"EnablePathOverride", 1); }, 0,
        {"warn  registry.override", "ok    registry.version", "ok    location", "ok    result"},
        {"\"initializeQel\": true", "\"enablePathOverride\": 1, \"variable\": \"QEL_PATH_2026\", \"variableValue\": null"}},
       {"SdkPathMissing", [](SdkSandbox& s) { SetSdkLocation(s.scratch() / L"gone\\StandInSdk.dll"); }, 0,
@@ -100,7 +100,7 @@ const std::vector<Row>& Rows() {
       // "C:" and "." make "C:\.", an existing folder one character too short.
       {"TooShortFromTheRegistry",
        [](SdkSandbox&) {
-         RegistrySandbox::SetString(HKEY_LOCAL_MACHINE, kSharedKey, L"InstallPath", L"C:");
+         RegistrySandbox::SetString(HKEY_LOCAL_MACHINE, kSharedComponentsKey, L"InstallPath", L"C:");
          SdkSandbox::SetVersion(L".");
        },
        1,
