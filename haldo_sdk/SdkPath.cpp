@@ -4,7 +4,6 @@
 
 #include "common/Environment.h"
 #include "common/FileSystemStatus.h"
-#include "haldo_sdk/QelHaldoSdkWrapperState.h"
 #include "haldo_sdk/RegistryBuffer.h"
 #include "haldo_sdk/WrapperLog.h"
 
@@ -57,11 +56,6 @@ std::wstring TakeSdkPathLookup(const SdkPathLookup& lookup) {
       return lookup.expanded;
   }
   return {};  // GCOVR_EXCL_LINE every outcome is handled above
-}
-
-void GetDllPath() {
-  const std::wstring path = TakeSdkPathLookup(LookUpSdkPath());
-  if (!path.empty()) WrapperState().dllPath = path;
 }
 
 }  // namespace ambrel

@@ -17,11 +17,8 @@ struct SdkPathLookup {
 };
 SdkPathLookup LookUpSdkPath();
 
-// GetDllPath's log lines for a lookup; the path to keep, or empty.
+// The wrapper's log lines for a lookup (ReadStringFromRegistry's and
+// GetDllPath's); the path to keep as the SDK file, or empty.
 std::wstring TakeSdkPathLookup(const SdkPathLookup& lookup);
-
-// Fills the shared state's dllPath with the expanded, existing SDK location,
-// or leaves it empty and logs why.
-void GetDllPath();
 
 }  // namespace ambrel

@@ -41,7 +41,7 @@ bool PrepareProcess(Session& session) {
   if (!preparation.possible()) return false;
 
   if (!preparation.pathHoldsFolder &&
-      !WriteEnvironmentVariable(L"PATH", PrependToPathList(directory, *preparation.path).c_str())) {
+      !WriteEnvironmentVariable(L"PATH", PrependToPathList(directory, preparation.path.value()).c_str())) {
     return false;
   }
   SharedDllPath() = directory;

@@ -81,7 +81,8 @@ InstallLocationLookup LookUpInstallLocation(HKEY root, const std::wstring& relea
   } else {
     if (lookup.pathOverride.status == PathNotFound) lookup.overridden = false;
     // The override's own refusal is not reported: the registry decides then.
-    lookup.registry = LookUpInstallEntry(root, customKeyPath.empty() ? keyPath : customKeyPath, lookup.overridden);
+    lookup.registry.emplace(
+        LookUpInstallEntry(root, customKeyPath.empty() ? keyPath : customKeyPath, lookup.overridden));
     lookup.status = lookup.registry->status();
     lookup.location = lookup.registry->location;
   }
