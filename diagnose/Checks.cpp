@@ -368,7 +368,7 @@ void RenderPath(std::vector<Check>& report, const Located& located) {
     return;
   }
   const ProcessPreparation& preparation = *located.preparation;
-  const bool set = preparation.path.has_value();
+  const bool set = preparation.pathSet;
   Add(report, "path", set ? Verdict::Ok : Verdict::Fail,
       !set                          ? "PATH is not set"
       : preparation.pathHoldsFolder ? "PATH already holds the folder: left unchanged"

@@ -1,5 +1,7 @@
 #include "qel_loader/Bootstrap.h"
 
+#include <optional>
+
 #include "Ambrel.h"
 #include "common/FileSystemStatus.h"
 #include "qel_session/QelSession.h"
@@ -10,8 +12,11 @@ ProcessPreparation InspectProcessPreparation(const std::wstring& directory) {
   ProcessPreparation preparation;
   preparation.existingDirectory = !directory.empty() && IsExistingDirectory(directory);
   if (!preparation.existingDirectory) return preparation;
-  preparation.path = ReadEnvironmentVariable(L"PATH");
-  preparation.pathHoldsFolder = preparation.path && PathListContains(*preparation.path, directory);
+  const std::optional<std::wstring> path = ReadEnvironmentVariable(L"PATH");
+  if (!path) return preparation;
+  preparation.pathSet = true;
+  preparation.path = *path;
+  preparation.pathHoldsFolder = PathListContains(preparation.path, directory);
   return preparation;
 }
 

@@ -3,7 +3,6 @@
 #pragma once
 
 #include <filesystem>
-#include <optional>
 #include <string>
 
 #include "common/Environment.h"
@@ -17,10 +16,11 @@ namespace ambrel {
 // Whether the process can be prepared for a located folder: what the
 // bootstrap looks at before it touches PATH. Logs nothing.
 struct ProcessPreparation {
-  bool existingDirectory = false;    // the folder is non-empty and an existing directory
-  std::optional<std::wstring> path;  // PATH, read only for an existing directory; absent when not set
-  bool pathHoldsFolder = false;      // PathListContains finds the folder in PATH: it is left as it is
-  bool possible() const noexcept { return existingDirectory && path.has_value(); }
+  bool existingDirectory = false;  // the folder is non-empty and an existing directory
+  bool pathSet = false;            // PATH is in the environment (read only for an existing directory)
+  std::wstring path;               // its value
+  bool pathHoldsFolder = false;    // PathListContains finds the folder in PATH: it is left as it is
+  bool possible() const noexcept { return existingDirectory && pathSet; }
 };
 // Throws std::filesystem::filesystem_error ("status") on an unexpected error
 // of the folder test.
@@ -41,7 +41,7 @@ bool PrepareProcess(Session& session) {
   if (!preparation.possible()) return false;
 
   if (!preparation.pathHoldsFolder &&
-      !WriteEnvironmentVariable(L"PATH", PrependToPathList(directory, preparation.path.value()).c_str())) {
+      !WriteEnvironmentVariable(L"PATH", PrependToPathList(directory, preparation.path).c_str())) {
     return false;
   }
   SharedDllPath() = directory;
