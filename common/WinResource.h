@@ -14,20 +14,6 @@
 
 namespace ambrel {
 
-// Puts GetLastError back as it was when the keeper was made.
-class LastErrorKeeper {
- public:
-  LastErrorKeeper() noexcept : error_(::GetLastError()) {}
-  ~LastErrorKeeper() { ::SetLastError(error_); }
-  LastErrorKeeper(const LastErrorKeeper&) = delete;
-  LastErrorKeeper& operator=(const LastErrorKeeper&) = delete;
-  LastErrorKeeper(LastErrorKeeper&&) = delete;
-  LastErrorKeeper& operator=(LastErrorKeeper&&) = delete;
-
- private:
-  DWORD error_;
-};
-
 template <typename Traits>
 class UniqueResource {
  public:
@@ -60,8 +46,9 @@ class UniqueResource {
   void reset(Type value = Traits::Invalid()) noexcept {
     Type old = std::exchange(value_, value);
     if (old != Traits::Invalid()) {
-      const LastErrorKeeper keep;
+      const DWORD error = ::GetLastError();
       Traits::Close(old);
+      ::SetLastError(error);
     }
   }
 
@@ -174,8 +161,9 @@ class ComPtr {
 
   void reset() noexcept {
     if (Interface* old = std::exchange(ptr_, nullptr)) {
-      const LastErrorKeeper keep;
+      const DWORD error = ::GetLastError();
       old->Release();
+      ::SetLastError(error);
     }
   }
 
