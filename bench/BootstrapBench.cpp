@@ -31,8 +31,6 @@ namespace {
 using namespace ambrel;
 using namespace ambrel::test;
 
-const wchar_t kSharedComponentsKey[] = L"SOFTWARE\\Tavrel\\SharedComponents\\2026";
-
 // ---- the library's path
 
 bool LibraryCycle(const std::wstring& expectedLocation) {
@@ -169,13 +167,13 @@ bool ReadText(HKEY key, const wchar_t* name, wchar_t (&buffer)[261]) {
 
 bool FloorLocate(std::wstring& location) {
   HKEY key = nullptr;
-  if (::RegOpenKeyExW(HKEY_LOCAL_MACHINE, kSharedComponentsKey, 0, KEY_READ, &key) != ERROR_SUCCESS) return false;
+  if (::RegOpenKeyExW(HKEY_LOCAL_MACHINE, kSharedComponentsKey.c_str(), 0, KEY_READ, &key) != ERROR_SUCCESS) return false;
   DWORD enabled = 0, size = sizeof enabled;
   ::RegQueryValueExW(key, L"EnablePathOverride", nullptr, nullptr, reinterpret_cast<BYTE*>(&enabled), &size);
   ::RegCloseKey(key);
   if (enabled == 1) return false;  // not this benchmark's registry
 
-  if (::RegOpenKeyExW(HKEY_LOCAL_MACHINE, kSharedComponentsKey, 0, KEY_READ, &key) != ERROR_SUCCESS) return false;
+  if (::RegOpenKeyExW(HKEY_LOCAL_MACHINE, kSharedComponentsKey.c_str(), 0, KEY_READ, &key) != ERROR_SUCCESS) return false;
   wchar_t installPath[261], version[261];
   bool found = ReadText(key, L"InstallPath", installPath) &&
                ::GetFileAttributesW(installPath) != INVALID_FILE_ATTRIBUTES && ReadText(key, L"Version", version);

@@ -1,6 +1,8 @@
 // One owner type per kind of Windows handle. Each owner closes its handle once,
 // on every path; put() hands out the slot for an out-parameter, release() gives
-// the handle up on purpose (say why at the call site).
+// the handle up on purpose (say why at the call site). Closing keeps the
+// caller's GetLastError: an owner that goes out of scope between a failed call
+// and the caller's look at its error must not replace it.
 #pragma once
 
 #include <windows.h>
@@ -43,7 +45,11 @@ class UniqueResource {
 
   void reset(Type value = Traits::Invalid()) noexcept {
     Type old = std::exchange(value_, value);
-    if (old != Traits::Invalid()) Traits::Close(old);
+    if (old != Traits::Invalid()) {
+      const DWORD error = ::GetLastError();
+      Traits::Close(old);
+      ::SetLastError(error);
+    }
   }
 
  private:
@@ -166,7 +172,11 @@ class ComPtr {
   [[nodiscard]] Interface* release() noexcept { return std::exchange(ptr_, nullptr); }
 
   void reset() noexcept {
-    if (Interface* old = std::exchange(ptr_, nullptr)) old->Release();
+    if (Interface* old = std::exchange(ptr_, nullptr)) {
+      const DWORD error = ::GetLastError();
+      old->Release();
+      ::SetLastError(error);
+    }
   }
 
  private:

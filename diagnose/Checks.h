@@ -27,7 +27,7 @@ struct Check {
 
 struct Conclusion {
   bool initializeQel = false;  // what InitializeQel would return
-  bool sdkLock = false;        // whether the installer would lock the folder
+  bool sdkLock = false;        // whether the installer would lock the folder (also when the bootstrap then fails)
   std::string location;        // the folder the bootstrap would put on PATH
   std::string text;            // what would happen, the most likely cause first
 };

@@ -29,7 +29,6 @@ using ambrel::test::RegistrySandbox;
 using ambrel::test::ScratchDir;
 using ambrel::test::TestBinDirectory;
 
-const wchar_t kSharedComponentsKey[] = L"SOFTWARE\\Tavrel\\SharedComponents\\2026";
 const wchar_t kMarker[] = L"QEL_INITIALIZE_BYPASSED";
 
 void Heading(const char* text) { std::printf("\n== %s\n", text); }
@@ -50,8 +49,7 @@ void ShowInstallationQueries(const ScratchDir& shared) {
 
   std::printf("  -- registering release 2026 in the sandbox: InstallPath and Version\n");
   shared.MakeDir(L"2026.1");
-  RegistrySandbox::SetString(HKEY_LOCAL_MACHINE, kSharedComponentsKey, L"InstallPath", shared.path());
-  RegistrySandbox::SetString(HKEY_LOCAL_MACHINE, kSharedComponentsKey, L"Version", L"2026.1");
+  ambrel::test::WriteInstallEntry(shared.path(), L"2026.1", std::nullopt);
   Show("InstallPath", shared.path());
   Show("Version", std::wstring(L"2026.1"));
   Show("QelLoadHelper::IsQELInstalled()", QelLoadHelper::IsQELInstalled());

@@ -2,8 +2,8 @@
 
 #include <windows.h>
 
-
 #include "haldo_sdk/QelHaldoSdkWrapperState.h"
+#include "haldo_sdk/SdkEntryPoints.h"
 #include "haldo_sdk/SdkModule.h"
 #include "haldo_sdk/WrapperLog.h"
 #include "haldo_sdk/WrapperStatus.h"
@@ -76,7 +76,7 @@ int QelHaldoSdkWrapperImpl::Initialize(const std::string& plc, const std::string
   }
   LogWrapperInfo("Initialize: HALDO SDK loaded successfully");
 
-  const auto initialize = BindSdkExport<SdkInitializeFunction>(state, "Initialize");
+  const auto initialize = BindSdkExport<SdkInitializeFunction>(state, kSdkInitializeExport);
   if (!initialize) {
     LogWrapperError("Initialize: Failed to obtain InitializeFunc handle!");
     return kWrapperExportMissing;
@@ -92,7 +92,7 @@ int QelHaldoSdkWrapperImpl::Initialize(const std::string& plc, const std::string
     state.sessionId = id;
   }
 
-  if (const auto releaseMemory = BindSdkExport<SdkReleaseMemoryFunction>(state, "ReleaseMemory")) {
+  if (const auto releaseMemory = BindSdkExport<SdkReleaseMemoryFunction>(state, kSdkReleaseMemoryExport)) {
     releaseMemory(state.sessionId.c_str(), &returnedId);
   } else {
     LogWrapperError("ReleaseMemory: Failed to obtain ReleaseMemoryFunc handle!");
@@ -103,11 +103,11 @@ int QelHaldoSdkWrapperImpl::Initialize(const std::string& plc, const std::string
 bool QelHaldoSdkWrapperImpl::IsInitialized() { return !WrapperState().sessionId.empty(); }
 
 int QelHaldoSdkWrapperImpl::LockDirectory(const std::string& directoryToLock) {
-  return CallDirectoryExport(directoryToLock, "LockDirectory");
+  return CallDirectoryExport(directoryToLock, kSdkLockDirectoryExport);
 }
 
 int QelHaldoSdkWrapperImpl::UnLockDirectory(const std::string& directoryToLock) {
-  return CallDirectoryExport(directoryToLock, "UnLockDirectory");
+  return CallDirectoryExport(directoryToLock, kSdkUnLockDirectoryExport);
 }
 
 int QelHaldoSdkWrapperImpl::Uninitialize() {
@@ -116,7 +116,7 @@ int QelHaldoSdkWrapperImpl::Uninitialize() {
     LogWrapperError("Uninitialize: Not initialized!");
     return kWrapperNotInitialized;
   }
-  const auto uninitialize = BindSdkExport<SdkUninitializeFunction>(state, "Uninitialize");
+  const auto uninitialize = BindSdkExport<SdkUninitializeFunction>(state, kSdkUninitializeExport);
   if (!uninitialize) {
     LogWrapperError("Uninitialize: Failed to obtain UninitializeFunc handle!");
     return kWrapperExportMissing;

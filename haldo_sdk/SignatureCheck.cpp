@@ -5,33 +5,10 @@
 #include <wintrust.h>
 
 #include "haldo_sdk/WrapperLog.h"
+#include "common/ScopeExit.h"
 #include "common/WinResource.h"
 
 namespace ambrel {
-namespace {
-
-// Releases the verification state on every path, failed verifications
-// included: WinVerifyTrust keeps it until it is asked to close it.
-class TrustStateCloser {
- public:
-  TrustStateCloser(WinVerifyTrustFunction verify, GUID& action, WINTRUST_DATA& data) noexcept
-      : verify_(verify), action_(&action), data_(&data) {}
-  ~TrustStateCloser() {
-    data_->dwStateAction = WTD_STATEACTION_CLOSE;
-    verify_(nullptr, action_, data_);
-  }
-  TrustStateCloser(const TrustStateCloser&) = delete;
-  TrustStateCloser& operator=(const TrustStateCloser&) = delete;
-  TrustStateCloser(TrustStateCloser&&) = delete;
-  TrustStateCloser& operator=(TrustStateCloser&&) = delete;
-
- private:
-  WinVerifyTrustFunction verify_;
-  GUID* action_;
-  WINTRUST_DATA* data_;
-};
-
-}  // namespace
 
 LONG TrustStatus(const std::wstring& path, WinVerifyTrustFunction verify) {
   WINTRUST_FILE_INFO file{};
@@ -55,17 +32,40 @@ LONG TrustStatus(const std::wstring& path, WinVerifyTrustFunction verify) {
   data.dwUIContext = 0;
 
   GUID action = WINTRUST_ACTION_GENERIC_VERIFY_V2;
-  LONG status = 0;
-  {
-    const TrustStateCloser closer(verify, action, data);
-    status = verify(nullptr, &action, &data);
-  }
-  return status;
+  // The verification state is released on every path, failed verifications
+  // included: WinVerifyTrust keeps it until it is asked to close it.
+  const ScopeExit closeState([&] {
+    data.dwStateAction = WTD_STATEACTION_CLOSE;
+    verify(nullptr, &action, &data);
+  });
+  return verify(nullptr, &action, &data);
 }
+
+namespace {
+
+void LogTrustStatus(LONG status) {
+  if (status != 0) WriteWrapperLogLine(L"[ERROR] WinVerifyTrust returned status: " + std::to_wstring(status));
+}
+
+bool LogPublisherSearch(const PublisherSearch& search) {
+  switch (search.outcome) {
+    case PublisherSearch::Outcome::SignatureUnreadable:
+      WriteWrapperLogLine(L"[ERROR] CryptQueryObject returned false!");
+      return false;
+    case PublisherSearch::Outcome::NotFound:
+      WriteWrapperLogLine(L"[ERROR] CertFindCertificateInStore returned ERROR: " + std::to_wstring(search.error));
+      return false;
+    case PublisherSearch::Outcome::Found:
+      return true;
+  }
+  return false;  // GCOVR_EXCL_LINE every outcome is handled above
+}
+
+}  // namespace
 
 bool VerifyTrust(const std::wstring& path, WinVerifyTrustFunction verify) {
   const LONG status = TrustStatus(path, verify);
-  if (status != 0) WriteWrapperLogLine(L"[ERROR] WinVerifyTrust returned status: " + std::to_wstring(status));
+  LogTrustStatus(status);
   return status == 0;
 }
 
@@ -97,18 +97,7 @@ PublisherSearch SearchPublisher(const std::wstring& path, const wchar_t* publish
 }
 
 bool SignatureNamesPublisher(const std::wstring& path, const wchar_t* publisher) {
-  const PublisherSearch search = SearchPublisher(path, publisher);
-  switch (search.outcome) {
-    case PublisherSearch::Outcome::SignatureUnreadable:
-      WriteWrapperLogLine(L"[ERROR] CryptQueryObject returned false!");
-      return false;
-    case PublisherSearch::Outcome::NotFound:
-      WriteWrapperLogLine(L"[ERROR] CertFindCertificateInStore returned ERROR: " + std::to_wstring(search.error));
-      return false;
-    case PublisherSearch::Outcome::Found:
-      return true;
-  }
-  return false;
+  return LogPublisherSearch(SearchPublisher(path, publisher));
 }
 
 WinVerifyTrustFunction& TrustVerifier() {
@@ -116,13 +105,27 @@ WinVerifyTrustFunction& TrustVerifier() {
   return verify;
 }
 
+SignatureFindings InspectSignature(const std::wstring& path) {
+  SignatureFindings findings;
+  findings.trust = TrustStatus(path, TrustVerifier());
+  if (findings.trust == 0) findings.publisher = SearchPublisher(path, kSdkPublisher);
+  return findings;
+}
+
+void LogSignatureFindings(const SignatureFindings& findings) {
+  LogTrustStatus(findings.trust);
+  if (findings.trust != 0) {
+    WriteWrapperLogLine(L"[ERROR] VerifyCertificate failed!");
+  } else if (findings.publisher) {
+    LogPublisherSearch(*findings.publisher);
+  }
+}
+
 bool VerifyCertificate(const std::wstring& path) {
   if (path.empty()) return true;
-  if (!VerifyTrust(path, TrustVerifier())) {
-    WriteWrapperLogLine(L"[ERROR] VerifyCertificate failed!");
-    return false;
-  }
-  return SignatureNamesPublisher(path, kSdkPublisher);
+  const SignatureFindings findings = InspectSignature(path);
+  LogSignatureFindings(findings);
+  return findings.passed();
 }
 
 }  // namespace ambrel

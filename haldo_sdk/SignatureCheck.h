@@ -6,6 +6,7 @@
 #include <windows.h>
 #include <wintrust.h>
 
+#include <optional>
 #include <string>
 
 namespace ambrel {
@@ -39,6 +40,20 @@ struct PublisherSearch {
   DWORD error = 0;
 };
 PublisherSearch SearchPublisher(const std::wstring& path, const wchar_t* publisher);
+
+// Both stages as a record: the trust status, and the publisher search when
+// the trust stage passed (it is not run otherwise). Uses TrustVerifier();
+// logs nothing.
+struct SignatureFindings {
+  LONG trust = 0;
+  std::optional<PublisherSearch> publisher;
+  bool passed() const noexcept {
+    return trust == 0 && publisher && publisher->outcome == PublisherSearch::Outcome::Found;
+  }
+};
+SignatureFindings InspectSignature(const std::wstring& path);
+// The lines VerifyCertificate writes for these findings (none when they pass).
+void LogSignatureFindings(const SignatureFindings& findings);
 
 // True when a certificate of the file's embedded signature has a subject
 // containing `publisher`, compared without regard to case. Logs what failed.

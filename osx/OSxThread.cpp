@@ -3,6 +3,7 @@
 #include <array>
 
 #include "Ambrel.h"
+#include "common/ScopeExit.h"
 
 namespace {
 
@@ -26,30 +27,6 @@ LONG CALLBACK ContinueAfterThreadName(EXCEPTION_POINTERS* pointers) {
 }
 // GCOVR_EXCL_STOP
 
-// Owns the handler for one raise. Installed last in the chain, as a guard
-// around the raise would come after every vectored handler: the host's see the
-// exception first. (winpthreads, which this toolchain links into every module,
-// continues the exception in a handler of its own before this one; the
-// handler is for builds without it.)
-class ThreadNameContinuation {
- public:
-  ThreadNameContinuation() noexcept : handle_(::AddVectoredExceptionHandler(0, ContinueAfterThreadName)) {
-    t_namingThisThread = true;
-  }
-  ~ThreadNameContinuation() {
-    t_namingThisThread = false;
-    if (handle_) ::RemoveVectoredExceptionHandler(handle_);
-  }
-  ThreadNameContinuation(const ThreadNameContinuation&) = delete;
-  ThreadNameContinuation& operator=(const ThreadNameContinuation&) = delete;
-  ThreadNameContinuation(ThreadNameContinuation&&) = delete;
-  ThreadNameContinuation& operator=(ThreadNameContinuation&&) = delete;
-
-  bool installed() const noexcept { return handle_ != nullptr; }
-
- private:
-  void* handle_;
-};
 #endif
 
 }  // namespace
@@ -66,9 +43,19 @@ void OSxThread::SetThreadName(const char* name, unsigned long threadId) {
   } __except (EXCEPTION_EXECUTE_HANDLER) {
   }
 #else
-  // Compiler-specific (GCC): see ThreadNameContinuation. Without its handler
-  // the raise would end the process, so the name is then left unset.
-  const ThreadNameContinuation continuation;
-  if (continuation.installed()) ::RaiseException(kThreadNameException, 0, kRecordWords, record.data());
+  // Compiler-specific (GCC): the handler is present only around the raise,
+  // installed last in the chain, as a guard around the raise would come after
+  // every vectored handler: the host's see the exception first. (winpthreads,
+  // which this toolchain links into every module, continues the exception in
+  // a handler of its own before this one; the handler is for builds without
+  // it.) Without the handler the raise would end the process, so the name is
+  // then left unset.
+  void* const handler = ::AddVectoredExceptionHandler(0, ContinueAfterThreadName);
+  t_namingThisThread = true;
+  const ambrel::ScopeExit removeHandler([handler] {
+    t_namingThisThread = false;
+    if (handler) ::RemoveVectoredExceptionHandler(handler);
+  });
+  if (handler) ::RaiseException(kThreadNameException, 0, kRecordWords, record.data());
 #endif
 }

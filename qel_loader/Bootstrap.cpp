@@ -1,9 +1,24 @@
 #include "qel_loader/Bootstrap.h"
 
+#include <optional>
+
 #include "Ambrel.h"
+#include "common/FileSystemStatus.h"
 #include "qel_session/QelSession.h"
 
 namespace ambrel {
+
+ProcessPreparation InspectProcessPreparation(const std::wstring& directory) {
+  ProcessPreparation preparation;
+  preparation.existingDirectory = !directory.empty() && IsExistingDirectory(directory);
+  if (!preparation.existingDirectory) return preparation;
+  const std::optional<std::wstring> path = ReadEnvironmentVariable(L"PATH");
+  if (!path) return preparation;
+  preparation.pathSet = true;
+  preparation.path = *path;
+  preparation.pathHoldsFolder = PathListContains(preparation.path, directory);
+  return preparation;
+}
 
 bool InitializeQelForEdition() {
   if (IsLiteEdition()) return true;

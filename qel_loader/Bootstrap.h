@@ -6,16 +6,25 @@
 #include <string>
 
 #include "common/Environment.h"
-#include "common/FileSystemStatus.h"
-#include "qel_loader/InstallQueries.h"
 #include "common/PathList.h"
+#include "qel_loader/InstallQueries.h"
+#include "qel_session/BypassMarker.h"
 #include "qel_session/QelStatus.h"
 
 namespace ambrel {
 
-// The environment marker that makes later sessions, here and in child
-// processes, skip the installer service.
-inline constexpr const wchar_t* kBypassMarker = L"QEL_INITIALIZE_BYPASSED";
+// Whether the process can be prepared for a located folder: what the
+// bootstrap looks at before it touches PATH. Logs nothing.
+struct ProcessPreparation {
+  bool existingDirectory = false;  // the folder is non-empty and an existing directory
+  bool pathSet = false;            // PATH is in the environment (read only for an existing directory)
+  std::wstring path;               // its value
+  bool pathHoldsFolder = false;    // PathListContains finds the folder in PATH: it is left as it is
+  bool possible() const noexcept { return existingDirectory && pathSet; }
+};
+// Throws std::filesystem::filesystem_error ("status") on an unexpected error
+// of the folder test.
+ProcessPreparation InspectProcessPreparation(const std::wstring& directory);
 
 // True for a KLXLITE installation without doing anything; else InitializeQel().
 bool InitializeQelForEdition();
@@ -28,9 +37,13 @@ template <typename Session>
 bool PrepareProcess(Session& session) {
   std::wstring directory;
   if (session.LockInstallLocation(directory) != QelStatus::Success) return false;
-  if (directory.empty() || !IsExistingDirectory(directory)) return false;
+  const ProcessPreparation preparation = InspectProcessPreparation(directory);
+  if (!preparation.possible()) return false;
 
-  if (!PrependToPathVariable(directory)) return false;
+  if (!preparation.pathHoldsFolder &&
+      !WriteEnvironmentVariable(L"PATH", PrependToPathList(directory, preparation.path).c_str())) {
+    return false;
+  }
   SharedDllPath() = directory;
   WriteEnvironmentVariable(kBypassMarker, L"1");  // a lost marker only costs children a session
   return true;

@@ -1,15 +1,13 @@
 #include "qel_session/QelSession.h"
 
-#include <optional>
 #include <system_error>
 #include <utility>
 
-#include "haldo_sdk/QelHaldoSdkWrapperImpl.h"
 #include "common/Environment.h"
-#include "common/FileSystemStatus.h"
 #include "common/RegistryText.h"
 #include "common/TextConvert.h"
-#include "common/WinResource.h"
+#include "haldo_sdk/QelHaldoSdkWrapperImpl.h"
+#include "qel_session/BypassMarker.h"
 #include "qel_session/SessionLog.h"
 
 using ambrel::DeliverSessionMessage;
@@ -17,9 +15,6 @@ using ambrel::NewSessionMessage;
 using ambrel::WideToUtf8;
 
 namespace {
-
-// Shorter locations cannot be a real install folder (a bare "D:\x").
-constexpr std::size_t kMinimumLocationLength = 5;
 
 // A fresh SDK session, or one that this process already holds.
 bool IsUsableSdkStatus(std::int32_t status) {
@@ -59,7 +54,7 @@ QelSession::QelSession(std::unique_ptr<QelHaldoSdkWrapperInterface> wrapper) : s
 QelSession::~QelSession() = default;
 
 QelStatus QelSession::Initialize(std::wstring requestedRelease) {
-  if (ambrel::ReadEnvironmentVariable(L"QEL_INITIALIZE_BYPASSED")) {
+  if (ambrel::ReadEnvironmentVariable(ambrel::kBypassMarker)) {
     DeliverText("INFO", "Intialize is bypassed");
     return InitializeBypassed;
   }
@@ -76,21 +71,20 @@ QelStatus QelSession::Initialize(std::wstring requestedRelease) {
 QelStatus QelSession::LockInstallLocation(std::wstring& location) {
   if (release.empty()) return NotInitialized;
 
-  // The override's own refusal (NoPathOverride or PathNotFound) is not reported: the registry decides then.
-  QelStatus result = GetPathOverride(release);
-  if (result != Success) result = ReadInstallLocation(release);
+  ambrel::InstallLocationLookup found =
+      ambrel::LookUpInstallLocation(registryRoot, release, customRegistryKey, pathOverridden);
+  QelStatus result = Take(found.pathOverride);
+  if (found.registry) result = Take(*found.registry);
 
   location = installLocation;
-  bool usable = result == Success;
-  if (usable && location.size() < kMinimumLocationLength) {
+  if (found.tooShort) {
     std::ostringstream message = NewSessionMessage();
     message << "The Install Location Path is Incorrect" << WideToUtf8(location);
     DeliverSessionMessage("ERROR", message);
     location.clear();
-    usable = false;
   }
 
-  if (!IsUsableSdkStatus(sdkStatus) || !usable) {
+  if (!IsUsableSdkStatus(sdkStatus) || !found.usable()) {
     DeliverWithCode("WARN", "Failed to intialize HALDO SDK wrapper status code:", sdkStatus);
   } else {
     const std::string lockPath = LockPathOf(installLocation);
@@ -125,76 +119,57 @@ QelStatus QelSession::Uninitialize() {
 
 QelStatus QelSession::GetPathOverride(const std::wstring& keyRelease) {
   // customRegistryKey does not apply to the override switch.
-  const std::wstring keyPath = ambrel::SharedComponentsKeyPath(keyRelease);
-  ambrel::UniqueRegKey key;
-  if (::RegOpenKeyExW(registryRoot, keyPath.c_str(), 0, KEY_READ, key.put()) != ERROR_SUCCESS) {
-    DeliverText("FATAL", "There is no custom path set");
-    return NoPathOverride;
-  }
-  DWORD enabled = 0;
-  if (ambrel::QueryPathOverrideSwitch(key.get(), enabled) != ERROR_SUCCESS) {
-    DeliverText("FATAL", "There is no custom path set");
-    return NoPathOverride;
-  }
-  if (enabled != 1) return NoPathOverride;
-
-  DeliverText("INFO", "EnablePathOverride is set to 1");
-  // The override is taken as it stands: no trimming, no existence check.
-  if (std::optional<std::wstring> overridePath = ambrel::ReadEnvironmentVariable((L"QEL_PATH_" + release).c_str())) {
-    installLocation = std::move(*overridePath);
-    pathOverridden = true;
-    return Success;
-  }
-  pathOverridden = false;
-  return PathNotFound;
+  return Take(ambrel::LookUpPathOverride(registryRoot, ambrel::SharedComponentsKeyPath(keyRelease), release));
 }
 
 QelStatus QelSession::ReadInstallLocation(const std::wstring& keyRelease) {
-  const std::wstring keyPath =
-      customRegistryKey.empty() ? ambrel::SharedComponentsKeyPath(keyRelease) : customRegistryKey;
-  ambrel::UniqueRegKey key;
-  if (::RegOpenKeyExW(registryRoot, keyPath.c_str(), 0, KEY_READ, key.put()) != ERROR_SUCCESS) {
-    DeliverText("FATAL", "Failed to open registry key");
-    return RegistryReadFailed;
-  }
+  ambrel::InstallEntryLookup lookup = ambrel::LookUpInstallEntry(
+      registryRoot, customRegistryKey.empty() ? ambrel::SharedComponentsKeyPath(keyRelease) : customRegistryKey,
+      pathOverridden);
+  return Take(lookup);
+}
 
-  std::wstring installPath;
-  if (ambrel::QuerySharedComponentsText(key.get(), L"InstallPath", installPath) != ERROR_SUCCESS) {
-    DeliverText("FATAL", "Failed to read InstallPath registry entry");
-    return RegistryReadFailed;
+QelStatus QelSession::Take(const ambrel::PathOverrideLookup& lookup) {
+  if (!lookup.keyOpened || !lookup.enabled) {
+    DeliverText("FATAL", "There is no custom path set");
+    return lookup.status;
   }
+  if (!lookup.switchedOn()) return lookup.status;
+  DeliverText("INFO", "EnablePathOverride is set to 1");
+  pathOverridden = lookup.status == Success;
+  if (lookup.variable) installLocation = *lookup.variable;
+  return lookup.status;
+}
 
-  std::error_code error;
-  if (!ambrel::PathExists(installPath, error)) {
-    (void)key.release();  // deliberately left open on this path, as hosts have always had it; freed at process end
-    DeliverMissingPath("The Install Location Path is Incorrect", installPath, error);
-    return PathNotFound;
+QelStatus QelSession::Take(ambrel::InstallEntryLookup& lookup) {
+  using Stop = ambrel::InstallEntryLookup::Stop;
+  if (lookup.keepsKeyOpen()) {
+    (void)lookup.key.release();  // deliberately left open on this path, as hosts have always had it; freed at process end
   }
-
-  if (pathOverridden) {
-    // The override already named the folder; InstallPath stands in without a version.
-    installLocation = installPath;
-    return Success;
+  if (lookup.location) installLocation = *lookup.location;
+  switch (lookup.stop) {
+    case Stop::KeyNotOpened:
+      DeliverText("FATAL", "Failed to open registry key");
+      break;
+    case Stop::InstallPathNotRead:
+      DeliverText("FATAL", "Failed to read InstallPath registry entry");
+      break;
+    case Stop::InstallPathMissing:
+      DeliverMissingPath("The Install Location Path is Incorrect", lookup.installPath, lookup.error);
+      break;
+    case Stop::VersionNotRead:
+      DeliverText("FATAL", "Failed to read Version from registry entry");
+      break;
+    case Stop::VersionEmpty:
+      DeliverText("FATAL", "Entry for Version in Registry is Empty.");
+      break;
+    case Stop::VersionFolderMissing:
+      // Names only the Version text, not the folder that was tested.
+      DeliverMissingPath("The Version for the Install Path Does Not Exist.", lookup.version, lookup.error);
+      break;
+    case Stop::InstallPathOnly:  // the override already named the folder; InstallPath stands in
+    case Stop::Found:
+      break;
   }
-
-  std::wstring version;
-  if (ambrel::QuerySharedComponentsText(key.get(), L"Version", version) != ERROR_SUCCESS) {
-    DeliverText("FATAL", "Failed to read Version from registry entry");
-    return RegistryReadFailed;
-  }
-  if (version.empty()) {
-    (void)key.release();  // deliberately left open on this path, as hosts have always had it; freed at process end
-    DeliverText("FATAL", "Entry for Version in Registry is Empty.");
-    return VersionEmpty;
-  }
-
-  // One backslash, without looking at how InstallPath ends.
-  installLocation = installPath + L"\\" + version;
-  if (!ambrel::PathExists(installLocation, error)) {
-    // Names only the Version text, not the folder that was tested.
-    (void)key.release();  // deliberately left open on this path, as hosts have always had it; freed at process end
-    DeliverMissingPath("The Version for the Install Path Does Not Exist.", version, error);
-    return PathNotFound;
-  }
-  return Success;
+  return lookup.status();
 }

@@ -16,6 +16,7 @@
 
 #include "haldo_sdk/QelHaldoSdkWrapperInterface.h"
 #include "haldo_sdk/WrapperStatus.h"
+#include "qel_session/InstallLocation.h"
 #include "qel_session/QelStatus.h"
 
 class QelSession {
@@ -63,6 +64,10 @@ class QelSession {
 
  private:
   friend struct QelSessionInspector;  // tests look at the fields
+
+  // Turn a lookup's record into the session's messages and state; return its status.
+  QelStatus Take(const ambrel::PathOverrideLookup& lookup);
+  QelStatus Take(ambrel::InstallEntryLookup& lookup);
 
   // Key path used by ReadInstallLocation instead of the computed one when
   // non-empty; nothing in the library sets it.

@@ -1,14 +1,20 @@
 // ambrel-diagnose against the stand-in SDK in the registry sandbox: one row
 // per condition, each with the program's exit code, the verdict lines it must
-// print and the JSON it must give for the same machine.
+// print and the JSON it must give for the same machine; and, for every row,
+// InitializeQel run on the same machine right after, which must do what the
+// program said it would.
 #include <gtest/gtest.h>
 
 #include <windows.h>
 
 #include <functional>
+#include <optional>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
+#include "Ambrel.h"
+#include "qel_loader/InstallQueries.h"
 #include "tests/support/SdkSandbox.h"
 
 namespace ambrel::test {
@@ -36,6 +42,9 @@ struct Row {
   std::vector<std::string> json;   // fragments of the JSON document
 };
 
+// Rows print as their name in failure messages.
+void PrintTo(const Row& row, std::ostream* out) { *out << row.name; }
+
 std::string Pid() { return std::to_string(::GetCurrentProcessId()); }
 
 const std::vector<Row>& Rows() {
@@ -50,7 +59,7 @@ const std::vector<Row>& Rows() {
         "{\"id\": \"sdk.signature\", \"verdict\": \"ok\"", "\"status\": 0, \"statusHex\": \"0x00000000\", \"verified\": true",
         "{\"id\": \"library.signature\", \"verdict\": \"info\", \"text\": \"not signed (WinVerifyTrust 0x800B0100)\", "
         "\"evidence\": {\"status\": -2146762496, \"statusHex\": \"0x800B0100\", \"verified\": false, \"signer\": null}}"}},
-      {"NoRegistryEntry", [](SdkSandbox&) { RegistrySandbox::DeleteKey(HKEY_LOCAL_MACHINE, kSharedKey); }, 1,
+      {"NoRegistryEntry", [](SdkSandbox&) { RegistrySandbox::DeleteKey(HKEY_LOCAL_MACHINE, kSharedComponentsKey); }, 1,
        {"fail  registry.key", "skip  registry.installPath", "skip  location",
         "fail  result                   InitializeQel would return false: the shared-components entry"},
        {"\"initializeQel\": false", "\"exitCode\": 1", "{\"id\": \"registry.key\", \"verdict\": \"fail\"",
@@ -59,7 +68,7 @@ const std::vector<Row>& Rows() {
        {"ok    registry.installPath", "fail  registry.version", "fail  result                   InitializeQel would return false: the version folder"},
        {"\"initializeQel\": false", "{\"id\": \"registry.version\", \"verdict\": \"fail\"", "\"value\": \"2026.9\""}},
       {"OverrideWithoutVariable",
-       [](SdkSandbox&) { RegistrySandbox::SetDword(HKEY_LOCAL_MACHINE, kSharedKey, L"EnablePathOverride", 1); }, 0,
+       [](SdkSandbox&) { RegistrySandbox::SetDword(HKEY_LOCAL_MACHINE, kSharedComponentsKey, L"EnablePathOverride", 1); }, 0,
        {"warn  registry.override", "ok    registry.version", "ok    location", "ok    result"},
        {"\"initializeQel\": true", "\"enablePathOverride\": 1, \"variable\": \"QEL_PATH_2026\", \"variableValue\": null"}},
       {"SdkPathMissing", [](SdkSandbox& s) { SetSdkLocation(s.scratch() / L"gone\\StandInSdk.dll"); }, 0,
@@ -90,6 +99,20 @@ const std::vector<Row>& Rows() {
       {"MarkerAlreadySet", [](SdkSandbox& s) { s.env().Set(kMarker, L"1"); }, 0,
        {"info  marker", "ok    result                   InitializeQel would return true without the installer"},
        {"\"variable\": \"QEL_INITIALIZE_BYPASSED\", \"present\": true, \"value\": \"1\"", "\"initializeQel\": true"}},
+      // "C:" and "." make "C:\.", an existing folder one character too short.
+      {"TooShortFromTheRegistry",
+       [](SdkSandbox&) {
+         RegistrySandbox::SetString(HKEY_LOCAL_MACHINE, kSharedComponentsKey, L"InstallPath", L"C:");
+         SdkSandbox::SetVersion(L".");
+       },
+       1,
+       {"ok    registry.version", "fail  location                 \"C:\\.\" is too short",
+        "skip  path", "fail  result                   InitializeQel would return false: the registry's folder \"C:\\.\""},
+       {"\"initializeQel\": false", "\"sdkLock\": false", "\"location\": null"}},
+      {"TooShortFromTheOverride", [](SdkSandbox& s) { s.OverrideLocation(L"C:\\x"); }, 1,
+       {"info  registry.override", "skip  registry.installPath", "skip  registry.version", "fail  location",
+        "fail  result                   InitializeQel would return false: QEL_PATH_2026 = \"C:\\x\" is too short"},
+       {"\"initializeQel\": false", "\"variableValue\": \"C:\\\\x\""}},
   };
   return rows;
 }
@@ -117,6 +140,77 @@ TEST_P(DiagnoseRow, TextAndJsonGiveTheVerdicts) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Machines, DiagnoseRow, ::testing::ValuesIn(Rows()),
+                         [](const ::testing::TestParamInfo<Row>& info) { return std::string(info.param.name); });
+
+// What the program's JSON says InitializeQel would do.
+struct Prediction {
+  bool initializeQel = false;
+  bool sdkLock = false;
+  std::wstring location;  // empty for null
+};
+
+// The JSON string that starts at `at` (after its opening quote), unescaped;
+// the program escapes only quotes, backslashes and control characters, and
+// paths hold none of the latter.
+std::string JsonStringAt(const std::string& json, std::size_t at) {
+  std::string text;
+  for (std::size_t i = at; i < json.size() && json[i] != '"'; ++i) text += json[i] == '\\' ? json[++i] : json[i];
+  return text;
+}
+
+Prediction PredictionIn(const std::string& json) {
+  const std::size_t result = json.find("\"result\": {");
+  if (result == std::string::npos) throw std::runtime_error("no result in:\n" + json);
+  const std::string tail = json.substr(result);
+  Prediction prediction;
+  prediction.initializeQel = tail.find("\"initializeQel\": true") != std::string::npos;
+  prediction.sdkLock = tail.find("\"sdkLock\": true") != std::string::npos;
+  const std::string locationKey = "\"location\": \"";
+  if (const std::size_t at = tail.find(locationKey); at != std::string::npos)
+    prediction.location = Widen(JsonStringAt(tail, at + locationKey.size()));
+  return prediction;
+}
+
+// The directory the stand-in SDK locked with success ("LockDirectory", id,
+// directory, result 0), if it did.
+std::optional<std::string> LockedDirectory(const SdkSandbox& sandbox) {
+  for (const std::string& call : sandbox.sdk().Calls()) {
+    std::vector<std::string> fields;
+    std::size_t start = 0;
+    for (std::size_t tab = call.find('\t'); tab != std::string::npos; start = tab + 1, tab = call.find('\t', start))
+      fields.push_back(call.substr(start, tab - start));
+    fields.push_back(call.substr(start));
+    if (fields.size() == 4 && fields[0] == "LockDirectory" && fields[3] == "0") return fields[2];
+  }
+  return std::nullopt;
+}
+
+class DiagnoseAgreesWithTheBootstrap : public ::testing::TestWithParam<Row> {
+ protected:
+  void SetUp() override { SharedDllPath().clear(); }
+  void TearDown() override { SharedDllPath().clear(); }
+};
+
+TEST_P(DiagnoseAgreesWithTheBootstrap, ResultFolderAndLock) {
+  const Row& row = GetParam();
+  SdkSandbox sandbox(SdkSandbox::Contents::Installed);
+  row.arrange(sandbox);
+
+  const ProcessResult json = RunDiagnose(sandbox, L"--json");
+  const Prediction predicted = PredictionIn(json.output);
+
+  const bool result = InitializeQel();
+  const std::wstring folder = OSxFolder::GetSharedDllPath();
+  EXPECT_EQ(predicted.initializeQel, result) << json.output;
+  EXPECT_EQ(predicted.location, folder) << json.output;
+  const std::optional<std::string> locked = LockedDirectory(sandbox);
+  EXPECT_EQ(predicted.sdkLock, locked.has_value()) << json.output << "\n"
+                                                   << ::testing::PrintToString(sandbox.sdk().Calls());
+  // The session locks the folder it hands out, with one backslash appended.
+  if (locked && result) EXPECT_EQ(*locked, Narrow(folder) + "\\");
+}
+
+INSTANTIATE_TEST_SUITE_P(Machines, DiagnoseAgreesWithTheBootstrap, ::testing::ValuesIn(Rows()),
                          [](const ::testing::TestParamInfo<Row>& info) { return std::string(info.param.name); });
 
 TEST(Diagnose, ChecksComeInTheBootstrapsOrder) {

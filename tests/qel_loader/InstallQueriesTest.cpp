@@ -8,11 +8,10 @@
 namespace ambrel {
 namespace {
 
+using test::kSharedComponentsKey;
 using test::LibraryCopy;
 using test::RegistrySandbox;
 using test::ScratchDir;
-
-const std::wstring kKey = L"SOFTWARE\\Tavrel\\SharedComponents\\2026";
 
 TEST(QelRelease, IsTheOnlyRelease2026) { EXPECT_EQ(QelRelease, L"2026"); }
 
@@ -79,15 +78,15 @@ class IsQELInstalledTest : public ::testing::Test {
 
 TEST_F(IsQELInstalledTest, CompleteEntryIsInstalled) {
   dir.MakeDir(L"2026.1");
-  RegistrySandbox::SetString(HKEY_LOCAL_MACHINE, kKey, L"InstallPath", dir.path());
-  RegistrySandbox::SetString(HKEY_LOCAL_MACHINE, kKey, L"Version", L"2026.1");
+  RegistrySandbox::SetString(HKEY_LOCAL_MACHINE, kSharedComponentsKey, L"InstallPath", dir.path());
+  RegistrySandbox::SetString(HKEY_LOCAL_MACHINE, kSharedComponentsKey, L"Version", L"2026.1");
   EXPECT_TRUE(QelLoadHelper::IsQELInstalled());
 }
 
 TEST_F(IsQELInstalledTest, InstallPathWithTrailingBackslashJoinsWithoutDoubling) {
   dir.MakeDir(L"2026.1");
-  RegistrySandbox::SetString(HKEY_LOCAL_MACHINE, kKey, L"InstallPath", dir.path() + L"\\");
-  RegistrySandbox::SetString(HKEY_LOCAL_MACHINE, kKey, L"Version", L"2026.1");
+  RegistrySandbox::SetString(HKEY_LOCAL_MACHINE, kSharedComponentsKey, L"InstallPath", dir.path() + L"\\");
+  RegistrySandbox::SetString(HKEY_LOCAL_MACHINE, kSharedComponentsKey, L"Version", L"2026.1");
   EXPECT_TRUE(QelLoadHelper::IsQELInstalled());
 }
 
@@ -95,24 +94,24 @@ TEST_F(IsQELInstalledTest, MissingKeyIsNotInstalled) { EXPECT_FALSE(QelLoadHelpe
 
 TEST_F(IsQELInstalledTest, MissingInstallPathValueIsNotInstalled) {
   dir.MakeDir(L"2026.1");
-  RegistrySandbox::SetString(HKEY_LOCAL_MACHINE, kKey, L"Version", L"2026.1");
+  RegistrySandbox::SetString(HKEY_LOCAL_MACHINE, kSharedComponentsKey, L"Version", L"2026.1");
   EXPECT_FALSE(QelLoadHelper::IsQELInstalled());
 }
 
 TEST_F(IsQELInstalledTest, ValuesOfAnotherTypeAreReadAsText) {
   dir.MakeDir(L"2026.1");
-  RegistrySandbox::SetString(HKEY_LOCAL_MACHINE, kKey, L"InstallPath", dir.path(), REG_EXPAND_SZ);
+  RegistrySandbox::SetString(HKEY_LOCAL_MACHINE, kSharedComponentsKey, L"InstallPath", dir.path(), REG_EXPAND_SZ);
   const std::wstring version = L"2026.1";
-  RegistrySandbox::SetRaw(HKEY_LOCAL_MACHINE, kKey, L"Version", REG_BINARY, version.c_str(),
+  RegistrySandbox::SetRaw(HKEY_LOCAL_MACHINE, kSharedComponentsKey, L"Version", REG_BINARY, version.c_str(),
                           static_cast<DWORD>((version.size() + 1) * sizeof(wchar_t)));
   EXPECT_TRUE(QelLoadHelper::IsQELInstalled());
 }
 
 TEST_F(IsQELInstalledTest, ValueWithoutTerminatingNulIsStillReadAsText) {
   dir.MakeDir(L"2026.1");
-  RegistrySandbox::SetString(HKEY_LOCAL_MACHINE, kKey, L"InstallPath", dir.path());
+  RegistrySandbox::SetString(HKEY_LOCAL_MACHINE, kSharedComponentsKey, L"InstallPath", dir.path());
   const std::wstring version = L"2026.1";
-  RegistrySandbox::SetRaw(HKEY_LOCAL_MACHINE, kKey, L"Version", REG_SZ, version.data(),
+  RegistrySandbox::SetRaw(HKEY_LOCAL_MACHINE, kSharedComponentsKey, L"Version", REG_SZ, version.data(),
                           static_cast<DWORD>(version.size() * sizeof(wchar_t)));
   EXPECT_TRUE(QelLoadHelper::IsQELInstalled());
 }
@@ -128,8 +127,8 @@ TEST_F(IsQELInstalledTest, InstallPathOf129CharactersIsRead) {
   const std::wstring installPath = PathOfLength(dir, 129);
   ASSERT_EQ(installPath.size(), 129u);
   dir.MakeDir(installPath.substr(dir.path().size() + 1) + L"\\v");
-  RegistrySandbox::SetString(HKEY_LOCAL_MACHINE, kKey, L"InstallPath", installPath);
-  RegistrySandbox::SetString(HKEY_LOCAL_MACHINE, kKey, L"Version", L"v");
+  RegistrySandbox::SetString(HKEY_LOCAL_MACHINE, kSharedComponentsKey, L"InstallPath", installPath);
+  RegistrySandbox::SetString(HKEY_LOCAL_MACHINE, kSharedComponentsKey, L"Version", L"v");
   EXPECT_TRUE(QelLoadHelper::IsQELInstalled());
 }
 
@@ -137,31 +136,31 @@ TEST_F(IsQELInstalledTest, InstallPathOf130CharactersCountsAsMissingEvenIfItExis
   const std::wstring installPath = PathOfLength(dir, 130);
   ASSERT_EQ(installPath.size(), 130u);
   dir.MakeDir(installPath.substr(dir.path().size() + 1) + L"\\v");
-  RegistrySandbox::SetString(HKEY_LOCAL_MACHINE, kKey, L"InstallPath", installPath);
-  RegistrySandbox::SetString(HKEY_LOCAL_MACHINE, kKey, L"Version", L"v");
+  RegistrySandbox::SetString(HKEY_LOCAL_MACHINE, kSharedComponentsKey, L"InstallPath", installPath);
+  RegistrySandbox::SetString(HKEY_LOCAL_MACHINE, kSharedComponentsKey, L"Version", L"v");
   EXPECT_FALSE(QelLoadHelper::IsQELInstalled());
 }
 
 TEST_F(IsQELInstalledTest, MissingInstallDirectoryIsNotInstalled) {
-  RegistrySandbox::SetString(HKEY_LOCAL_MACHINE, kKey, L"InstallPath", dir / L"absent");
-  RegistrySandbox::SetString(HKEY_LOCAL_MACHINE, kKey, L"Version", L"2026.1");
+  RegistrySandbox::SetString(HKEY_LOCAL_MACHINE, kSharedComponentsKey, L"InstallPath", dir / L"absent");
+  RegistrySandbox::SetString(HKEY_LOCAL_MACHINE, kSharedComponentsKey, L"Version", L"2026.1");
   EXPECT_FALSE(QelLoadHelper::IsQELInstalled());
 }
 
 TEST_F(IsQELInstalledTest, EmptyVersionIsNotInstalled) {
-  RegistrySandbox::SetString(HKEY_LOCAL_MACHINE, kKey, L"InstallPath", dir.path());
-  RegistrySandbox::SetString(HKEY_LOCAL_MACHINE, kKey, L"Version", L"");
+  RegistrySandbox::SetString(HKEY_LOCAL_MACHINE, kSharedComponentsKey, L"InstallPath", dir.path());
+  RegistrySandbox::SetString(HKEY_LOCAL_MACHINE, kSharedComponentsKey, L"Version", L"");
   EXPECT_FALSE(QelLoadHelper::IsQELInstalled());
 }
 
 TEST_F(IsQELInstalledTest, MissingVersionValueIsNotInstalled) {
-  RegistrySandbox::SetString(HKEY_LOCAL_MACHINE, kKey, L"InstallPath", dir.path());
+  RegistrySandbox::SetString(HKEY_LOCAL_MACHINE, kSharedComponentsKey, L"InstallPath", dir.path());
   EXPECT_FALSE(QelLoadHelper::IsQELInstalled());
 }
 
 TEST_F(IsQELInstalledTest, VersionNamingAMissingFolderIsNotInstalled) {
-  RegistrySandbox::SetString(HKEY_LOCAL_MACHINE, kKey, L"InstallPath", dir.path());
-  RegistrySandbox::SetString(HKEY_LOCAL_MACHINE, kKey, L"Version", L"2026.9");
+  RegistrySandbox::SetString(HKEY_LOCAL_MACHINE, kSharedComponentsKey, L"InstallPath", dir.path());
+  RegistrySandbox::SetString(HKEY_LOCAL_MACHINE, kSharedComponentsKey, L"Version", L"2026.9");
   EXPECT_FALSE(QelLoadHelper::IsQELInstalled());
 }
 

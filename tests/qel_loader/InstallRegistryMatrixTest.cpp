@@ -13,7 +13,6 @@
 namespace ambrel::test {
 namespace {
 
-const std::wstring kKey = L"SOFTWARE\\Tavrel\\SharedComponents\\2026";
 const std::wstring kShared = L"{dir}\\Shared";
 const std::wstring kSharedV = L"{dir}\\Shared\\v";
 
@@ -79,8 +78,8 @@ class InstalledMatrix : public ::testing::TestWithParam<InstalledRow> {
 TEST_P(InstalledMatrix, IsQELInstalled) {
   const InstalledRow& row = GetParam();
   MakeFolders(dir_, row.folders);
-  WriteShape(HKEY_LOCAL_MACHINE, kKey, L"InstallPath", row.installPath, dir_);
-  WriteShape(HKEY_LOCAL_MACHINE, kKey, L"Version", row.version, dir_);
+  WriteShape(HKEY_LOCAL_MACHINE, kSharedComponentsKey, L"InstallPath", row.installPath, dir_);
+  WriteShape(HKEY_LOCAL_MACHINE, kSharedComponentsKey, L"Version", row.version, dir_);
   EXPECT_EQ(QelLoadHelper::IsQELInstalled(), row.installed);
 }
 

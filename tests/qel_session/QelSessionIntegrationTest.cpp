@@ -19,12 +19,7 @@ class SessionWithSdkTest : public SessionWithStandInSdk {
   // A complete registry entry of release 2026 with existing folders; the
   // version folder is returned.
   std::wstring WriteCompleteInstall(const std::wstring& name = L"Shared") {
-    const std::wstring installPath = sandbox_.scratch().MakeDir(name);
-    sandbox_.scratch().MakeDir(name + L"\\1.0");
-    RegistrySandbox::SetString(HKEY_LOCAL_MACHINE, kSharedComponentsKey, L"InstallPath", installPath);
-    RegistrySandbox::SetString(HKEY_LOCAL_MACHINE, kSharedComponentsKey, L"Version", L"1.0");
-    RegistrySandbox::SetDword(HKEY_LOCAL_MACHINE, kSharedComponentsKey, L"EnablePathOverride", 0);
-    return installPath + L"\\1.0";
+    return test::WriteCompleteInstall(sandbox_.scratch(), name, L"1.0");
   }
 
   // Initialize, LockInstallLocation and Uninitialize on a new default
@@ -40,8 +35,6 @@ class SessionWithSdkTest : public SessionWithStandInSdk {
 
   const Messages& messages() const { return sink_.messages(); }
 };
-
-const std::wstring kSdkInitFailed = L"Failed to intialize HALDO SDK wrapper status code:";
 
 // What the stand-in records for a start, a lock of `lockPath` answered with
 // `lockResult`, the unlock and the end.

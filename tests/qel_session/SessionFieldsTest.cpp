@@ -1,4 +1,5 @@
-// The session's status codes, its fields and what construction and destruction do.
+// The session's status codes, its type's properties and what construction and
+// destruction do.
 #include "qel_session/QelSession.h"
 
 #include <gmock/gmock.h>
@@ -6,7 +7,6 @@
 
 #include <type_traits>
 
-#include "haldo_sdk/QelHaldoSdkWrapperImpl.h"
 #include "tests/qel_session/SessionTestSupport.h"
 
 namespace ambrel::test {
@@ -27,23 +27,20 @@ TEST(QelStatusCodes, FixedValuesOf32BitSignedType) {
 
 // ---- construction ----
 
-TEST(SessionFields, InitialValuesOfTheDefaultConstructor) {
+// What the default constructor sets up shows in what a session then does:
+// the real wrapper over the SDK the registry names, and the key of HKLM.
+TEST_F(SessionWithStandInSdk, DefaultConstructorDrivesTheRealWrapperUnderHklm) {
+  const std::wstring expected = WriteCompleteInstall(sandbox_.scratch(), L"Shared", L"1.0");
+  SetSdkLocation(StandInKind::Signed);
   QelSession session;
-  EXPECT_TRUE(QelSessionInspector::CustomRegistryKey(session).empty());
-  EXPECT_EQ(QelSessionInspector::RegistryRoot(session), HKEY_LOCAL_MACHINE);
-  EXPECT_TRUE(QelSessionInspector::InstallLocation(session).empty());
-  EXPECT_TRUE(QelSessionInspector::Release(session).empty());
-  EXPECT_FALSE(QelSessionInspector::PathOverridden(session));
-  EXPECT_TRUE(QelSessionInspector::ProductLineCode(session).empty());
-  EXPECT_NE(dynamic_cast<QelHaldoSdkWrapperImpl*>(QelSessionInspector::Wrapper(session)), nullptr);
-  EXPECT_EQ(QelSessionInspector::SdkStatus(session), 7);
-}
-
-TEST(SessionFields, AreLaidOutInDeclarationOrder) {
-  QelSession session;
-  const std::vector<const void*> addresses = QelSessionInspector::FieldAddresses(session);
-  for (size_t i = 1; i < addresses.size(); ++i)
-    EXPECT_TRUE(std::less<const void*>()(addresses[i - 1], addresses[i])) << "field " << i;
+  std::wstring location = L"untouched";
+  EXPECT_EQ(session.LockInstallLocation(location), NotInitialized);
+  EXPECT_EQ(location, L"untouched");
+  ASSERT_EQ(session.Initialize(L"2026"), Success);
+  EXPECT_EQ(session.LockInstallLocation(location), Success);
+  EXPECT_EQ(location, expected);
+  EXPECT_EQ(session.Uninitialize(), Success);
+  EXPECT_EQ(sandbox_.SdkCalls(), kWholeSession);
 }
 
 TEST(SessionFields, NotCopyableAndNoVirtualOperations) {

@@ -15,7 +15,6 @@
 namespace ambrel::test {
 namespace {
 
-const std::wstring kSdkInitFailed = L"Failed to intialize HALDO SDK wrapper status code:";
 const Message kNoSdkSession{L"WARN", L"HALDO SDK wrapper is not initialized"};
 
 // The messages of a row; "{lock}" stands for the lock path.
@@ -75,12 +74,7 @@ TEST_P(SessionSdkVariantTest, WholeConversation) {
   SetSdkLocation(row.kind);
   if (!row.exportName.empty()) sandbox_.sdk().SetResult(row.exportName, row.value);
   sandbox_.sdk().SetSessionId(row.sessionId);
-  const std::wstring installPath = sandbox_.scratch().MakeDir(L"Shared");
-  sandbox_.scratch().MakeDir(L"Shared\\1.0");
-  RegistrySandbox::SetString(HKEY_LOCAL_MACHINE, kSharedComponentsKey, L"InstallPath", installPath);
-  RegistrySandbox::SetString(HKEY_LOCAL_MACHINE, kSharedComponentsKey, L"Version", L"1.0");
-  RegistrySandbox::SetDword(HKEY_LOCAL_MACHINE, kSharedComponentsKey, L"EnablePathOverride", 0);
-  const std::wstring expected = installPath + L"\\1.0";
+  const std::wstring expected = WriteCompleteInstall(sandbox_.scratch(), L"Shared", L"1.0");
 
   QelSession session;
   EXPECT_EQ(session.Initialize(L"2026"), Success);

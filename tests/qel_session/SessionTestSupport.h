@@ -24,21 +24,12 @@
 
 // Reads the session's fields; befriended by QelSession.
 struct QelSessionInspector {
-  static const std::wstring& CustomRegistryKey(const QelSession& s) { return s.customRegistryKey; }
   static void SetCustomRegistryKey(QelSession& s, std::wstring key) { s.customRegistryKey = std::move(key); }
-  static HKEY RegistryRoot(const QelSession& s) { return s.registryRoot; }
   static const std::wstring& InstallLocation(const QelSession& s) { return s.installLocation; }
   static const std::wstring& Release(const QelSession& s) { return s.release; }
   static bool PathOverridden(const QelSession& s) { return s.pathOverridden; }
   static const std::string& ProductLineCode(const QelSession& s) { return s.productLineCode; }
-  static QelHaldoSdkWrapperInterface* Wrapper(const QelSession& s) { return s.sdkWrapper.get(); }
   static std::int32_t SdkStatus(const QelSession& s) { return s.sdkStatus; }
-
-  // Addresses of the fields, in declaration order.
-  static std::vector<const void*> FieldAddresses(const QelSession& s) {
-    return {&s.customRegistryKey, &s.registryRoot, &s.installLocation, &s.release,
-            &s.pathOverridden,    &s.productLineCode, &s.sdkWrapper,   &s.sdkStatus};
-  }
 };
 
 namespace ambrel::test {
@@ -132,8 +123,6 @@ class MockWrapper : public QelHaldoSdkWrapperInterface {
   bool* destroyed_;
 };
 
-inline const std::wstring kSharedComponentsKey = L"SOFTWARE\\Tavrel\\SharedComponents\\2026";
-
 // The system's own text for a Windows error, fetched here independently of
 // the library, as UTF-16.
 inline std::wstring SystemErrorText(DWORD code) {
@@ -167,18 +156,12 @@ class SessionTest : public ::testing::Test {
   // InstallPath, Version and (unless nullopt) EnablePathOverride of release 2026.
   static void WriteRegistry(const std::wstring& installPath, const std::wstring& version,
                             std::optional<DWORD> enableOverride = 0) {
-    RegistrySandbox::SetString(HKEY_LOCAL_MACHINE, kSharedComponentsKey, L"InstallPath", installPath);
-    RegistrySandbox::SetString(HKEY_LOCAL_MACHINE, kSharedComponentsKey, L"Version", version);
-    if (enableOverride)
-      RegistrySandbox::SetDword(HKEY_LOCAL_MACHINE, kSharedComponentsKey, L"EnablePathOverride", *enableOverride);
+    WriteInstallEntry(installPath, version, enableOverride);
   }
 
   // An existing install folder with an existing version folder "1.0".
   std::wstring WriteCompleteInstall(std::optional<DWORD> enableOverride = 0) {
-    const std::wstring installPath = dir_.MakeDir(L"Shared");
-    dir_.MakeDir(L"Shared\\1.0");
-    WriteRegistry(installPath, L"1.0", enableOverride);
-    return installPath + L"\\1.0";
+    return test::WriteCompleteInstall(dir_, L"Shared", L"1.0", enableOverride);
   }
 
   // Initialize with the wrapper answering `sdkStatus`.

@@ -15,9 +15,8 @@ SdkSandbox::SdkSandbox(Contents contents, Record record) {
     env_.Unset(L"AMBREL_STANDIN_SDK_RECORD");
   }
   if (contents == Contents::Installed) {
-    sharedDir_ = scratch_.MakeDir(L"Shared Components\\" + kSharedVersion);
-    RegistrySandbox::SetString(HKEY_LOCAL_MACHINE, kSharedKey, L"InstallPath", scratch_ / L"Shared Components");
-    SetVersion(kSharedVersion);
+    // No EnablePathOverride: an installer that never offered the override.
+    sharedDir_ = WriteCompleteInstall(scratch_, L"Shared Components", kSharedVersion, std::nullopt);
     SetSdkLocation(StandInKind::Signed);
   }
   // The unload of an SDK that an earlier case left loaded is not this case's call.
@@ -44,12 +43,12 @@ std::vector<std::string> SdkSandbox::SdkCalls(bool all) const {
 }
 
 void SdkSandbox::OverrideLocation(const std::wstring& location) {
-  RegistrySandbox::SetDword(HKEY_LOCAL_MACHINE, kSharedKey, L"EnablePathOverride", 1);
+  RegistrySandbox::SetDword(HKEY_LOCAL_MACHINE, kSharedComponentsKey, L"EnablePathOverride", 1);
   env_.Set(L"QEL_PATH_2026", location);
 }
 
 void SdkSandbox::SetVersion(const std::wstring& version) {
-  RegistrySandbox::SetString(HKEY_LOCAL_MACHINE, kSharedKey, L"Version", version);
+  RegistrySandbox::SetString(HKEY_LOCAL_MACHINE, kSharedComponentsKey, L"Version", version);
 }
 
 }  // namespace ambrel::test

@@ -22,7 +22,6 @@
 
 namespace ambrel::test {
 
-inline const std::wstring kSharedKey = L"SOFTWARE\\Tavrel\\SharedComponents\\2026";
 inline const std::wstring kMarker = L"QEL_INITIALIZE_BYPASSED";
 // The Version an installed sandbox registers.
 inline const std::wstring kSharedVersion = L"2026.1";

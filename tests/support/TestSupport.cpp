@@ -230,6 +230,24 @@ std::wstring ScratchDir::MakeDir(const std::wstring& name) const {
   return dir.wstring();
 }
 
+// ---- the shared-components entry ----
+
+void WriteInstallEntry(const std::wstring& installPath, const std::wstring& version,
+                       std::optional<DWORD> enableOverride) {
+  RegistrySandbox::SetString(HKEY_LOCAL_MACHINE, kSharedComponentsKey, L"InstallPath", installPath);
+  RegistrySandbox::SetString(HKEY_LOCAL_MACHINE, kSharedComponentsKey, L"Version", version);
+  if (enableOverride)
+    RegistrySandbox::SetDword(HKEY_LOCAL_MACHINE, kSharedComponentsKey, L"EnablePathOverride", *enableOverride);
+}
+
+std::wstring WriteCompleteInstall(const ScratchDir& dir, const std::wstring& name, const std::wstring& version,
+                                  std::optional<DWORD> enableOverride) {
+  const std::wstring installPath = dir.MakeDir(name);
+  dir.MakeDir(name + L"\\" + version);
+  WriteInstallEntry(installPath, version, enableOverride);
+  return installPath + L"\\" + version;
+}
+
 // ---- EnvGuard ----
 
 EnvGuard::EnvGuard(std::initializer_list<const wchar_t*> names) {

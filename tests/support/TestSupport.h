@@ -61,6 +61,14 @@ class RegistrySandbox {
   HKEY hkcu_ = nullptr;
 };
 
+// The shared-components key of release 2026, as the installer writes it.
+inline const std::wstring kSharedComponentsKey = L"SOFTWARE\\Tavrel\\SharedComponents\\2026";
+
+// InstallPath, Version and (unless nullopt) EnablePathOverride of that key in
+// the sandboxed registry.
+void WriteInstallEntry(const std::wstring& installPath, const std::wstring& version,
+                       std::optional<DWORD> enableOverride = 0);
+
 // Redirects HKLM and HKCU of this process to an existing sandbox's scratch
 // keys (used by child processes started by a test). Returns false on failure.
 bool RedirectToSandbox(const std::wstring& scratchKeyPath);
@@ -83,6 +91,12 @@ class ScratchDir {
  private:
   std::wstring path_;
 };
+
+// A complete install of release 2026: the folders `dir`\`name`\`version`
+// made, and the registry entry over them (see WriteInstallEntry). Returns the
+// version folder, the folder a session hands out.
+std::wstring WriteCompleteInstall(const ScratchDir& dir, const std::wstring& name, const std::wstring& version,
+                                  std::optional<DWORD> enableOverride = 0);
 
 // Restores, at the end of the scope, every variable it was told about or that
 // was changed through it, in the CRT and the Win32 environment alike.

@@ -1,0 +1,24 @@
+// From the registry value to a checked SDK file path: read, expand, test.
+#pragma once
+
+#include <string>
+
+#include "haldo_sdk/SdkLocation.h"
+
+namespace ambrel {
+
+// Where the SDK location led, step by step; logs nothing.
+struct SdkPathLookup {
+  enum class Outcome { RegistryUnreadable, Empty, ExpansionFailed, Missing, Found };
+  Outcome outcome = Outcome::RegistryUnreadable;
+  SdkLocationRead read = SdkLocationRead::ValueNotRead;
+  std::wstring value;     // the registry value up to its first NUL
+  std::wstring expanded;  // its expansion, when it fits
+};
+SdkPathLookup LookUpSdkPath();
+
+// The wrapper's log lines for a lookup (ReadStringFromRegistry's and
+// GetDllPath's); the path to keep as the SDK file, or empty.
+std::wstring TakeSdkPathLookup(const SdkPathLookup& lookup);
+
+}  // namespace ambrel
