@@ -58,7 +58,7 @@ bool LoadSdk(int& code) {
     code = kWrapperSelfUpdateRunning;
     return false;
   }
-  if (check.lookup) state.dllPath = TakeSdkPathLookup(*check.lookup);  // GetDllPath's lines
+  if (check.lookup) state.dllPath = GetDllPath(*check.lookup);
   if (state.dllPath.empty()) {
     WriteWrapperLogLine(L"[ERROR] Load: dll path empty!");
     return false;

@@ -38,7 +38,7 @@ SdkPathLookup LookUpSdkPath() {
   return lookup;
 }
 
-std::wstring TakeSdkPathLookup(const SdkPathLookup& lookup) {
+std::wstring GetDllPath(const SdkPathLookup& lookup) {
   switch (lookup.outcome) {
     case SdkPathLookup::Outcome::RegistryUnreadable:
       LogLocationReadFailure(lookup.read);  // ReadStringFromRegistry's own line first, as it has always come

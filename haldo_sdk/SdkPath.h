@@ -17,8 +17,9 @@ struct SdkPathLookup {
 };
 SdkPathLookup LookUpSdkPath();
 
-// The wrapper's log lines for a lookup (ReadStringFromRegistry's and
-// GetDllPath's); the path to keep as the SDK file, or empty.
-std::wstring TakeSdkPathLookup(const SdkPathLookup& lookup);
+// GetDllPath: a lookup turned into the path to keep as the SDK file (empty
+// when there is none), with the wrapper's log lines for it
+// (ReadStringFromRegistry's, then GetDllPath's own).
+std::wstring GetDllPath(const SdkPathLookup& lookup);
 
 }  // namespace ambrel
