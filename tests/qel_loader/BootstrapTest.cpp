@@ -266,7 +266,7 @@ class InitializeQelChildTest : public InitializeQelTest {
  protected:
   std::map<std::string, std::string> RunInit() {
     auto lines = host.Run(sandbox, L"init");
-    EXPECT_EQ(lines["exit code"], "0");
+    EXPECT_EQ(lines["exit code"], "0") << lines["start"];
     return lines;
   }
   test::HostLayout host;

@@ -191,7 +191,7 @@ class DelayLoadHookChild : public ::testing::Test {
 
   std::map<std::string, std::string> Run(const std::wstring& mode, const std::wstring& folder = L"") {
     auto lines = host.Run(sandbox, mode, folder);
-    EXPECT_EQ(lines["exit code"], "0");
+    EXPECT_EQ(lines["exit code"], "0") << lines["start"];
     return lines;
   }
 

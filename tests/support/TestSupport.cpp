@@ -340,12 +340,22 @@ ProcessResult RunProcess(const std::wstring& program, const std::wstring& argume
   startup.hStdInput = ::GetStdHandle(STD_INPUT_HANDLE);
   std::wstring commandLine = L"\"" + program + L"\" " + arguments;
   PROCESS_INFORMATION process{};
-  const BOOL started = ::CreateProcessW(program.c_str(), commandLine.data(), nullptr, nullptr, TRUE, 0, nullptr,
-                                        nullptr, &startup, &process);
+  // Under a loaded wineserver a start has been seen to fail once in a while
+  // with the next attempt succeeding; a few tries, and the error kept in the
+  // output when all of them fail.
+  BOOL started = FALSE;
+  DWORD startError = 0;
+  for (int attempt = 0; attempt < 3 && !started; ++attempt) {
+    if (attempt > 0) ::Sleep(200);
+    started = ::CreateProcessW(program.c_str(), commandLine.data(), nullptr, nullptr, TRUE, 0, nullptr, nullptr,
+                               &startup, &process);
+    if (!started) startError = ::GetLastError();
+  }
   ::CloseHandle(writeEnd);
   ProcessResult result;
   if (!started) {
     ::CloseHandle(readEnd);
+    result.output = "start: CreateProcessW failed with error " + std::to_string(startError) + "\n";
     return result;
   }
   char chunk[4096];
