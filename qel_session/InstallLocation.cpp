@@ -6,15 +6,22 @@
 
 namespace ambrel {
 
-PathOverrideLookup LookUpPathOverride(HKEY root, const std::wstring& keyPath, const std::wstring& release) {
+PathOverrideLookup LookUpPathOverride(HKEY root, const std::wstring& keyPath, const std::wstring& release,
+                                      InstallLocationSteps* steps) {
   PathOverrideLookup lookup;
   lookup.variableName = kPathOverridePrefix + release;
   UniqueRegKey key;
   lookup.keyOpened = ::RegOpenKeyExW(root, keyPath.c_str(), 0, KEY_READ, key.put()) == ERROR_SUCCESS;
-  if (!lookup.keyOpened) return lookup;
-  DWORD enabled = 0;
-  if (QueryPathOverrideSwitch(key.get(), enabled) == ERROR_SUCCESS) lookup.enabled = enabled;
+  if (lookup.keyOpened) {
+    DWORD enabled = 0;
+    if (QueryPathOverrideSwitch(key.get(), enabled) == ERROR_SUCCESS) lookup.enabled = enabled;
+  }
+  if (!lookup.enabled) {
+    if (steps) steps->OverrideSwitchUnread(lookup);  // the key, if opened, is closed after this
+    return lookup;
+  }
   if (!lookup.switchedOn()) return lookup;
+  if (steps) steps->OverrideSwitchedOn(lookup);
   // The override is taken as it stands: no trimming, no existence check.
   lookup.variable = ReadEnvironmentVariable(lookup.variableName.c_str());
   lookup.status = lookup.variable ? Success : PathNotFound;
@@ -39,40 +46,53 @@ QelStatus InstallEntryLookup::status() const noexcept {
   return RegistryReadFailed;  // GCOVR_EXCL_LINE every Stop is handled above
 }
 
-InstallEntryLookup LookUpInstallEntry(HKEY root, const std::wstring& keyPath, bool overridden) {
+namespace {
+
+// The registry lookup's steps up to its stop; LookUpInstallEntry reports the stop.
+void WalkInstallEntry(InstallEntryLookup& lookup, HKEY root, const std::wstring& keyPath, bool overridden) {
   using Stop = InstallEntryLookup::Stop;
-  InstallEntryLookup lookup;
-  if (::RegOpenKeyExW(root, keyPath.c_str(), 0, KEY_READ, lookup.key.put()) != ERROR_SUCCESS) return lookup;
+  if (::RegOpenKeyExW(root, keyPath.c_str(), 0, KEY_READ, lookup.key.put()) != ERROR_SUCCESS) return;
 
   lookup.stop = Stop::InstallPathNotRead;
-  if (QuerySharedComponentsText(lookup.key.get(), L"InstallPath", lookup.installPath) != ERROR_SUCCESS) return lookup;
+  if (QuerySharedComponentsText(lookup.key.get(), L"InstallPath", lookup.installPath) != ERROR_SUCCESS) return;
   lookup.stop = Stop::InstallPathMissing;
-  if (!PathExists(lookup.installPath, lookup.error)) return lookup;
+  if (!PathExists(lookup.installPath, lookup.error)) return;
 
   if (overridden) {
     lookup.stop = Stop::InstallPathOnly;
     lookup.location = lookup.installPath;
-    return lookup;
+    return;
   }
 
   lookup.stop = Stop::VersionNotRead;
-  if (QuerySharedComponentsText(lookup.key.get(), L"Version", lookup.version) != ERROR_SUCCESS) return lookup;
+  if (QuerySharedComponentsText(lookup.key.get(), L"Version", lookup.version) != ERROR_SUCCESS) return;
   lookup.stop = Stop::VersionEmpty;
-  if (lookup.version.empty()) return lookup;
+  if (lookup.version.empty()) return;
 
   // One backslash, without looking at how InstallPath ends; the folder is
   // the location even when it turns out to be missing.
   lookup.versionFolder = lookup.installPath + L"\\" + lookup.version;
   lookup.location = lookup.versionFolder;
   lookup.stop = PathExists(lookup.versionFolder, lookup.error) ? Stop::Found : Stop::VersionFolderMissing;
+}
+
+}  // namespace
+
+InstallEntryLookup LookUpInstallEntry(HKEY root, const std::wstring& keyPath, bool overridden,
+                                      InstallLocationSteps* steps) {
+  InstallEntryLookup lookup;
+  WalkInstallEntry(lookup, root, keyPath, overridden);
+  // Told while the key is still open; closed afterwards unless the observer took it.
+  if (steps) steps->InstallEntryStopped(lookup);
+  lookup.key.reset();
   return lookup;
 }
 
 InstallLocationLookup LookUpInstallLocation(HKEY root, const std::wstring& release, const std::wstring& customKeyPath,
-                                            bool overriddenBefore) {
+                                            bool overriddenBefore, InstallLocationSteps* steps) {
   InstallLocationLookup lookup;
   const std::wstring keyPath = SharedComponentsKeyPath(release);
-  lookup.pathOverride = LookUpPathOverride(root, keyPath, release);
+  lookup.pathOverride = LookUpPathOverride(root, keyPath, release, steps);
   lookup.overridden = overriddenBefore;
   if (lookup.pathOverride.status == Success) {
     lookup.overridden = true;
@@ -82,7 +102,7 @@ InstallLocationLookup LookUpInstallLocation(HKEY root, const std::wstring& relea
     if (lookup.pathOverride.status == PathNotFound) lookup.overridden = false;
     // The override's own refusal is not reported: the registry decides then.
     lookup.registry.emplace(
-        LookUpInstallEntry(root, customKeyPath.empty() ? keyPath : customKeyPath, lookup.overridden));
+        LookUpInstallEntry(root, customKeyPath.empty() ? keyPath : customKeyPath, lookup.overridden, steps));
     lookup.status = lookup.registry->status();
     lookup.location = lookup.registry->location;
   }

@@ -1,7 +1,9 @@
 // Where the shared components are installed, looked up the way a session does
-// it and handed back as a record of what was found. The lookups log nothing:
-// the session turns the record into its messages and codes, ambrel-diagnose
-// into its report, so the two cannot read the machine differently.
+// it and handed back as a record of what was found. The lookups log nothing
+// themselves: they tell an observer of each step at the moment it happens
+// (the session delivers its messages there, before the lookup reads on or
+// closes its key), and ambrel-diagnose renders the record afterwards, so the
+// two cannot read the machine differently.
 #pragma once
 
 #include <windows.h>
@@ -33,8 +35,29 @@ struct PathOverrideLookup {
   QelStatus status = NoPathOverride;
   bool switchedOn() const noexcept { return enabled && *enabled == 1; }
 };
+struct InstallEntryLookup;
+
+// Told of a lookup's steps as they happen. Each call comes before the lookup
+// goes on (reads another value or variable, tests a folder) or closes its key,
+// so what the observer does (deliver a message, change the machine, throw) is
+// seen by everything that follows. Every step does nothing by default.
+class InstallLocationSteps {
+ public:
+  virtual ~InstallLocationSteps() = default;
+  // The override's key could not be opened, or its switch could not be read
+  // (the key is still open then).
+  virtual void OverrideSwitchUnread(const PathOverrideLookup& /*lookup*/) {}
+  // The switch reads exactly 1; the variable has not been read yet.
+  virtual void OverrideSwitchedOn(const PathOverrideLookup& /*lookup*/) {}
+  // The registry lookup has reached its last step (`lookup.stop`), its key
+  // still open where it was opened. The observer may take the key from the
+  // record (release() it) to keep it open; otherwise it is closed next.
+  virtual void InstallEntryStopped(InstallEntryLookup& /*lookup*/) {}
+};
+
 // `keyPath` names the key whose switch is read; `release` the variable's suffix.
-PathOverrideLookup LookUpPathOverride(HKEY root, const std::wstring& keyPath, const std::wstring& release);
+PathOverrideLookup LookUpPathOverride(HKEY root, const std::wstring& keyPath, const std::wstring& release,
+                                      InstallLocationSteps* steps = nullptr);
 
 // InstallPath and Version of the shared-components key, in the session's order:
 // each step is reached only when the one before it succeeded.
@@ -50,8 +73,8 @@ struct InstallEntryLookup {
     Found,                 // InstallPath\Version exists: Success
   };
   Stop stop = Stop::KeyNotOpened;
-  // Open after the lookup; on the paths where the session leaves it open it
-  // takes it from here (see QelSession::ReadInstallLocation).
+  // Open only while the lookup runs: closed once the observer has been told
+  // of the stop, unless the observer took it.
   UniqueRegKey key;
   std::wstring installPath;  // read when stop is past InstallPathNotRead
   std::wstring version;      // read when stop is past VersionNotRead
@@ -67,7 +90,8 @@ struct InstallEntryLookup {
 };
 // `overridden`: the override already named the folder, so InstallPath alone
 // is taken and Version is not read.
-InstallEntryLookup LookUpInstallEntry(HKEY root, const std::wstring& keyPath, bool overridden);
+InstallEntryLookup LookUpInstallEntry(HKEY root, const std::wstring& keyPath, bool overridden,
+                                      InstallLocationSteps* steps = nullptr);
 
 // The whole locate step of LockInstallLocation: the override first, the
 // registry only when the override does not name the folder, then the length
@@ -87,6 +111,6 @@ struct InstallLocationLookup {
 // registry step uses) and the variable; `overriddenBefore` is the session's
 // pathOverridden before the step (false for a fresh session).
 InstallLocationLookup LookUpInstallLocation(HKEY root, const std::wstring& release, const std::wstring& customKeyPath,
-                                            bool overriddenBefore);
+                                            bool overriddenBefore, InstallLocationSteps* steps = nullptr);
 
 }  // namespace ambrel

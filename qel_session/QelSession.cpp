@@ -45,6 +45,48 @@ void DeliverMissingPath(const char* text, const std::wstring& shown, const std::
   DeliverSessionMessage("ERROR", message);
 }
 
+// The session's messages, delivered at the lookup's steps as they happen:
+// before the lookup reads on, and before it closes its key.
+class SessionMessages final : public ambrel::InstallLocationSteps {
+ public:
+  void OverrideSwitchUnread(const ambrel::PathOverrideLookup& /*lookup*/) override {
+    DeliverText("FATAL", "There is no custom path set");
+  }
+  void OverrideSwitchedOn(const ambrel::PathOverrideLookup& /*lookup*/) override {
+    DeliverText("INFO", "EnablePathOverride is set to 1");
+  }
+  void InstallEntryStopped(ambrel::InstallEntryLookup& lookup) override {
+    using Stop = ambrel::InstallEntryLookup::Stop;
+    if (lookup.keepsKeyOpen()) {
+      (void)lookup.key.release();  // deliberately left open on this path, as hosts have always had it; freed at process end
+    }
+    switch (lookup.stop) {
+      case Stop::KeyNotOpened:
+        DeliverText("FATAL", "Failed to open registry key");
+        break;
+      case Stop::InstallPathNotRead:
+        DeliverText("FATAL", "Failed to read InstallPath registry entry");
+        break;
+      case Stop::InstallPathMissing:
+        DeliverMissingPath("The Install Location Path is Incorrect", lookup.installPath, lookup.error);
+        break;
+      case Stop::VersionNotRead:
+        DeliverText("FATAL", "Failed to read Version from registry entry");
+        break;
+      case Stop::VersionEmpty:
+        DeliverText("FATAL", "Entry for Version in Registry is Empty.");
+        break;
+      case Stop::VersionFolderMissing:
+        // Names only the Version text, not the folder that was tested.
+        DeliverMissingPath("The Version for the Install Path Does Not Exist.", lookup.version, lookup.error);
+        break;
+      case Stop::InstallPathOnly:  // the override already named the folder; InstallPath stands in
+      case Stop::Found:
+        break;
+    }
+  }
+};
+
 }  // namespace
 
 QelSession::QelSession() : sdkWrapper(new QelHaldoSdkWrapperImpl) {}
@@ -71,10 +113,12 @@ QelStatus QelSession::Initialize(std::wstring requestedRelease) {
 QelStatus QelSession::LockInstallLocation(std::wstring& location) {
   if (release.empty()) return NotInitialized;
 
-  ambrel::InstallLocationLookup found =
-      ambrel::LookUpInstallLocation(registryRoot, release, customRegistryKey, pathOverridden);
-  QelStatus result = Take(found.pathOverride);
-  if (found.registry) result = Take(*found.registry);
+  SessionMessages messages;
+  const ambrel::InstallLocationLookup found =
+      ambrel::LookUpInstallLocation(registryRoot, release, customRegistryKey, pathOverridden, &messages);
+  Take(found.pathOverride);
+  if (found.registry) Take(*found.registry);
+  const QelStatus result = found.status;
 
   location = installLocation;
   if (found.tooShort) {
@@ -119,57 +163,26 @@ QelStatus QelSession::Uninitialize() {
 
 QelStatus QelSession::GetPathOverride(const std::wstring& keyRelease) {
   // customRegistryKey does not apply to the override switch.
-  return Take(ambrel::LookUpPathOverride(registryRoot, ambrel::SharedComponentsKeyPath(keyRelease), release));
+  SessionMessages messages;
+  return Take(ambrel::LookUpPathOverride(registryRoot, ambrel::SharedComponentsKeyPath(keyRelease), release, &messages));
 }
 
 QelStatus QelSession::ReadInstallLocation(const std::wstring& keyRelease) {
-  ambrel::InstallEntryLookup lookup = ambrel::LookUpInstallEntry(
+  SessionMessages messages;
+  return Take(ambrel::LookUpInstallEntry(
       registryRoot, customRegistryKey.empty() ? ambrel::SharedComponentsKeyPath(keyRelease) : customRegistryKey,
-      pathOverridden);
-  return Take(lookup);
+      pathOverridden, &messages));
 }
 
 QelStatus QelSession::Take(const ambrel::PathOverrideLookup& lookup) {
-  if (!lookup.keyOpened || !lookup.enabled) {
-    DeliverText("FATAL", "There is no custom path set");
-    return lookup.status;
+  if (lookup.switchedOn()) {
+    pathOverridden = lookup.status == Success;
+    if (lookup.variable) installLocation = *lookup.variable;
   }
-  if (!lookup.switchedOn()) return lookup.status;
-  DeliverText("INFO", "EnablePathOverride is set to 1");
-  pathOverridden = lookup.status == Success;
-  if (lookup.variable) installLocation = *lookup.variable;
   return lookup.status;
 }
 
-QelStatus QelSession::Take(ambrel::InstallEntryLookup& lookup) {
-  using Stop = ambrel::InstallEntryLookup::Stop;
-  if (lookup.keepsKeyOpen()) {
-    (void)lookup.key.release();  // deliberately left open on this path, as hosts have always had it; freed at process end
-  }
+QelStatus QelSession::Take(const ambrel::InstallEntryLookup& lookup) {
   if (lookup.location) installLocation = *lookup.location;
-  switch (lookup.stop) {
-    case Stop::KeyNotOpened:
-      DeliverText("FATAL", "Failed to open registry key");
-      break;
-    case Stop::InstallPathNotRead:
-      DeliverText("FATAL", "Failed to read InstallPath registry entry");
-      break;
-    case Stop::InstallPathMissing:
-      DeliverMissingPath("The Install Location Path is Incorrect", lookup.installPath, lookup.error);
-      break;
-    case Stop::VersionNotRead:
-      DeliverText("FATAL", "Failed to read Version from registry entry");
-      break;
-    case Stop::VersionEmpty:
-      DeliverText("FATAL", "Entry for Version in Registry is Empty.");
-      break;
-    case Stop::VersionFolderMissing:
-      // Names only the Version text, not the folder that was tested.
-      DeliverMissingPath("The Version for the Install Path Does Not Exist.", lookup.version, lookup.error);
-      break;
-    case Stop::InstallPathOnly:  // the override already named the folder; InstallPath stands in
-    case Stop::Found:
-      break;
-  }
   return lookup.status();
 }

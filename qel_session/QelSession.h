@@ -65,9 +65,10 @@ class QelSession {
  private:
   friend struct QelSessionInspector;  // tests look at the fields
 
-  // Turn a lookup's record into the session's messages and state; return its status.
+  // Take a lookup's result into the session's state (its messages were
+  // delivered while it ran); return its status.
   QelStatus Take(const ambrel::PathOverrideLookup& lookup);
-  QelStatus Take(ambrel::InstallEntryLookup& lookup);
+  QelStatus Take(const ambrel::InstallEntryLookup& lookup);
 
   // Key path used by ReadInstallLocation instead of the computed one when
   // non-empty; nothing in the library sets it.

@@ -8,6 +8,7 @@
 #include <windows.h>
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <stdexcept>
@@ -59,6 +60,43 @@ class SinkCapture {
   }
   static void Record(std::wstring level, std::wstring message) {
     Recorded().emplace_back(std::move(level), std::move(message));
+  }
+  QelSessionLogSink previous_ = nullptr;
+};
+
+// Installs a sink that records every message, as SinkCapture does, and then
+// runs `act` with it: a host's sink that acts on what it is told (changes the
+// machine, throws) at the moment it is told. Restores the previous sink at
+// the end of the scope.
+class ActingSink {
+ public:
+  using Action = std::function<void(const std::wstring& level, const std::wstring& message)>;
+  explicit ActingSink(Action act) {
+    Recorded().clear();
+    Act() = std::move(act);
+    previous_ = SetQelSessionLogSink(&Deliver);
+  }
+  ~ActingSink() {
+    SetQelSessionLogSink(previous_);
+    Act() = nullptr;
+  }
+  ActingSink(const ActingSink&) = delete;
+  ActingSink& operator=(const ActingSink&) = delete;
+
+  const Messages& messages() const { return Recorded(); }
+
+ private:
+  static Messages& Recorded() {
+    static Messages messages;
+    return messages;
+  }
+  static Action& Act() {
+    static Action act;
+    return act;
+  }
+  static void Deliver(std::wstring level, std::wstring message) {
+    Recorded().emplace_back(level, message);
+    if (Act()) Act()(level, message);
   }
   QelSessionLogSink previous_ = nullptr;
 };
