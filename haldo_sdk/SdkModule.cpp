@@ -11,26 +11,31 @@ ModuleUnloadFunction& SdkModuleUnloader() {
   return unload;
 }
 
-SdkLoadCheck CheckSdkLoad(const std::wstring& knownPath,
-                          const std::function<void(const std::wstring&)>& beforeSignature) {
+SdkLoadCheck CheckSdkLoad(const std::wstring& knownPath, SdkLoadSteps* steps) {
   SdkLoadCheck check;
   check.selfUpdate = InspectSelfUpdateLock();
   if (check.selfUpdate.running) {
     check.refusal = kWrapperSelfUpdateRunning;
+    if (steps) steps->SelfUpdateRunning();
     return check;
   }
   check.path = knownPath;
   if (check.path.empty()) {
     check.lookup = LookUpSdkPath();
+    if (steps) steps->PathLookedUp(*check.lookup);
     if (check.lookup->outcome == SdkPathLookup::Outcome::Found) check.path = check.lookup->expanded;
   }
   if (check.path.empty()) {
     check.refusal = kWrapperSdkNotLoaded;
+    if (steps) steps->NoPath();
     return check;
   }
-  if (beforeSignature) beforeSignature(check.path);
-  check.signature = InspectSignature(check.path);
-  if (!check.signature->passed()) check.refusal = kWrapperSignatureRejected;
+  if (steps) steps->SignatureCheckNext(check.path);
+  check.signature = InspectSignature(check.path, steps ? steps->signatureSteps() : nullptr);
+  if (!check.signature->passed()) {
+    check.refusal = kWrapperSignatureRejected;
+    if (steps) steps->SignatureRejected(check.path);
+  }
   return check;
 }
 
@@ -39,41 +44,56 @@ UniqueFileHandle HoldAgainstChanges(const std::wstring& path) {
                                         FILE_ATTRIBUTE_NORMAL, nullptr));
 }
 
+namespace {
+
+// The wrapper's side of the load walk: its log lines, each written at its
+// step, the SDK path it keeps, and the hold on the file from just before its
+// check until the loader has it.
+class LoadSteps final : public SdkLoadSteps {
+ public:
+  explicit LoadSteps(QelHaldoSdkWrapperState& state) : state_(state) {}
+
+  void SelfUpdateRunning() override { WriteWrapperLogLine(L"[INFO] Load: Self-update is running"); }
+  void PathLookedUp(const SdkPathLookup& lookup) override { state_.dllPath = GetDllPath(lookup); }
+  void NoPath() override { WriteWrapperLogLine(L"[ERROR] Load: dll path empty!"); }
+  void SignatureCheckNext(const std::wstring& path) override {
+    WriteWrapperLogLine(L"[INFO] Load: HALDO SDK path = " + path);
+    // Nobody may write, rename or delete the file between its check and its
+    // load, or a file other than the checked one could load. The check and
+    // the loader only read, so they share it with this reader. Without the
+    // hold (a folder, no access, a writer already there) everything goes on
+    // as before: the check and the load decide.
+    hold_ = HoldAgainstChanges(path);
+  }
+  void SignatureRejected(const std::wstring& path) override {
+    WriteWrapperLogLine(L"[ERROR] IsSignatureValid: Signature invalid at path = " + path);
+  }
+  SignatureSteps* signatureSteps() override { return &signatureLog_; }
+
+  void ReleaseHold() { hold_.reset(); }
+
+ private:
+  QelHaldoSdkWrapperState& state_;
+  SignatureLog signatureLog_;
+  UniqueFileHandle hold_;
+};
+
+}  // namespace
+
 bool LoadSdk(int& code) {
   code = kWrapperSdkNotLoaded;
   QelHaldoSdkWrapperState& state = WrapperState();
   if (state.module) return true;
 
-  // Nobody may write, rename or delete the file between its check and its
-  // load, or a file other than the checked one could load. The check and the
-  // loader only read, so they share it with this reader. Without the hold
-  // (a folder, no access, a writer already there) everything goes on as
-  // before: the check and the load decide.
-  UniqueFileHandle hold;
-  const SdkLoadCheck check =
-      CheckSdkLoad(state.dllPath, [&hold](const std::wstring& path) { hold = HoldAgainstChanges(path); });
-
-  if (check.selfUpdate.running) {
-    WriteWrapperLogLine(L"[INFO] Load: Self-update is running");
-    code = kWrapperSelfUpdateRunning;
-    return false;
-  }
-  if (check.lookup) state.dllPath = GetDllPath(*check.lookup);
-  if (state.dllPath.empty()) {
-    WriteWrapperLogLine(L"[ERROR] Load: dll path empty!");
-    return false;
-  }
-  WriteWrapperLogLine(L"[INFO] Load: HALDO SDK path = " + state.dllPath);
-
-  if (check.signature) LogSignatureFindings(*check.signature);
-  if (check.refusal == kWrapperSignatureRejected) {
-    code = kWrapperSignatureRejected;
-    WriteWrapperLogLine(L"[ERROR] IsSignatureValid: Signature invalid at path = " + state.dllPath);
+  LoadSteps steps(state);
+  const SdkLoadCheck check = CheckSdkLoad(state.dllPath, &steps);
+  if (check.refusal != kWrapperSuccess) {
+    code = check.refusal;
     return false;
   }
 
   state.module.reset(::LoadLibraryW(state.dllPath.c_str()));
-  hold.reset();
+  steps.ReleaseHold();
   if (!state.module) WriteWrapperLogLine(L"[ERROR] Load: LoadLibraryW failed to load " + state.dllPath);
   return state.module.valid();
 }

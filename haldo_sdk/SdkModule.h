@@ -4,7 +4,6 @@
 
 #include <windows.h>
 
-#include <functional>
 #include <optional>
 #include <string>
 
@@ -21,10 +20,29 @@ namespace ambrel {
 using ModuleUnloadFunction = BOOL(WINAPI*)(HMODULE module);
 ModuleUnloadFunction& SdkModuleUnloader();
 
+// Told of the load walk's steps as they happen, each before the walk goes on.
+// Every step does nothing by default.
+class SdkLoadSteps {
+ public:
+  virtual ~SdkLoadSteps() = default;
+  // The lock file names a running process: the walk ends here.
+  virtual void SelfUpdateRunning() {}
+  // The registry was read for the SDK location (only while no path was known).
+  virtual void PathLookedUp(const SdkPathLookup& /*lookup*/) {}
+  // There is no SDK file to check: the walk ends here.
+  virtual void NoPath() {}
+  // The SDK file is known; its signature is checked next.
+  virtual void SignatureCheckNext(const std::wstring& /*path*/) {}
+  // The signature check refused the file: the walk ends here.
+  virtual void SignatureRejected(const std::wstring& /*path*/) {}
+  // Told of the signature check's own steps; none when null.
+  virtual SignatureSteps* signatureSteps() { return nullptr; }
+};
+
 // What stands between the wrapper and LoadLibraryW, in the order it meets it:
 // the self-update lock, the SDK file's path, its signature and publisher.
 // Each step is reached only when the one before it let the load go on; the
-// first refusal ends the walk. Logs nothing.
+// first refusal ends the walk.
 struct SdkLoadCheck {
   SelfUpdateLock selfUpdate;
   std::optional<SdkPathLookup> lookup;  // absent when the path was known already, or not reached
@@ -35,10 +53,11 @@ struct SdkLoadCheck {
   int refusal = 0;
 };
 // `knownPath`: the path an earlier load found (then the registry is not read).
-// `beforeSignature` runs with the path just before the signature is checked.
-// An unexpected error testing for the lock file raises filesystem_error ("exists").
-SdkLoadCheck CheckSdkLoad(const std::wstring& knownPath,
-                          const std::function<void(const std::wstring&)>& beforeSignature = nullptr);
+// `steps` is told of each step as it happens. An unexpected error testing for
+// the lock file raises filesystem_error ("exists"), and one obtaining the
+// temporary directory (when the program-data folder cannot be had)
+// filesystem_error ("temp_directory_path").
+SdkLoadCheck CheckSdkLoad(const std::wstring& knownPath, SdkLoadSteps* steps = nullptr);
 
 // Opens `path` for reading, shared with readers only, so that while the handle
 // is open nobody can write, rename or delete the file. An empty handle when

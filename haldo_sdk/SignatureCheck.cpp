@@ -10,7 +10,7 @@
 
 namespace ambrel {
 
-LONG TrustStatus(const std::wstring& path, WinVerifyTrustFunction verify) {
+LONG TrustStatus(const std::wstring& path, SignatureSteps* steps) {
   WINTRUST_FILE_INFO file{};
   file.cbStruct = sizeof file;
   file.pcwszFilePath = path.c_str();
@@ -33,55 +33,31 @@ LONG TrustStatus(const std::wstring& path, WinVerifyTrustFunction verify) {
 
   GUID action = WINTRUST_ACTION_GENERIC_VERIFY_V2;
   // The verification state is released on every path, failed verifications
-  // included: WinVerifyTrust keeps it until it is asked to close it.
+  // included: WinVerifyTrust keeps it until it is asked to close it. A failed
+  // status is reported before that close.
   const ScopeExit closeState([&] {
     data.dwStateAction = WTD_STATEACTION_CLOSE;
-    verify(nullptr, &action, &data);
+    ::WinVerifyTrust(nullptr, &action, &data);
   });
-  return verify(nullptr, &action, &data);
+  const LONG status = ::WinVerifyTrust(nullptr, &action, &data);
+  if (status != 0 && steps) steps->TrustFailed(status);
+  return status;
 }
 
-namespace {
-
-void LogTrustStatus(LONG status) {
-  if (status != 0) WriteWrapperLogLine(L"[ERROR] WinVerifyTrust returned status: " + std::to_wstring(status));
-}
-
-bool LogPublisherSearch(const PublisherSearch& search) {
-  switch (search.outcome) {
-    case PublisherSearch::Outcome::SignatureUnreadable:
-      WriteWrapperLogLine(L"[ERROR] CryptQueryObject returned false!");
-      return false;
-    case PublisherSearch::Outcome::NotFound:
-      WriteWrapperLogLine(L"[ERROR] CertFindCertificateInStore returned ERROR: " + std::to_wstring(search.error));
-      return false;
-    case PublisherSearch::Outcome::Found:
-      return true;
-  }
-  return false;  // GCOVR_EXCL_LINE every outcome is handled above
-}
-
-}  // namespace
-
-bool VerifyTrust(const std::wstring& path, WinVerifyTrustFunction verify) {
-  const LONG status = TrustStatus(path, verify);
-  LogTrustStatus(status);
-  return status == 0;
-}
-
-PublisherSearch SearchPublisher(const std::wstring& path, const wchar_t* publisher) {
+PublisherSearch SearchPublisher(const std::wstring& path, const wchar_t* publisher, SignatureSteps* steps) {
   PublisherSearch search;
   DWORD encoding = 0;
   DWORD contentType = 0;
   DWORD formatType = 0;
   // Declared so that the store is closed before the message, the order the
-  // query handed them out in.
+  // query handed them out in; both only after a failure has been reported.
   UniqueCryptMsg message;
   UniqueCertStore store;
   if (!::CryptQueryObject(CERT_QUERY_OBJECT_FILE, path.c_str(), CERT_QUERY_CONTENT_FLAG_PKCS7_SIGNED_EMBED,
                           CERT_QUERY_FORMAT_FLAG_BINARY, 0, &encoding, &contentType, &formatType, store.put(),
                           message.put(), nullptr)) {
     search.error = ::GetLastError();
+    if (steps) steps->SignatureUnreadable(search.error);
     return search;
   }
 
@@ -90,42 +66,42 @@ PublisherSearch SearchPublisher(const std::wstring& path, const wchar_t* publish
   if (!found) {
     search.outcome = PublisherSearch::Outcome::NotFound;
     search.error = ::GetLastError();
+    if (steps) steps->PublisherNotFound(search.error);
     return search;
   }
   search.outcome = PublisherSearch::Outcome::Found;
   return search;
 }
 
-bool SignatureNamesPublisher(const std::wstring& path, const wchar_t* publisher) {
-  return LogPublisherSearch(SearchPublisher(path, publisher));
-}
-
-WinVerifyTrustFunction& TrustVerifier() {
-  static WinVerifyTrustFunction verify = ::WinVerifyTrust;
-  return verify;
-}
-
-SignatureFindings InspectSignature(const std::wstring& path) {
+SignatureFindings InspectSignature(const std::wstring& path, SignatureSteps* steps) {
   SignatureFindings findings;
-  findings.trust = TrustStatus(path, TrustVerifier());
-  if (findings.trust == 0) findings.publisher = SearchPublisher(path, kSdkPublisher);
+  findings.trust = TrustStatus(path, steps);
+  if (findings.trust != 0) {
+    if (steps) steps->TrustRejected();
+    return findings;
+  }
+  findings.publisher = SearchPublisher(path, kSdkPublisher, steps);
   return findings;
 }
 
-void LogSignatureFindings(const SignatureFindings& findings) {
-  LogTrustStatus(findings.trust);
-  if (findings.trust != 0) {
-    WriteWrapperLogLine(L"[ERROR] VerifyCertificate failed!");
-  } else if (findings.publisher) {
-    LogPublisherSearch(*findings.publisher);
-  }
+void SignatureLog::TrustFailed(LONG status) {
+  WriteWrapperLogLine(L"[ERROR] WinVerifyTrust returned status: " + std::to_wstring(status));
+}
+
+void SignatureLog::TrustRejected() { WriteWrapperLogLine(L"[ERROR] VerifyCertificate failed!"); }
+
+void SignatureLog::SignatureUnreadable(DWORD /*error*/) {
+  WriteWrapperLogLine(L"[ERROR] CryptQueryObject returned false!");
+}
+
+void SignatureLog::PublisherNotFound(DWORD error) {
+  WriteWrapperLogLine(L"[ERROR] CertFindCertificateInStore returned ERROR: " + std::to_wstring(error));
 }
 
 bool VerifyCertificate(const std::wstring& path) {
   if (path.empty()) return true;
-  const SignatureFindings findings = InspectSignature(path);
-  LogSignatureFindings(findings);
-  return findings.passed();
+  SignatureLog log;
+  return InspectSignature(path, &log).passed();
 }
 
 }  // namespace ambrel

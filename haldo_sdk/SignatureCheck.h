@@ -14,36 +14,53 @@ namespace ambrel {
 // The text a certificate subject must contain (any case, anywhere).
 inline constexpr const wchar_t* kSdkPublisher = L"Tavrel, Inc";
 
-// WinVerifyTrust's shape, so a test can watch the calls made through it.
-using WinVerifyTrustFunction = LONG(WINAPI*)(HWND, GUID*, LPVOID);
+// Told of the check's failures as they happen: each call comes before the
+// check releases what the failed step handed out, so a log line written there
+// precedes the close that follows it. Every step does nothing by default.
+class SignatureSteps {
+ public:
+  virtual ~SignatureSteps() = default;
+  // WinVerifyTrust answered `status` (not 0); the call that releases its
+  // state comes next.
+  virtual void TrustFailed(LONG /*status*/) {}
+  // The trust stage failed and its state is released; the publisher stage
+  // will not run.
+  virtual void TrustRejected() {}
+  // CryptQueryObject could not read the embedded signature (`error`).
+  virtual void SignatureUnreadable(DWORD /*error*/) {}
+  // No certificate names the publisher (`error` is GetLastError() of the
+  // search); the store and the message are closed next.
+  virtual void PublisherNotFound(DWORD /*error*/) {}
+};
 
-// The WinVerifyTrust that VerifyCertificate calls. Replaceable so that a test
-// can act while a check is in progress.
-WinVerifyTrustFunction& TrustVerifier();
+// The wrapper's log lines for those failures, each written at its step.
+class SignatureLog final : public SignatureSteps {
+ public:
+  void TrustFailed(LONG status) override;
+  void TrustRejected() override;
+  void SignatureUnreadable(DWORD error) override;
+  void PublisherNotFound(DWORD error) override;
+};
 
-// Both stages; an empty path passes. Logs what failed.
+// Both stages; an empty path passes. Logs what failed, as it fails.
 bool VerifyCertificate(const std::wstring& path);
 
 // WinVerifyTrust with the generic Authenticode action, no UI and no
 // revocation check, always followed by the call that releases its state.
-// Returns its status (0: verified); logs nothing.
-LONG TrustStatus(const std::wstring& path, WinVerifyTrustFunction verify = ::WinVerifyTrust);
+// Returns its status (0: verified).
+LONG TrustStatus(const std::wstring& path, SignatureSteps* steps = nullptr);
 
-// TrustStatus, logging a failed status; true when it is 0.
-bool VerifyTrust(const std::wstring& path, WinVerifyTrustFunction verify = ::WinVerifyTrust);
-
-// The publisher search over the file's embedded signature; logs nothing.
+// The publisher search over the file's embedded signature.
 // `error` is GetLastError() of the failed step.
 struct PublisherSearch {
   enum class Outcome { SignatureUnreadable, NotFound, Found };
   Outcome outcome = Outcome::SignatureUnreadable;
   DWORD error = 0;
 };
-PublisherSearch SearchPublisher(const std::wstring& path, const wchar_t* publisher);
+PublisherSearch SearchPublisher(const std::wstring& path, const wchar_t* publisher, SignatureSteps* steps = nullptr);
 
 // Both stages as a record: the trust status, and the publisher search when
-// the trust stage passed (it is not run otherwise). Uses TrustVerifier();
-// logs nothing.
+// the trust stage passed (it is not run otherwise).
 struct SignatureFindings {
   LONG trust = 0;
   std::optional<PublisherSearch> publisher;
@@ -51,12 +68,6 @@ struct SignatureFindings {
     return trust == 0 && publisher && publisher->outcome == PublisherSearch::Outcome::Found;
   }
 };
-SignatureFindings InspectSignature(const std::wstring& path);
-// The lines VerifyCertificate writes for these findings (none when they pass).
-void LogSignatureFindings(const SignatureFindings& findings);
-
-// True when a certificate of the file's embedded signature has a subject
-// containing `publisher`, compared without regard to case. Logs what failed.
-bool SignatureNamesPublisher(const std::wstring& path, const wchar_t* publisher);
+SignatureFindings InspectSignature(const std::wstring& path, SignatureSteps* steps = nullptr);
 
 }  // namespace ambrel
