@@ -56,6 +56,22 @@ TEST_F(SessionWithSdkTest, WholeConversationLocksAndUnlocksTheVersionFolder) {
   EXPECT_FALSE(QelHaldoSdkWrapperImpl().IsInitialized());
 }
 
+TEST_F(SessionWithSdkTest, NoKeyOfTheSessionIsOpenWhileTheInstallerLocks) {
+  SetSdkLocation(StandInKind::Signed);
+  const std::wstring expected = WriteCompleteInstall();
+  EXPECT_EQ(RunWholeConversation(), expected);  // the system opens what it opens once
+  sandbox_.sdk().CountHandles();
+  EXPECT_EQ(RunWholeConversation(), expected);
+  const auto counts = sandbox_.sdk().HandleCounts();
+  ASSERT_EQ(counts.size(), 2u);
+  EXPECT_EQ(counts[0].first, "Initialize");
+  EXPECT_EQ(counts[1].first, "LockDirectory");
+  ASSERT_GT(counts[0].second, 0) << "the handle table cannot be read here";
+  // Inside LockDirectory the process holds what it held when the SDK session
+  // started: the registry keys the session read are closed by then.
+  EXPECT_EQ(counts[1].second, counts[0].second);
+}
+
 TEST_F(SessionWithSdkTest, SecondUninitializeOnOneObjectFindsNoSession) {
   SetSdkLocation(StandInKind::Signed);
   const std::wstring expected = WriteCompleteInstall();

@@ -77,6 +77,20 @@ void StandInSdk::SetRefuseLoad(bool refuse) {
   WriteConfig();
 }
 
+void StandInSdk::CountHandles() {
+  config_["HandleRecord"] = Narrow(dir_ / L"handles.txt");
+  WriteConfig();
+}
+
+std::vector<std::pair<std::string, long>> StandInSdk::HandleCounts() const {
+  std::vector<std::pair<std::string, long>> counts;
+  for (const std::string& line : SplitLines(ReadFileBytes(dir_ / L"handles.txt"))) {
+    const std::size_t tab = line.find('\t');
+    counts.emplace_back(line.substr(0, tab), std::stol(line.substr(tab + 1)));
+  }
+  return counts;
+}
+
 void StandInSdk::WriteConfig() const {
   std::string text;
   for (const auto& [key, value] : config_) text += key + "=" + value + "\n";

@@ -15,6 +15,7 @@
 #include <map>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "tests/support/TestSupport.h"
@@ -73,6 +74,10 @@ class StandInSdk {
   void SetSessionId(const std::string& id);
   // Makes the DLL's entry point refuse the load, so LoadLibraryW fails.
   void SetRefuseLoad(bool refuse);
+  // Has Initialize and LockDirectory note the handles this process holds
+  // when they are entered; HandleCounts() reads them back, in call order.
+  void CountHandles();
+  std::vector<std::pair<std::string, long>> HandleCounts() const;
 
   // The calls so far, in order; the loading lines only when asked for.
   std::vector<std::string> Calls(bool withLoading = false) const;

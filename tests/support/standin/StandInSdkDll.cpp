@@ -4,7 +4,9 @@
 // sessions and nothing kept in the DLL would survive:
 //   AMBREL_STANDIN_SDK_CONFIG  lines "Export=<int>" (the result that export
 //                              returns, 0 when absent), "SessionId=<text>" and
-//                              "FailAttach=1" (the DLL refuses to load);
+//                              "FailAttach=1" (the DLL refuses to load) and
+//                              "HandleRecord=<file>" (Initialize and LockDirectory
+//                              append "<export>\t<handles this process holds>");
 //   AMBREL_STANDIN_SDK_RECORD  every call is appended, one line each, fields
 //                              separated by tabs (see StandInSdk.h on the test side).
 // Defining STANDIN_OMIT_<Export> leaves that export out.
@@ -14,6 +16,8 @@
 #include <cstdlib>
 #include <cstring>
 #include <string>
+
+#include "tests/support/HandleCount.h"
 
 namespace {
 
@@ -64,6 +68,17 @@ void Record(const std::string& line) {
   }
 }
 
+// The process's handle count as the SDK sees it when `exportName` is entered.
+void RecordHandles(const char* exportName) {
+  const std::string path = ConfigValue("HandleRecord", "");
+  if (path.empty()) return;
+  if (FILE* file = std::fopen(path.c_str(), "ab")) {
+    std::fputs((std::string(exportName) + "\t" + std::to_string(ambrel::test::CountProcessHandles()) + "\n").c_str(),
+               file);
+    std::fclose(file);
+  }
+}
+
 std::string Text(const char* value) { return value ? std::string(value) : std::string("<null>"); }
 
 // LockDirectory and UnLockDirectory behave alike.
@@ -107,6 +122,7 @@ BOOL WINAPI DllMain(HINSTANCE, DWORD reason, LPVOID) {
 
 #ifndef STANDIN_OMIT_Initialize
 __declspec(dllexport) int Initialize(const char* plc, const char* release, const char* language, char** sessionId) {
+  RecordHandles("Initialize");
   const int result = ConfiguredResult("Initialize");
   const std::string incoming = !sessionId ? "no-slot" : (*sessionId ? "set" : "null");
   if (result == 0 && sessionId) {
@@ -151,6 +167,7 @@ __declspec(dllexport) int Uninitialize(const char* sessionId) {
 
 #ifndef STANDIN_OMIT_LockDirectory
 __declspec(dllexport) int LockDirectory(const char* sessionId, const char* directory) {
+  RecordHandles("LockDirectory");
   return DirectoryCall("LockDirectory", sessionId, directory);
 }
 #endif
