@@ -11,7 +11,8 @@
 // boundary: any export that builds a string may throw std::bad_alloc, or
 // std::length_error for one beyond max_size(); each comment names the others.
 // std::filesystem::filesystem_error carries the Windows error code and text,
-// and its what() names the operation ("exists" or "status") and the path.
+// and its what() names the operation ("exists", "status" or
+// "temp_directory_path") and the path.
 #pragma once
 
 #include <windows.h>
@@ -37,18 +38,21 @@
 // QEL_INITIALIZE_BYPASSED=1 is set for child processes. True when the folder is
 // on PATH or the work is deliberately skipped (development build, done before,
 // inherited marker); false when any step failed (the process is left as it
-// was). Throws std::filesystem::filesystem_error, "status" when testing the
-// folder or "exists" when testing for the installer's self-update lock file
-// fails unexpectedly, and whatever the session sink throws. Call once, early,
-// on the start-up thread.
+// was). Throws std::filesystem::filesystem_error: "status" when testing the
+// folder fails unexpectedly, "exists" when testing for the installer's
+// self-update lock file does, and "temp_directory_path" when the program-data
+// folder cannot be obtained and the temporary directory (where the lock file
+// is then looked for) cannot either; and whatever the session sink throws.
+// Call once, early, on the start-up thread.
 extern "C" AMBREL_API bool InitializeQel();
 
 // The shared-components folder, looked up once per library through a
 // throw-away installer session (the lock is dropped at once); "" when there is
 // none, also when first called after a successful InitializeQel. Never null;
 // the pointer stays valid while the library is loaded. Throws what
-// InitializeQel throws (filesystem_error "status" or "exists", the session
-// sink's exceptions); a first call that throws is retried by the next.
+// InitializeQel throws (filesystem_error "status", "exists" or
+// "temp_directory_path", the session sink's exceptions); a first call that
+// throws is retried by the next.
 // Concurrent first calls wait for one lookup; not alongside InitializeQel on
 // another thread, which drives the same installer state.
 extern "C" AMBREL_API const wchar_t* GetSharedDllPath();
@@ -73,8 +77,8 @@ AMBREL_API bool IsDevelopment();
 // PATH and the current directory are never searched. Runs on the thread whose
 // delay load failed; does not read the folder InitializeQel recorded. The
 // first failure that needs the shared folder looks it up as GetSharedDllPath
-// does, and throws what that lookup throws (filesystem_error "status" or
-// "exists", the session sink's exceptions); std::system_error ("file name")
+// does, and throws what that lookup throws (filesystem_error "status", "exists"
+// or "temp_directory_path", the session sink's exceptions); std::system_error ("file name")
 // when the DLL's name does not convert in the file APIs' code page.
 AMBREL_API FARPROC WINAPI DelayLoadHook(unsigned dliNotify, PDelayLoadInfo pdli);
 
@@ -118,8 +122,10 @@ class AMBREL_API OSxFolder {
   static const wchar_t* GetSharedDllPath();
   // Runs InitializeQel and returns its result; with honourEdition true a
   // KLXLITE installation returns true without doing anything. Throws what
-  // InitializeQel throws, and filesystem_error ("exists") when testing for
-  // Kalvex.ini fails unexpectedly. Start-up thread only.
+  // InitializeQel throws (filesystem_error "status", "exists" or
+  // "temp_directory_path", the session sink's exceptions), and
+  // filesystem_error ("exists") when testing for Kalvex.ini fails
+  // unexpectedly. Start-up thread only.
   static bool UpdateSharedDllPath(bool honourEdition);
 };
 

@@ -5,7 +5,9 @@
 // registry, environment or SDK failure. What can leave it: std::bad_alloc and
 // std::length_error, and from Initialize the wrapper's
 // std::filesystem::filesystem_error ("exists") when the installer's
-// self-update lock file cannot be tested for an unexpected reason.
+// self-update lock file cannot be tested for an unexpected reason, or
+// ("temp_directory_path") when neither the program-data folder nor the
+// temporary directory can be had to look for it.
 #pragma once
 
 #include <windows.h>

@@ -132,6 +132,22 @@ TEST_F(SessionOrderTest, MessagesThatCloseTheKeyComeWhileItIsOpen) {
   EXPECT_EQ(Handles(), before);
 }
 
+TEST_F(SessionOrderTest, NoCustomPathForAnUnreadableSwitchComesWhileItsKeyIsOpen) {
+  WriteCompleteInstall(std::nullopt);
+  Initialized(0);
+  EXPECT_CALL(*wrapper_, LockDirectory(_)).WillRepeatedly(Return(0));
+  std::wstring location;
+  (void)session().LockInstallLocation(location);  // the system opens what it opens once
+  const long before = Handles();
+  long atMessage = -1;
+  ActingSink sink([&](const std::wstring&, const std::wstring& message) {
+    if (message == kNoCustomPath) atMessage = Handles();
+  });
+  EXPECT_EQ(session().LockInstallLocation(location), Success);
+  EXPECT_EQ(atMessage, before + 1);
+  EXPECT_EQ(Handles(), before);
+}
+
 // ---- the key is closed before the lock ----
 
 TEST_F(SessionOrderTest, TheRegistryKeyIsClosedBeforeTheVersionFolderIsLocked) {
