@@ -65,7 +65,7 @@ class QelSession {
   QelStatus ReadInstallLocation(const std::wstring& keyRelease);
 
  private:
-  friend struct QelSessionInspector;  // tests look at the fields
+  friend struct QelSessionInspector;  // tests point the registry step at another key
 
   // Take a lookup's result into the session's state (its messages were
   // delivered while it ran); return its status.

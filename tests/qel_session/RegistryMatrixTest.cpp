@@ -147,8 +147,10 @@ TEST_P(LocateMatrix, RegistryLocateStep) {
   MakeFolders(row.folders);
   Write(L"InstallPath", row.installPath);
   Write(L"Version", row.version);
+  EXPECT_CALL(*wrapper_, Initialize("QEL", "2026", "neutral")).WillOnce(Return(0));
+  ASSERT_EQ(session_->Initialize(L"2026"), Success);
   EXPECT_EQ(session_->ReadInstallLocation(L"2026"), row.result);
-  EXPECT_EQ(QelSessionInspector::InstallLocation(*session_), Expand(row.location));
+  EXPECT_EQ(HeldFolder(*session_, *wrapper_), Expand(row.location));
   EXPECT_EQ(sink_.messages(), ExpandAll(row.messages));
 }
 
@@ -209,9 +211,9 @@ TEST_P(OverrideMatrix, OverrideStep) {
   env_.Set(L"QEL_PATH_2026", row.overrideValue);
   Write(L"EnablePathOverride", row.enable);
   EXPECT_EQ(session_->GetPathOverride(L"2026"), row.result);
-  EXPECT_EQ(QelSessionInspector::InstallLocation(*session_), row.location);
-  EXPECT_EQ(QelSessionInspector::PathOverridden(*session_), row.overridden);
+  EXPECT_EQ(HeldFolder(*session_, *wrapper_), row.location);
   EXPECT_EQ(sink_.messages(), row.messages);
+  EXPECT_EQ(TakesTheOverrideAsNamingTheFolder(*session_, *wrapper_, dir_), row.overridden);
 }
 
 INSTANTIATE_TEST_SUITE_P(Values, OverrideMatrix, ::testing::ValuesIn(OverrideRows()),

@@ -20,10 +20,8 @@ TEST_P(BypassTest, AnyValueBypassesWithoutTouchingTheWrapper) {
   env_.Set(L"QEL_INITIALIZE_BYPASSED", GetParam());
   EXPECT_EQ(session().Initialize(L"2026"), InitializeBypassed);
   EXPECT_EQ(messages(), (Messages{{L"INFO", L"Intialize is bypassed"}}));
-  EXPECT_TRUE(QelSessionInspector::Release(session()).empty());
-  EXPECT_TRUE(QelSessionInspector::ProductLineCode(session()).empty());
-  EXPECT_EQ(QelSessionInspector::SdkStatus(session()), 7);
-
+  // Nothing was taken over: the later operations find no release, and the
+  // strict mock shows the wrapper was never called.
   std::wstring location = L"untouched";
   EXPECT_EQ(session().LockInstallLocation(location), NotInitialized);
   EXPECT_EQ(location, L"untouched");
@@ -36,10 +34,14 @@ INSTANTIATE_TEST_SUITE_P(Values, BypassTest, ::testing::Values(L"1", L"0", L"no"
 TEST_F(SessionTest, InitializeStartsTheSdkForQelNeutralAndTheRelease) {
   EXPECT_CALL(*wrapper_, Initialize("QEL", "2026", "neutral")).WillOnce(Return(0));
   EXPECT_EQ(session().Initialize(L"2026"), Success);
-  EXPECT_EQ(QelSessionInspector::Release(session()), L"2026");
-  EXPECT_EQ(QelSessionInspector::ProductLineCode(session()), "QEL");
-  EXPECT_EQ(QelSessionInspector::SdkStatus(session()), 0);
   EXPECT_TRUE(messages().empty());
+  // The release is kept: the lock step reads its key and, the SDK session
+  // being usable, asks for the lock.
+  const std::wstring expected = WriteCompleteInstall();
+  EXPECT_CALL(*wrapper_, LockDirectory(Narrow(expected) + "\\")).WillOnce(Return(0));
+  std::wstring location;
+  EXPECT_EQ(session().LockInstallLocation(location), Success);
+  EXPECT_EQ(location, expected);
 }
 
 TEST_F(SessionTest, InitializeHandsTheReleaseOverAsUtf8) {
@@ -49,13 +51,15 @@ TEST_F(SessionTest, InitializeHandsTheReleaseOverAsUtf8) {
 
 TEST_F(SessionTest, SessionAlreadyHeldCountsAsStarted) {
   Initialized(2);
-  EXPECT_EQ(QelSessionInspector::SdkStatus(session()), 2);
   EXPECT_TRUE(messages().empty());
+  const std::wstring expected = WriteCompleteInstall();
+  EXPECT_CALL(*wrapper_, LockDirectory(Narrow(expected) + "\\")).WillOnce(Return(0));
+  std::wstring location;
+  EXPECT_EQ(session().LockInstallLocation(location), Success);
 }
 
 TEST_F(SessionTest, FailedSdkStartStillSucceedsWithMessage2) {
   Initialized(3);
-  EXPECT_EQ(QelSessionInspector::SdkStatus(session()), 3);
   // The rendering for code 3: the colon directly followed by the digit.
   EXPECT_EQ(messages(), (Messages{{L"WARN", L"Failed to intialize HALDO SDK wrapper status code:3"}}));
 }

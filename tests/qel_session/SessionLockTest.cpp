@@ -31,9 +31,7 @@ TEST_F(SessionTest, LocksTheVersionFolderWithATrailingBackslashAndUnlocksIt) {
   std::wstring location = L"replaced";
   EXPECT_EQ(session().LockInstallLocation(location), Success);
   EXPECT_EQ(location, expected);
-  EXPECT_EQ(QelSessionInspector::InstallLocation(session()), expected);
-  EXPECT_EQ(QelSessionInspector::SdkStatus(session()), 0);
-  EXPECT_FALSE(QelSessionInspector::PathOverridden(session()));
+  // The in-sequence unlock of the same folder shows what the session kept.
   EXPECT_EQ(session().Uninitialize(), Success);
   EXPECT_TRUE(messages().empty());
 }
@@ -69,9 +67,10 @@ TEST_F(SessionTest, FailedLockIsMessage13AndStillHandsOutTheLocation) {
   std::wstring location;
   EXPECT_EQ(session().LockInstallLocation(location), Success);
   EXPECT_EQ(location, expected);
-  EXPECT_EQ(QelSessionInspector::SdkStatus(session()), 5);
   EXPECT_EQ(messages(),
             (Messages{{L"WARN", L"Failed to lock" + expected + L"\\, HALDO SDK wrapper status code : 5"}}));
+  // The lock's result replaced the start's: the next attempt shows it.
+  EXPECT_EQ(SdkStatusShownByTheNextLock(), L"5");
 }
 
 TEST_F(SessionTest, Message13RenderingForAnOverrideLocation) {
@@ -118,12 +117,19 @@ TEST_F(SessionTest, ShortOverrideIsMessages12And3AndAnEmptyLocation) {
   std::wstring location = L"replaced";
   EXPECT_EQ(session().LockInstallLocation(location), Success);
   EXPECT_EQ(location, L"");
-  EXPECT_EQ(QelSessionInspector::InstallLocation(session()), L"D:\\x");
-  EXPECT_TRUE(QelSessionInspector::PathOverridden(session()));
   // Message 3 although the SDK session is fine: the location was unusable.
   EXPECT_EQ(messages(), (Messages{{L"INFO", L"EnablePathOverride is set to 1"},
                                   {L"ERROR", kPathIncorrect + L"D:\\x"},
                                   {L"WARN", kSdkInitFailed + L"0"}}));
+  // The session keeps the short folder (it is what Uninitialize unlocks), and
+  // takes the override as having named it: switched off, the override leaves
+  // the registry step at InstallPath alone.
+  EXPECT_EQ(HeldFolder(), L"D:\\x");
+  RegistrySandbox::SetDword(HKEY_LOCAL_MACHINE, kSharedComponentsKey, L"EnablePathOverride", 0);
+  const std::wstring installPath = dir_ / L"Shared";
+  EXPECT_CALL(*wrapper_, LockDirectory(Narrow(installPath) + "\\")).WillOnce(Return(0));
+  EXPECT_EQ(session().LockInstallLocation(location), Success);
+  EXPECT_EQ(location, installPath);
 }
 
 TEST_F(SessionTest, Message12RenderingForADriveRoot) {
@@ -167,8 +173,13 @@ TEST_F(SessionTest, EnabledOverrideWithoutVariableFallsBackToTheRegistry) {
   std::wstring location;
   EXPECT_EQ(session().LockInstallLocation(location), Success);
   EXPECT_EQ(location, expected);
-  EXPECT_FALSE(QelSessionInspector::PathOverridden(session()));
   EXPECT_EQ(messages(), (Messages{{L"INFO", L"EnablePathOverride is set to 1"}}));
+  // Not taken as overridden: switched off, the override leaves the registry
+  // step reading Version as before.
+  RegistrySandbox::SetDword(HKEY_LOCAL_MACHINE, kSharedComponentsKey, L"EnablePathOverride", 0);
+  EXPECT_CALL(*wrapper_, LockDirectory(Narrow(expected) + "\\")).WillOnce(Return(0));
+  EXPECT_EQ(session().LockInstallLocation(location), Success);
+  EXPECT_EQ(location, expected);
 }
 
 TEST_F(SessionTest, EnabledOverrideWithoutVariableTakesTheRegistryResultWhateverItIs) {

@@ -95,10 +95,10 @@ TEST_F(SessionTest, MissingVersionFolderIsMessage9WithTheVersionTextOnly) {
   EXPECT_EQ(session().LockInstallLocation(location), PathNotFound);
   // The missing folder is still handed back and kept.
   EXPECT_EQ(location, installPath + L"\\9.9");
-  EXPECT_EQ(QelSessionInspector::InstallLocation(session()), installPath + L"\\9.9");
   EXPECT_EQ(messages(),
             (Messages{{L"ERROR", L"The Version for the Install Path Does Not Exist.9.9 Error Code : " + ErrorTextOk()},
                       {L"WARN", kSdkInitFailed + L"0"}}));
+  EXPECT_EQ(HeldFolder(), installPath + L"\\9.9");
 }
 
 TEST_F(SessionTest, CustomKeyIsUsedByTheRegistryLookupOnly) {
@@ -161,7 +161,6 @@ TEST_F(SessionTest, PathOverriddenIsCarriedToTheNextLocateStep) {
   std::wstring location;
   EXPECT_EQ(session().LockInstallLocation(location), Success);
   EXPECT_EQ(location, overridePath);
-  EXPECT_TRUE(QelSessionInspector::PathOverridden(session()));
 
   // The switch is off now: GetPathOverride answers 100 and leaves the flag, so
   // the registry lookup stops at InstallPath without a version folder.
@@ -170,9 +169,12 @@ TEST_F(SessionTest, PathOverriddenIsCarriedToTheNextLocateStep) {
   EXPECT_CALL(*wrapper_, LockDirectory(Narrow(installPath) + "\\")).WillOnce(Return(0));
   EXPECT_EQ(session().LockInstallLocation(location), Success);
   EXPECT_EQ(location, installPath);
-  EXPECT_EQ(QelSessionInspector::InstallLocation(session()), installPath);
-  EXPECT_TRUE(QelSessionInspector::PathOverridden(session()));
+  EXPECT_EQ(HeldFolder(), installPath);
   EXPECT_TRUE(messages().empty());
+  // Still taken as overridden: the same step again stops at InstallPath.
+  EXPECT_CALL(*wrapper_, LockDirectory(Narrow(installPath) + "\\")).WillOnce(Return(0));
+  EXPECT_EQ(session().LockInstallLocation(location), Success);
+  EXPECT_EQ(location, installPath);
 
   // Switched on again without the variable: the flag is cleared and the
   // version folder is found again.
@@ -181,7 +183,12 @@ TEST_F(SessionTest, PathOverriddenIsCarriedToTheNextLocateStep) {
   EXPECT_CALL(*wrapper_, LockDirectory(Narrow(versionFolder) + "\\")).WillOnce(Return(0));
   EXPECT_EQ(session().LockInstallLocation(location), Success);
   EXPECT_EQ(location, versionFolder);
-  EXPECT_FALSE(QelSessionInspector::PathOverridden(session()));
+  // No longer taken as overridden: switched off again, the registry step
+  // reads Version.
+  RegistrySandbox::SetDword(HKEY_LOCAL_MACHINE, kSharedComponentsKey, L"EnablePathOverride", 0);
+  EXPECT_CALL(*wrapper_, LockDirectory(Narrow(versionFolder) + "\\")).WillOnce(Return(0));
+  EXPECT_EQ(session().LockInstallLocation(location), Success);
+  EXPECT_EQ(location, versionFolder);
 }
 
 TEST_F(SessionTest, LocateStepsCalledDirectly) {
@@ -191,24 +198,25 @@ TEST_F(SessionTest, LocateStepsCalledDirectly) {
   Initialized(0);
 
   EXPECT_EQ(session().GetPathOverride(L"2026"), Success);
-  EXPECT_EQ(QelSessionInspector::InstallLocation(session()), L"D:\\Override\\Folder");
-  EXPECT_TRUE(QelSessionInspector::PathOverridden(session()));
+  EXPECT_EQ(HeldFolder(), L"D:\\Override\\Folder");
   // While the flag is set, the registry step answers InstallPath alone.
   EXPECT_EQ(session().ReadInstallLocation(L"2026"), Success);
-  EXPECT_EQ(QelSessionInspector::InstallLocation(session()), installPath);
+  EXPECT_EQ(HeldFolder(), installPath);
 
-  // A key that cannot be opened: 100 and message 10, the flag kept.
+  // A key that cannot be opened: 100 and message 10, the flag kept (the
+  // registry step still answers InstallPath alone).
   sink_.clear();
   EXPECT_EQ(session().GetPathOverride(L"1999"), NoPathOverride);
-  EXPECT_TRUE(QelSessionInspector::PathOverridden(session()));
   EXPECT_EQ(messages(), (Messages{{L"FATAL", kNoCustomPath}}));
+  EXPECT_EQ(session().ReadInstallLocation(L"2026"), Success);
+  EXPECT_EQ(HeldFolder(), installPath);
 
   env_.Unset(L"QEL_PATH_2026");
   EXPECT_EQ(session().GetPathOverride(L"2026"), PathNotFound);
-  EXPECT_FALSE(QelSessionInspector::PathOverridden(session()));
-  EXPECT_EQ(QelSessionInspector::InstallLocation(session()), installPath);  // untouched by a refusal
+  EXPECT_EQ(HeldFolder(), installPath);  // untouched by a refusal
+  // The flag is cleared: the registry step reads Version again.
   EXPECT_EQ(session().ReadInstallLocation(L"2026"), Success);
-  EXPECT_EQ(QelSessionInspector::InstallLocation(session()), versionFolder);
+  EXPECT_EQ(HeldFolder(), versionFolder);
 }
 
 TEST_F(SessionTest, LocateStepsOpenTheKeyOfTheirArgumentAndTheOverrideVariableOfTheSession) {
@@ -223,11 +231,11 @@ TEST_F(SessionTest, LocateStepsOpenTheKeyOfTheirArgumentAndTheOverrideVariableOf
   Initialized(0);
 
   EXPECT_EQ(session().GetPathOverride(L"1999"), Success);
-  EXPECT_EQ(QelSessionInspector::InstallLocation(session()), L"D:\\Override\\Folder");
+  EXPECT_EQ(HeldFolder(), L"D:\\Override\\Folder");
   env_.Unset(L"QEL_PATH_2026");
   EXPECT_EQ(session().GetPathOverride(L"1999"), PathNotFound);
   EXPECT_EQ(session().ReadInstallLocation(L"1999"), Success);
-  EXPECT_EQ(QelSessionInspector::InstallLocation(session()), installPath + L"\\0.9");
+  EXPECT_EQ(HeldFolder(), installPath + L"\\0.9");
 }
 
 }  // namespace

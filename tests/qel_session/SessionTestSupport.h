@@ -23,14 +23,11 @@
 #include "tests/support/SdkSandbox.h"
 #include "tests/support/TestSupport.h"
 
-// Reads the session's fields; befriended by QelSession.
+// Points a session's registry step at another key, a setting nothing in the
+// library makes; befriended by QelSession. Tests learn everything else from
+// what the session does.
 struct QelSessionInspector {
   static void SetCustomRegistryKey(QelSession& s, std::wstring key) { s.customRegistryKey = std::move(key); }
-  static const std::wstring& InstallLocation(const QelSession& s) { return s.installLocation; }
-  static const std::wstring& Release(const QelSession& s) { return s.release; }
-  static bool PathOverridden(const QelSession& s) { return s.pathOverridden; }
-  static const std::string& ProductLineCode(const QelSession& s) { return s.productLineCode; }
-  static std::int32_t SdkStatus(const QelSession& s) { return s.sdkStatus; }
 };
 
 namespace ambrel::test {
@@ -171,6 +168,36 @@ inline std::wstring SystemErrorText(DWORD code) {
   return text;
 }
 
+// The folder an initialised session holds, as its Uninitialize hands it to
+// the installer to unlock (without the backslash it appends). Uninitialize
+// changes nothing of the session, so this may be asked more than once.
+inline std::wstring HeldFolder(QelSession& session, MockWrapper& wrapper) {
+  std::string unlocked;
+  EXPECT_CALL(wrapper, IsInitialized()).WillOnce(::testing::Return(true));
+  EXPECT_CALL(wrapper, UnLockDirectory(::testing::_))
+      .WillOnce(::testing::DoAll(::testing::SaveArg<0>(&unlocked), ::testing::Return(0)));
+  EXPECT_CALL(wrapper, Uninitialize()).WillOnce(::testing::Return(0));
+  EXPECT_EQ(session.Uninitialize(), Success);
+  if (!unlocked.empty()) unlocked.pop_back();
+  return Utf8ToWide(unlocked);
+}
+
+// Whether the session takes the override as having named its folder: its
+// registry step then stops at InstallPath. Asked of a complete install under
+// a key of its own in `dir`, so the shared-components key is not touched;
+// replaces the folder the session holds.
+inline bool TakesTheOverrideAsNamingTheFolder(QelSession& session, MockWrapper& wrapper, const ScratchDir& dir) {
+  const std::wstring probeKey = L"SOFTWARE\\Tavrel\\OverrideProbe";
+  const std::wstring installPath = dir.MakeDir(L"Probe");
+  dir.MakeDir(L"Probe\\1.0");
+  RegistrySandbox::SetString(HKEY_LOCAL_MACHINE, probeKey, L"InstallPath", installPath);
+  RegistrySandbox::SetString(HKEY_LOCAL_MACHINE, probeKey, L"Version", L"1.0");
+  QelSessionInspector::SetCustomRegistryKey(session, probeKey);
+  EXPECT_EQ(session.ReadInstallLocation(L"2026"), Success);
+  QelSessionInspector::SetCustomRegistryKey(session, L"");
+  return HeldFolder(session, wrapper) == installPath;
+}
+
 // Session tests that run the real wrapper over the stand-in SDK: the empty
 // SDK sandbox and a message capture.
 class SessionWithStandInSdk : public ::testing::Test {
@@ -206,6 +233,28 @@ class SessionTest : public ::testing::Test {
   void Initialized(int sdkStatus = 0) {
     EXPECT_CALL(*wrapper_, Initialize("QEL", "2026", "neutral")).WillOnce(::testing::Return(sdkStatus));
     ASSERT_EQ(session_->Initialize(L"2026"), Success);
+  }
+
+  std::wstring HeldFolder() {
+    const Messages before = sink_.messages();
+    std::wstring folder = test::HeldFolder(*session_, *wrapper_);
+    EXPECT_EQ(sink_.messages(), before);
+    return folder;
+  }
+
+  // The SDK status the session holds, as its next lock attempt shows it when
+  // it cannot lock: the override points at a folder too short to be one, and
+  // the no-lock message carries the status. Leaves the override switched on.
+  std::wstring SdkStatusShownByTheNextLock() {
+    RegistrySandbox::SetDword(HKEY_LOCAL_MACHINE, kSharedComponentsKey, L"EnablePathOverride", 1);
+    env_.Set(L"QEL_PATH_2026", L"D:\\x");
+    std::wstring location;
+    sink_.clear();
+    EXPECT_EQ(session_->LockInstallLocation(location), Success);
+    const Messages shown = sink_.messages();
+    const std::wstring prefix = L"Failed to intialize HALDO SDK wrapper status code:";
+    if (shown.empty() || shown.back().second.rfind(prefix, 0) != 0) return L"<no lock message>";
+    return shown.back().second.substr(prefix.size());
   }
 
   QelSession& session() { return *session_; }

@@ -29,9 +29,10 @@ TEST_F(SessionTest, FailedUnlockAndUninitializeAreMessages15And16) {
     EXPECT_CALL(*wrapper_, Uninitialize()).WillOnce(Return(-1));
   }
   EXPECT_EQ(session().Uninitialize(), Success);
-  EXPECT_EQ(QelSessionInspector::SdkStatus(session()), 0);  // not changed by Uninitialize
   EXPECT_EQ(messages(), (Messages{{L"WARN", L"Failed to Unlock HALDO SDK wrapper status code:4"},
                                   {L"WARN", L"Failed to Uninitialize HALDO SDK wrapper status code:-1"}}));
+  // Neither result replaced the SDK status the session holds.
+  EXPECT_EQ(SdkStatusShownByTheNextLock(), L"0");
 }
 
 TEST_F(SessionTest, UnlockWithoutALocationIsALoneBackslash) {
@@ -56,7 +57,7 @@ TEST_F(SessionTest, UnlockFollowsAFailedLock) {
   EXPECT_CALL(*wrapper_, UnLockDirectory(Narrow(expected) + "\\")).WillOnce(Return(0));
   EXPECT_CALL(*wrapper_, Uninitialize()).WillOnce(Return(0));
   EXPECT_EQ(session().Uninitialize(), Success);
-  EXPECT_EQ(QelSessionInspector::SdkStatus(session()), 5);
+  EXPECT_EQ(SdkStatusShownByTheNextLock(), L"5");
 }
 
 // ---- registry key handles ----
