@@ -51,10 +51,8 @@ namespace {
 // check until the loader has it.
 class LoadSteps final : public SdkLoadSteps {
  public:
-  explicit LoadSteps(QelHaldoSdkWrapperState& state) : state_(state) {}
-
   void SelfUpdateRunning() override { WriteWrapperLogLine(L"[INFO] Load: Self-update is running"); }
-  void PathLookedUp(const SdkPathLookup& lookup) override { state_.dllPath = GetDllPath(lookup); }
+  void PathLookedUp(const SdkPathLookup& lookup) override { WrapperState().dllPath = GetDllPath(lookup); }
   void NoPath() override { WriteWrapperLogLine(L"[ERROR] Load: dll path empty!"); }
   void SignatureCheckNext(const std::wstring& path) override {
     WriteWrapperLogLine(L"[INFO] Load: HALDO SDK path = " + path);
@@ -73,7 +71,6 @@ class LoadSteps final : public SdkLoadSteps {
   void ReleaseHold() { hold_.reset(); }
 
  private:
-  QelHaldoSdkWrapperState& state_;
   SignatureLog signatureLog_;
   UniqueFileHandle hold_;
 };
@@ -85,7 +82,7 @@ bool LoadSdk(int& code) {
   QelHaldoSdkWrapperState& state = WrapperState();
   if (state.module) return true;
 
-  LoadSteps steps(state);
+  LoadSteps steps;
   const SdkLoadCheck check = CheckSdkLoad(state.dllPath, &steps);
   if (check.refusal != kWrapperSuccess) {
     code = check.refusal;

@@ -21,22 +21,26 @@ using ModuleUnloadFunction = BOOL(WINAPI*)(HMODULE module);
 ModuleUnloadFunction& SdkModuleUnloader();
 
 // Told of the load walk's steps as they happen, each before the walk goes on.
-// Every step does nothing by default.
 class SdkLoadSteps {
  public:
+  SdkLoadSteps() = default;
+  SdkLoadSteps(const SdkLoadSteps&) = delete;
+  SdkLoadSteps& operator=(const SdkLoadSteps&) = delete;
+  SdkLoadSteps(SdkLoadSteps&&) = delete;
+  SdkLoadSteps& operator=(SdkLoadSteps&&) = delete;
   virtual ~SdkLoadSteps() = default;
   // The lock file names a running process: the walk ends here.
-  virtual void SelfUpdateRunning() {}
+  virtual void SelfUpdateRunning() = 0;
   // The registry was read for the SDK location (only while no path was known).
-  virtual void PathLookedUp(const SdkPathLookup& /*lookup*/) {}
+  virtual void PathLookedUp(const SdkPathLookup& lookup) = 0;
   // There is no SDK file to check: the walk ends here.
-  virtual void NoPath() {}
+  virtual void NoPath() = 0;
   // The SDK file is known; its signature is checked next.
-  virtual void SignatureCheckNext(const std::wstring& /*path*/) {}
+  virtual void SignatureCheckNext(const std::wstring& path) = 0;
   // The signature check refused the file: the walk ends here.
-  virtual void SignatureRejected(const std::wstring& /*path*/) {}
+  virtual void SignatureRejected(const std::wstring& path) = 0;
   // Told of the signature check's own steps; none when null.
-  virtual SignatureSteps* signatureSteps() { return nullptr; }
+  virtual SignatureSteps* signatureSteps() = 0;
 };
 
 // What stands between the wrapper and LoadLibraryW, in the order it meets it:

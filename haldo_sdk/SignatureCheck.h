@@ -16,21 +16,26 @@ inline constexpr const wchar_t* kSdkPublisher = L"Tavrel, Inc";
 
 // Told of the check's failures as they happen: each call comes before the
 // check releases what the failed step handed out, so a log line written there
-// precedes the close that follows it. Every step does nothing by default.
+// precedes the close that follows it.
 class SignatureSteps {
  public:
+  SignatureSteps() = default;
+  SignatureSteps(const SignatureSteps&) = delete;
+  SignatureSteps& operator=(const SignatureSteps&) = delete;
+  SignatureSteps(SignatureSteps&&) = delete;
+  SignatureSteps& operator=(SignatureSteps&&) = delete;
   virtual ~SignatureSteps() = default;
   // WinVerifyTrust answered `status` (not 0); the call that releases its
   // state comes next.
-  virtual void TrustFailed(LONG /*status*/) {}
+  virtual void TrustFailed(LONG status) = 0;
   // The trust stage failed and its state is released; the publisher stage
   // will not run.
-  virtual void TrustRejected() {}
+  virtual void TrustRejected() = 0;
   // CryptQueryObject could not read the embedded signature (`error`).
-  virtual void SignatureUnreadable(DWORD /*error*/) {}
+  virtual void SignatureUnreadable(DWORD error) = 0;
   // No certificate names the publisher (`error` is GetLastError() of the
   // search); the store and the message are closed next.
-  virtual void PublisherNotFound(DWORD /*error*/) {}
+  virtual void PublisherNotFound(DWORD error) = 0;
 };
 
 // The wrapper's log lines for those failures, each written at its step.

@@ -40,19 +40,24 @@ struct InstallEntryLookup;
 // Told of a lookup's steps as they happen. Each call comes before the lookup
 // goes on (reads another value or variable, tests a folder) or closes its key,
 // so what the observer does (deliver a message, change the machine, throw) is
-// seen by everything that follows. Every step does nothing by default.
+// seen by everything that follows.
 class InstallLocationSteps {
  public:
+  InstallLocationSteps() = default;
+  InstallLocationSteps(const InstallLocationSteps&) = delete;
+  InstallLocationSteps& operator=(const InstallLocationSteps&) = delete;
+  InstallLocationSteps(InstallLocationSteps&&) = delete;
+  InstallLocationSteps& operator=(InstallLocationSteps&&) = delete;
   virtual ~InstallLocationSteps() = default;
   // The override's key could not be opened, or its switch could not be read
   // (the key is still open then).
-  virtual void OverrideSwitchUnread(const PathOverrideLookup& /*lookup*/) {}
+  virtual void OverrideSwitchUnread(const PathOverrideLookup& lookup) = 0;
   // The switch reads exactly 1; the variable has not been read yet.
-  virtual void OverrideSwitchedOn(const PathOverrideLookup& /*lookup*/) {}
+  virtual void OverrideSwitchedOn(const PathOverrideLookup& lookup) = 0;
   // The registry lookup has reached its last step (`lookup.stop`), its key
   // still open where it was opened. The observer may take the key from the
   // record (release() it) to keep it open; otherwise it is closed next.
-  virtual void InstallEntryStopped(InstallEntryLookup& /*lookup*/) {}
+  virtual void InstallEntryStopped(InstallEntryLookup& lookup) = 0;
 };
 
 // `keyPath` names the key whose switch is read; `release` the variable's suffix.
