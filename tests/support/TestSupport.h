@@ -11,6 +11,8 @@
 #include <string>
 #include <vector>
 
+#include "tests/support/ChildProcess.h"
+
 namespace ambrel::test {
 
 // Folder of the running test program; Ambrel.dll and the stand-ins built by the
@@ -153,15 +155,6 @@ class LibraryCopy {
 #else
 #define AMBREL_EXPORT_NAME(msvc, itanium) itanium
 #endif
-
-struct ProcessResult {
-  DWORD exitCode = 0xFFFFFFFF;
-  std::string output;  // stdout and stderr together
-};
-
-// Runs a program with a command line and waits for it (at most `timeoutMs`).
-// The child inherits this process's environment as it is now.
-ProcessResult RunProcess(const std::wstring& program, const std::wstring& arguments, DWORD timeoutMs = 60000);
 
 // An environment value holds at most 32,767 characters with its terminator.
 inline constexpr size_t kLongestEnvironmentValue = 32766;
