@@ -1,4 +1,4 @@
-#include "tests/support/ChildProcess.h"
+#include "sandbox/ChildProcess.h"
 
 #include <atomic>
 #include <cstdio>

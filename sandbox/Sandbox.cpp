@@ -1,4 +1,4 @@
-#include "tests/support/TestSupport.h"
+#include "sandbox/Sandbox.h"
 
 #include <objbase.h>
 
