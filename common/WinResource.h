@@ -11,27 +11,34 @@
 #include <shtypes.h>
 #include <wincrypt.h>
 
-#include <cstdint>
-#include <type_traits>
 #include <utility>
 
 namespace ambrel {
 
+// The "none" value of a kind of handle: null (or zero), or
+// INVALID_HANDLE_VALUE for files and snapshots.
+struct NullIsNone {
+  template <typename T>
+  static constexpr T Value() noexcept {
+    return T{};
+  }
+};
+struct InvalidHandleIsNone {
+  template <typename T>
+  static T Value() noexcept {
+    return INVALID_HANDLE_VALUE;
+  }
+};
+
 // The owner of one handle of type T, closed by Close (a function taking the
-// handle) unless it holds InvalidBits, the kind's "none" value as an integer
-// (0, or -1 for INVALID_HANDLE_VALUE), in the shape of WIL's unique_any.
-template <typename T, auto Close, std::intptr_t InvalidBits = 0>
+// handle) unless it holds the kind's "none" value, in the shape of WIL's
+// unique_any.
+template <typename T, auto Close, typename None = NullIsNone>
 class UniqueAny {
  public:
   using Type = T;
 
-  static Type Invalid() noexcept {
-    if constexpr (std::is_pointer_v<Type>) {
-      return reinterpret_cast<Type>(InvalidBits);
-    } else {
-      return static_cast<Type>(InvalidBits);
-    }
-  }
+  static Type Invalid() noexcept { return None::template Value<Type>(); }
 
   UniqueAny() noexcept = default;
   explicit UniqueAny(Type value) noexcept : value_(value) {}
@@ -73,15 +80,12 @@ class UniqueAny {
 // Closes whose Windows function takes more than the handle.
 inline void CloseCertStore(HCERTSTORE store) noexcept { ::CertCloseStore(store, 0); }
 
-// INVALID_HANDLE_VALUE as an integer: the "none" of files and snapshots.
-inline constexpr std::intptr_t kInvalidHandleBits = -1;
-
 using UniqueRegKey = UniqueAny<HKEY, &::RegCloseKey>;
 using UniqueModule = UniqueAny<HMODULE, &::FreeLibrary>;
 // Kernel handles whose "none" value is null (events, processes, threads).
 using UniqueHandle = UniqueAny<HANDLE, &::CloseHandle>;
 // Kernel handles whose "none" value is INVALID_HANDLE_VALUE (files, snapshots).
-using UniqueFileHandle = UniqueAny<HANDLE, &::CloseHandle, kInvalidHandleBits>;
+using UniqueFileHandle = UniqueAny<HANDLE, &::CloseHandle, InvalidHandleIsNone>;
 using UniqueDllDirectory = UniqueAny<DLL_DIRECTORY_COOKIE, &::RemoveDllDirectory>;
 using UniqueCoTaskMem = UniqueAny<void*, &::CoTaskMemFree>;
 // Shell item lists (ITEMIDLIST), which the shell allocates with the COM task allocator.
