@@ -21,7 +21,13 @@ set(AMBREL_INSTALL_LIBDIR lib)
 set(AMBREL_INSTALL_INCLUDEDIR include)
 set(AMBREL_INSTALL_CMAKEDIR lib/cmake/Ambrel)
 
-# Version resource: company, product, description and the project's version.
+# Version resource: company, product, description and the project's version,
+# with the build number as its fourth field, so two builds of one version can
+# be told apart (CI passes its run number; a build by hand is 0).
+set(AMBREL_BUILD_NUMBER 0 CACHE STRING "Fourth field of Ambrel.dll's file version (0 to 65535)")
+if(NOT AMBREL_BUILD_NUMBER MATCHES "^[0-9]+$" OR AMBREL_BUILD_NUMBER GREATER 65535)
+  message(FATAL_ERROR "AMBREL_BUILD_NUMBER must be a number from 0 to 65535, not '${AMBREL_BUILD_NUMBER}'")
+endif()
 set(AMBREL_PRODUCT_NAME "Ambrel")
 set(AMBREL_FILE_DESCRIPTION "${PROJECT_DESCRIPTION}")
 configure_file(${PROJECT_SOURCE_DIR}/resources/Ambrel.rc.in ${PROJECT_BINARY_DIR}/resources/Ambrel.rc @ONLY)

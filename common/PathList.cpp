@@ -36,12 +36,16 @@ std::wstring PrependToPathList(const std::wstring& directory, const std::wstring
   return value;
 }
 
+bool PutInFrontOfPath(const std::wstring& directory, const std::wstring& path) {
+  if (PathListContains(path, directory)) return true;
+  return WriteEnvironmentVariable(L"PATH", PrependToPathList(directory, path).c_str());
+}
+
 bool PrependToPathVariable(const std::wstring& directory) {
   if (directory.empty()) return false;
   const std::optional<std::wstring> path = ReadEnvironmentVariable(L"PATH");
   if (!path) return false;
-  if (PathListContains(*path, directory)) return true;
-  return WriteEnvironmentVariable(L"PATH", PrependToPathList(directory, *path).c_str());
+  return PutInFrontOfPath(directory, *path);
 }
 
 }  // namespace ambrel

@@ -15,9 +15,14 @@ bool PathListContains(std::wstring_view list, std::wstring_view entry);
 // one ';', then the old value unchanged (an empty old value leaves a lone ';').
 std::wstring PrependToPathList(const std::wstring& directory, const std::wstring& oldPath);
 
-// Puts `directory` in front of the process PATH unless PathListContains finds
-// it there already (then true, PATH untouched). False when the directory is
-// empty, PATH is not set (it is not created) or the write fails.
+// The one PATH prepend: writes PATH as `directory` in front of `path` (the
+// value the caller has just read) unless PathListContains finds the directory
+// there already (then true, PATH untouched). False when the write fails.
+bool PutInFrontOfPath(const std::wstring& directory, const std::wstring& path);
+
+// Reads the process PATH and puts `directory` in front of it (PutInFrontOfPath).
+// False when the directory is empty, PATH is not set (it is not created) or
+// the write fails.
 bool PrependToPathVariable(const std::wstring& directory);
 
 }  // namespace ambrel

@@ -1,4 +1,5 @@
-// One owner type per kind of Windows handle. Each owner closes its handle once,
+// One owner type per kind of Windows handle, all one template over the close
+// function (UniqueAny). Each owner closes its handle once,
 // on every path; put() hands out the slot for an out-parameter, release() gives
 // the handle up on purpose (say why at the call site). Closing keeps the
 // caller's GetLastError: an owner that goes out of scope between a failed call
@@ -14,25 +15,45 @@
 
 namespace ambrel {
 
-template <typename Traits>
-class UniqueResource {
+// The "none" value of a kind of handle: null (or zero), or
+// INVALID_HANDLE_VALUE for files and snapshots.
+struct NullIsNone {
+  template <typename T>
+  static constexpr T Value() noexcept {
+    return T{};
+  }
+};
+struct InvalidHandleIsNone {
+  template <typename T>
+  static T Value() noexcept {
+    return INVALID_HANDLE_VALUE;
+  }
+};
+
+// The owner of one handle of type T, closed by Close (a function taking the
+// handle) unless it holds the kind's "none" value, in the shape of WIL's
+// unique_any.
+template <typename T, auto Close, typename None = NullIsNone>
+class UniqueAny {
  public:
-  using Type = typename Traits::Type;
+  using Type = T;
 
-  UniqueResource() noexcept = default;
-  explicit UniqueResource(Type value) noexcept : value_(value) {}
-  ~UniqueResource() { reset(); }
+  static Type Invalid() noexcept { return None::template Value<Type>(); }
 
-  UniqueResource(const UniqueResource&) = delete;
-  UniqueResource& operator=(const UniqueResource&) = delete;
-  UniqueResource(UniqueResource&& other) noexcept : value_(other.release()) {}
-  UniqueResource& operator=(UniqueResource&& other) noexcept {
+  UniqueAny() noexcept = default;
+  explicit UniqueAny(Type value) noexcept : value_(value) {}
+  ~UniqueAny() { reset(); }
+
+  UniqueAny(const UniqueAny&) = delete;
+  UniqueAny& operator=(const UniqueAny&) = delete;
+  UniqueAny(UniqueAny&& other) noexcept : value_(other.release()) {}
+  UniqueAny& operator=(UniqueAny&& other) noexcept {
     if (this != &other) reset(other.release());
     return *this;
   }
 
   [[nodiscard]] Type get() const noexcept { return value_; }
-  [[nodiscard]] bool valid() const noexcept { return value_ != Traits::Invalid(); }
+  [[nodiscard]] bool valid() const noexcept { return value_ != Invalid(); }
   explicit operator bool() const noexcept { return valid(); }
 
   // Closes what is held and returns the empty slot for a function to fill.
@@ -41,105 +62,41 @@ class UniqueResource {
     return &value_;
   }
 
-  [[nodiscard]] Type release() noexcept { return std::exchange(value_, Traits::Invalid()); }
+  [[nodiscard]] Type release() noexcept { return std::exchange(value_, Invalid()); }
 
-  void reset(Type value = Traits::Invalid()) noexcept {
+  void reset(Type value = Invalid()) noexcept {
     Type old = std::exchange(value_, value);
-    if (old != Traits::Invalid()) {
+    if (old != Invalid()) {
       const DWORD error = ::GetLastError();
-      Traits::Close(old);
+      Close(old);
       ::SetLastError(error);
     }
   }
 
  private:
-  Type value_ = Traits::Invalid();
+  Type value_ = Invalid();
 };
 
-struct RegKeyTraits {
-  using Type = HKEY;
-  static Type Invalid() noexcept { return nullptr; }
-  static void Close(Type key) noexcept { ::RegCloseKey(key); }
-};
-struct ModuleTraits {
-  using Type = HMODULE;
-  static Type Invalid() noexcept { return nullptr; }
-  static void Close(Type module) noexcept { ::FreeLibrary(module); }
-};
+// Closes whose Windows function takes more than the handle.
+inline void CloseCertStore(HCERTSTORE store) noexcept { ::CertCloseStore(store, 0); }
+
+using UniqueRegKey = UniqueAny<HKEY, &::RegCloseKey>;
+using UniqueModule = UniqueAny<HMODULE, &::FreeLibrary>;
 // Kernel handles whose "none" value is null (events, processes, threads).
-struct HandleTraits {
-  using Type = HANDLE;
-  static Type Invalid() noexcept { return nullptr; }
-  static void Close(Type handle) noexcept { ::CloseHandle(handle); }
-};
+using UniqueHandle = UniqueAny<HANDLE, &::CloseHandle>;
 // Kernel handles whose "none" value is INVALID_HANDLE_VALUE (files, snapshots).
-struct FileHandleTraits {
-  using Type = HANDLE;
-  static Type Invalid() noexcept { return INVALID_HANDLE_VALUE; }
-  static void Close(Type handle) noexcept { ::CloseHandle(handle); }
-};
-struct DllDirectoryTraits {
-  using Type = DLL_DIRECTORY_COOKIE;
-  static Type Invalid() noexcept { return nullptr; }
-  static void Close(Type cookie) noexcept { ::RemoveDllDirectory(cookie); }
-};
-struct CoTaskMemTraits {
-  using Type = void*;
-  static Type Invalid() noexcept { return nullptr; }
-  static void Close(Type memory) noexcept { ::CoTaskMemFree(memory); }
-};
+using UniqueFileHandle = UniqueAny<HANDLE, &::CloseHandle, InvalidHandleIsNone>;
+using UniqueDllDirectory = UniqueAny<DLL_DIRECTORY_COOKIE, &::RemoveDllDirectory>;
+using UniqueCoTaskMem = UniqueAny<void*, &::CoTaskMemFree>;
 // Shell item lists (ITEMIDLIST), which the shell allocates with the COM task allocator.
-struct ItemListTraits {
-  using Type = LPITEMIDLIST;
-  static Type Invalid() noexcept { return nullptr; }
-  // Runs only when SHGetMalloc fails, which it does not on Windows or Wine.
-  static void Close(Type items) noexcept { ::CoTaskMemFree(items); }  // GCOVR_EXCL_LINE
-};
+using UniqueItemList = UniqueAny<LPITEMIDLIST, &::CoTaskMemFree>;
 // The block GetEnvironmentStringsW hands out.
-struct EnvironmentStringsTraits {
-  using Type = wchar_t*;
-  static Type Invalid() noexcept { return nullptr; }
-  static void Close(Type block) noexcept { ::FreeEnvironmentStringsW(block); }
-};
-struct CertStoreTraits {
-  using Type = HCERTSTORE;
-  static Type Invalid() noexcept { return nullptr; }
-  static void Close(Type store) noexcept { ::CertCloseStore(store, 0); }
-};
-struct CryptMsgTraits {
-  using Type = HCRYPTMSG;
-  static Type Invalid() noexcept { return nullptr; }
-  static void Close(Type message) noexcept { ::CryptMsgClose(message); }
-};
-struct CertContextTraits {
-  using Type = PCCERT_CONTEXT;
-  static Type Invalid() noexcept { return nullptr; }
-  static void Close(Type context) noexcept { ::CertFreeCertificateContext(context); }
-};
-struct CertChainEngineTraits {
-  using Type = HCERTCHAINENGINE;
-  static Type Invalid() noexcept { return nullptr; }
-  static void Close(Type engine) noexcept { ::CertFreeCertificateChainEngine(engine); }
-};
-struct CertChainTraits {
-  using Type = PCCERT_CHAIN_CONTEXT;
-  static Type Invalid() noexcept { return nullptr; }
-  static void Close(Type chain) noexcept { ::CertFreeCertificateChain(chain); }
-};
-
-using UniqueRegKey = UniqueResource<RegKeyTraits>;
-using UniqueModule = UniqueResource<ModuleTraits>;
-using UniqueHandle = UniqueResource<HandleTraits>;
-using UniqueFileHandle = UniqueResource<FileHandleTraits>;
-using UniqueDllDirectory = UniqueResource<DllDirectoryTraits>;
-using UniqueCoTaskMem = UniqueResource<CoTaskMemTraits>;
-using UniqueItemList = UniqueResource<ItemListTraits>;
-using UniqueEnvironmentStrings = UniqueResource<EnvironmentStringsTraits>;
-using UniqueCertStore = UniqueResource<CertStoreTraits>;
-using UniqueCryptMsg = UniqueResource<CryptMsgTraits>;
-using UniqueCertContext = UniqueResource<CertContextTraits>;
-using UniqueCertChainEngine = UniqueResource<CertChainEngineTraits>;
-using UniqueCertChain = UniqueResource<CertChainTraits>;
+using UniqueEnvironmentStrings = UniqueAny<wchar_t*, &::FreeEnvironmentStringsW>;
+using UniqueCertStore = UniqueAny<HCERTSTORE, &CloseCertStore>;
+using UniqueCryptMsg = UniqueAny<HCRYPTMSG, &::CryptMsgClose>;
+using UniqueCertContext = UniqueAny<PCCERT_CONTEXT, &::CertFreeCertificateContext>;
+using UniqueCertChainEngine = UniqueAny<HCERTCHAINENGINE, &::CertFreeCertificateChainEngine>;
+using UniqueCertChain = UniqueAny<PCCERT_CHAIN_CONTEXT, &::CertFreeCertificateChain>;
 
 // Owner of one COM interface pointer.
 template <typename Interface>

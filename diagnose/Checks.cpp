@@ -16,6 +16,7 @@
 #include "common/RegistryText.h"
 #include "common/TextConvert.h"
 #include "common/WinResource.h"
+#include "diagnose/Hex.h"
 #include "diagnose/LibrarySignature.h"
 #include "diagnose/SdkExports.h"
 #include "haldo_sdk/SdkEntryPoints.h"
@@ -34,16 +35,6 @@ constexpr std::size_t kMaximumProcessIdDigits = std::numeric_limits<DWORD>::digi
 std::string U8(const std::wstring& text) { return WideToUtf8(text); }
 std::string Quoted(const std::wstring& text) { return "\"" + U8(text) + "\""; }
 Value Text(const std::optional<std::wstring>& text) { return text ? Value(U8(*text)) : Value(nullptr); }
-
-// "0x" and eight upper-case digits, as status codes are usually written.
-std::string Hex(std::uint32_t value) {
-  constexpr std::string_view kDigits = "0123456789ABCDEF";
-  constexpr auto kBase = static_cast<std::uint32_t>(kDigits.size());
-  std::string digits(2 * sizeof value, '0');
-  for (auto digit = digits.rbegin(); digit != digits.rend() && value != 0; ++digit, value /= kBase)
-    *digit = kDigits[value % kBase];
-  return "0x" + digits;
-}
 
 // The lock file's content as a process id, when it is nothing but digits.
 std::optional<std::int64_t> ProcessIdIn(const std::string& content) {

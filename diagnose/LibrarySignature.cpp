@@ -3,32 +3,16 @@
 #include <windows.h>
 #include <wincrypt.h>
 
-#include <array>
-#include <cctype>
-#include <charconv>
 #include <cstdint>
 #include <vector>
 
 #include "common/TextConvert.h"
 #include "common/WinResource.h"
+#include "diagnose/Hex.h"
 #include "haldo_sdk/SignatureCheck.h"
 
 namespace ambrel::diagnose {
 namespace {
-
-// "0x" and eight upper-case digits.
-std::string StatusHex(LONG status) {
-  constexpr int kBase = 16;
-  constexpr std::size_t kDigits = 8;
-  std::string digits(kDigits, '0');
-  const auto value = static_cast<std::uint32_t>(status);
-  std::array<char, kDigits> buffer{};
-  const auto [end, error] = std::to_chars(buffer.data(), buffer.data() + buffer.size(), value, kBase);
-  const auto length = static_cast<std::size_t>(end - buffer.data());
-  for (std::size_t i = 0; error == std::errc() && i < length; ++i)
-    digits[kDigits - length + i] = static_cast<char>(std::toupper(static_cast<unsigned char>(buffer.at(i))));
-  return "0x" + digits;
-}
 
 // The subject name of `certificate` as X.500 text.
 std::wstring SubjectText(PCCERT_CONTEXT certificate) {
@@ -71,7 +55,7 @@ std::wstring SignerSubject(const std::wstring& file) {
 Check CheckLibrarySignature(const std::wstring& library) {
   const LONG status = TrustStatus(library);
   const std::wstring signer = SignerSubject(library);
-  const std::string hex = StatusHex(status);
+  const std::string hex = Hex(static_cast<std::uint32_t>(status));
   Check check{"library.signature", Verdict::Info, {}, {}};
   if (status == 0) {
     check.verdict = Verdict::Ok;

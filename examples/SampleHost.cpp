@@ -11,7 +11,7 @@
 #include <string>
 
 #include "Ambrel.h"
-#include "tests/support/TestSupport.h"
+#include "sandbox/Sandbox.h"
 
 // The one delay-loaded import of this host (see examples/CMakeLists.txt).
 extern "C" __declspec(dllimport) unsigned SampleComponentPath(wchar_t* buffer, unsigned size);
@@ -195,7 +195,7 @@ void ShowDiagnosis(const RegistrySandbox& registry, EnvGuard& env) {
   const auto result = ambrel::test::RunProcess(TestBinDirectory() + L"\\ambrel-diagnose.exe",
                                                L"--registry-sandbox \"" + registry.ScratchKeyPath() + L"\"");
   for (const std::string& line : ambrel::test::SplitLines(result.output)) std::printf("  %s\n", line.c_str());
-  std::printf("  (exit code %lu)\n", static_cast<unsigned long>(result.exitCode));
+  std::printf("  (exit code %s)\n", ambrel::test::ExitCodeText(result.exitCode).c_str());
 }
 
 }  // namespace

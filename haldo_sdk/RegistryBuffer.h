@@ -7,11 +7,7 @@
 
 namespace ambrel {
 
-struct RegistryBufferTraits {
-  using Type = void*;
-  static Type Invalid() noexcept { return nullptr; }
-  static void Close(Type memory) noexcept { SdkLocationBufferAllocator().release(memory); }
-};
-using RegistryBuffer = UniqueResource<RegistryBufferTraits>;
+inline void ReleaseRegistryBuffer(void* memory) noexcept { SdkLocationBufferAllocator().release(memory); }
+using RegistryBuffer = UniqueAny<void*, &ReleaseRegistryBuffer>;
 
 }  // namespace ambrel

@@ -44,6 +44,17 @@
 // folder cannot be obtained and the temporary directory (where the lock file
 // is then looked for) cannot either; and whatever the session sink throws.
 // Call once, early, on the start-up thread.
+//
+// Hazard, hardened DLL search: the shared components' DLLs are found through
+// PATH. A host that calls SetDefaultDllDirectories(LOAD_LIBRARY_SEARCH_DEFAULT_DIRS)
+// (common anti-planting practice) never searches PATH, so after a successful
+// InitializeQel those DLLs still do not load, and DelayLoadHook cannot find
+// them either: its lookup answers "" once the process is marked. Such a host
+// adds the folder to its search itself, after InitializeQel returned true and
+// before the first call into those DLLs: AddDllDirectory(OSxFolder::GetSharedDllPath())
+// when that is not "" (the default directories include the added ones). A
+// child process inherits the marker but records no folder: its parent hands
+// the folder to it (for example on its command line).
 extern "C" AMBREL_API bool InitializeQel();
 
 // The shared-components folder, looked up once per library through a
@@ -80,6 +91,13 @@ AMBREL_API bool IsDevelopment();
 // does, and throws what that lookup throws (filesystem_error "status", "exists"
 // or "temp_directory_path", the session sink's exceptions); std::system_error ("file name")
 // when the DLL's name does not convert in the file APIs' code page.
+//
+// Hazard, threads: the hook runs on whichever thread's delay load failed, and
+// two such threads at once race on the hook's folder and on the process-wide
+// installer SDK state its lookup drives. Make the first call into each
+// delay-loaded DLL on the start-up thread, after InitializeQel; later calls
+// from any thread then find the DLL loaded and never reach the hook.
+// Hazard, hardened DLL search: see InitializeQel.
 AMBREL_API FARPROC WINAPI DelayLoadHook(unsigned dliNotify, PDelayLoadInfo pdli);
 
 // Calls unloadOne (normally __FUnloadDelayLoadedDLL2 of the calling image) once
@@ -155,6 +173,11 @@ class AMBREL_API OSxMisc {
   // Opens the mail program's compose dialog through Simple MAPI with the given
   // texts (each may be null). True when MAPI reported success or a cancel.
   // Blocks while the dialog is open; several threads may call it at once.
+  // MAPI32.DLL is loaded by its bare name, so the application's folder is
+  // searched first. Each text goes to MAPI in the ANSI code page, through a
+  // buffer of 2 x its length + 1 bytes: characters outside the code page are
+  // lost, and a text that needs more bytes than that (under the UTF-8 code
+  // page: text of mostly three-byte characters, such as CJK) is sent as "".
   static bool SendEMail(const wchar_t* recipient, const wchar_t* subject, const wchar_t* body,
                         const wchar_t* attachment);
   // True while the C++ global locale (the host's, through the shared runtime)
@@ -172,6 +195,8 @@ class AMBREL_API OSxMisc {
   // then its caller and the caller's callers. True; on failure (no
   // dbghelp.dll) false with text left as it was.
   // Loads and unloads dbghelp.dll on each call: never from two threads at once.
+  // dbghelp.dll is loaded by its bare name, so the application's folder is
+  // searched first.
   static bool GetCallStack(std::wstring& text);
 };
 

@@ -40,10 +40,7 @@ bool PrepareProcess(Session& session) {
   const ProcessPreparation preparation = InspectProcessPreparation(directory);
   if (!preparation.possible()) return false;
 
-  if (!preparation.pathHoldsFolder &&
-      !WriteEnvironmentVariable(L"PATH", PrependToPathList(directory, preparation.path).c_str())) {
-    return false;
-  }
+  if (!PutInFrontOfPath(directory, preparation.path)) return false;
   SharedDllPath() = directory;
   WriteEnvironmentVariable(kBypassMarker, L"1");  // a lost marker only costs children a session
   return true;

@@ -14,15 +14,11 @@ constexpr DWORD kCloseError = ERROR_INVALID_HANDLE;
 int g_closes = 0;
 
 // A close that fails the way CloseHandle on a bad handle does: it sets its own error.
-struct FailingCloseTraits {
-  using Type = int;
-  static Type Invalid() noexcept { return 0; }
-  static void Close(Type) noexcept {
-    ++g_closes;
-    ::SetLastError(kCloseError);
-  }
-};
-using FailingClose = UniqueResource<FailingCloseTraits>;
+void FailingCloseOf(int /*handle*/) noexcept {
+  ++g_closes;
+  ::SetLastError(kCloseError);
+}
+using FailingClose = UniqueAny<int, &FailingCloseOf>;
 
 TEST(WinResource, ClosingKeepsTheCallersLastError) {
   g_closes = 0;
@@ -49,6 +45,22 @@ TEST(WinResource, AnEmptyOwnerClosesNothing) {
   FailingClose given(4);
   (void)given.release();
   EXPECT_EQ(g_closes, 0);
+}
+
+TEST(WinResource, EachKindHasItsOwnNoneValue) {
+  const UniqueFileHandle file;
+  EXPECT_EQ(file.get(), INVALID_HANDLE_VALUE);
+  EXPECT_FALSE(file);
+  const UniqueHandle event;
+  EXPECT_EQ(event.get(), nullptr);
+}
+
+TEST(WinResource, AKernelHandleIsClosedOnce) {
+  HANDLE raw = ::CreateEventW(nullptr, TRUE, FALSE, nullptr);
+  ASSERT_NE(raw, nullptr);
+  { const UniqueHandle owner(raw); }
+  DWORD flags = 0;
+  EXPECT_FALSE(::GetHandleInformation(raw, &flags));  // closed by the owner
 }
 
 // An interface whose Release sets an error of its own.

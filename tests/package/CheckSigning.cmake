@@ -24,6 +24,8 @@ file(REMOVE_RECURSE "${WORK_DIR}")
 set(images Ambrel.dll ambrel-diagnose.exe)
 set(sign_env "AMBREL_SIGN_PFX=${PKI}/package_signing.pfx" "AMBREL_SIGN_PASSWORD=ambrel-test-only")
 
+include(${CMAKE_CURRENT_LIST_DIR}/../../cmake/ReadobjField.cmake)
+
 function(run)
   execute_process(COMMAND ${ARGN} RESULT_VARIABLE rc OUTPUT_VARIABLE out ERROR_VARIABLE out)
   if(NOT rc EQUAL 0)
@@ -36,10 +38,7 @@ endfunction()
 # The size of an image's certificate table (0: not signed).
 function(certificate_table image out)
   run("${READOBJ}" --file-headers "${image}")
-  if(NOT RUN_OUTPUT MATCHES "CertificateTableSize: (0x[0-9A-F]+)")
-    message(FATAL_ERROR "no certificate table entry in ${image}")
-  endif()
-  math(EXPR size "${CMAKE_MATCH_1}")
+  readobj_field("${RUN_OUTPUT}" CertificateTableSize size)
   set(${out} ${size} PARENT_SCOPE)
 endfunction()
 

@@ -42,11 +42,11 @@ TEST_F(VersionInfo, FixedPartCarriesTheProjectVersion) {
   ASSERT_EQ(length, sizeof(VS_FIXEDFILEINFO));
   EXPECT_EQ(fixed->dwSignature, 0xFEEF04BDu);
   const DWORD expectedMs = MAKELONG(AMBREL_VERSION_MINOR, AMBREL_VERSION_MAJOR);
-  const DWORD expectedLs = MAKELONG(0, AMBREL_VERSION_PATCH);
+  // The file version's fourth field is the build number; the product's is 0.
   EXPECT_EQ(fixed->dwFileVersionMS, expectedMs);
-  EXPECT_EQ(fixed->dwFileVersionLS, expectedLs);
+  EXPECT_EQ(fixed->dwFileVersionLS, static_cast<DWORD>(MAKELONG(AMBREL_BUILD_NUMBER, AMBREL_VERSION_PATCH)));
   EXPECT_EQ(fixed->dwProductVersionMS, expectedMs);
-  EXPECT_EQ(fixed->dwProductVersionLS, expectedLs);
+  EXPECT_EQ(fixed->dwProductVersionLS, static_cast<DWORD>(MAKELONG(0, AMBREL_VERSION_PATCH)));
   EXPECT_EQ(fixed->dwFileType, static_cast<DWORD>(VFT_DLL));
 }
 
@@ -54,7 +54,7 @@ TEST_F(VersionInfo, StringsNameTheMakerProductAndVersion) {
   EXPECT_EQ(String(L"CompanyName"), L"Tavrel, Inc");
   EXPECT_EQ(String(L"ProductName"), L"Ambrel");
   EXPECT_EQ(String(L"FileDescription"), AMBREL_DESCRIPTION_TEXT);
-  EXPECT_EQ(String(L"FileVersion"), AMBREL_VERSION_TEXT);
+  EXPECT_EQ(String(L"FileVersion"), std::wstring(AMBREL_VERSION_TEXT) + L"." + std::to_wstring(AMBREL_BUILD_NUMBER));
   EXPECT_EQ(String(L"ProductVersion"), AMBREL_VERSION_TEXT);
   EXPECT_EQ(String(L"OriginalFilename"), L"Ambrel.dll");
 }

@@ -24,7 +24,7 @@ std::map<std::string, std::string> HostLayout::RunHost(const std::wstring& progr
   if (!folder.empty()) arguments += L" \"" + folder + L"\"";
   const ProcessResult result = RunProcess(hostDir_ / program, arguments);
   std::map<std::string, std::string> lines;
-  lines["exit code"] = std::to_string(result.exitCode);
+  lines["exit code"] = ExitCodeText(result.exitCode);
   for (const std::string& line : SplitLines(result.output)) {
     const size_t colon = line.find(": ");
     if (colon != std::string::npos) lines[line.substr(0, colon)] = line.substr(colon + 2);

@@ -1,4 +1,4 @@
-#include "tests/support/TestSupport.h"
+#include "sandbox/Sandbox.h"
 
 #include <objbase.h>
 
@@ -323,51 +323,7 @@ LibraryCopy::~LibraryCopy() {
   if (module_) ::FreeLibrary(module_);
 }
 
-// ---- processes and files ----
-
-ProcessResult RunProcess(const std::wstring& program, const std::wstring& arguments, DWORD timeoutMs) {
-  SECURITY_ATTRIBUTES inherit{sizeof(inherit), nullptr, TRUE};
-  HANDLE readEnd = nullptr;
-  HANDLE writeEnd = nullptr;
-  if (!::CreatePipe(&readEnd, &writeEnd, &inherit, 0)) return {};
-  ::SetHandleInformation(readEnd, HANDLE_FLAG_INHERIT, 0);
-
-  STARTUPINFOW startup{};
-  startup.cb = sizeof(startup);
-  startup.dwFlags = STARTF_USESTDHANDLES;
-  startup.hStdOutput = writeEnd;
-  startup.hStdError = writeEnd;
-  startup.hStdInput = ::GetStdHandle(STD_INPUT_HANDLE);
-  std::wstring commandLine = L"\"" + program + L"\" " + arguments;
-  PROCESS_INFORMATION process{};
-  // Under a loaded wineserver a start has been seen to fail once in a while
-  // with the next attempt succeeding; a few tries, and the error kept in the
-  // output when all of them fail.
-  BOOL started = FALSE;
-  DWORD startError = 0;
-  for (int attempt = 0; attempt < 3 && !started; ++attempt) {
-    if (attempt > 0) ::Sleep(200);
-    started = ::CreateProcessW(program.c_str(), commandLine.data(), nullptr, nullptr, TRUE, 0, nullptr, nullptr,
-                               &startup, &process);
-    if (!started) startError = ::GetLastError();
-  }
-  ::CloseHandle(writeEnd);
-  ProcessResult result;
-  if (!started) {
-    ::CloseHandle(readEnd);
-    result.output = "start: CreateProcessW failed with error " + std::to_string(startError) + "\n";
-    return result;
-  }
-  char chunk[4096];
-  DWORD got = 0;
-  while (::ReadFile(readEnd, chunk, sizeof(chunk), &got, nullptr) && got > 0) result.output.append(chunk, got);
-  ::CloseHandle(readEnd);
-  if (::WaitForSingleObject(process.hProcess, timeoutMs) != WAIT_OBJECT_0) ::TerminateProcess(process.hProcess, 0xDEAD);
-  ::GetExitCodeProcess(process.hProcess, &result.exitCode);
-  ::CloseHandle(process.hThread);
-  ::CloseHandle(process.hProcess);
-  return result;
-}
+// ---- files ----
 
 std::string ReadFileBytes(const std::wstring& path) {
   std::ifstream in(std::filesystem::path(path), std::ios::binary);
