@@ -37,9 +37,10 @@ install(TARGETS ambrel_diagnose RUNTIME DESTINATION ${AMBREL_INSTALL_BINDIR})
 include(${CMAKE_CURRENT_LIST_DIR}/AmbrelSigning.cmake)
 ambrel_sign_on_install(Ambrel ambrel_diagnose)
 # The shared C++ runtime the library and its host share (mingw-w64 only; an
-# MSVC host ships Microsoft's redistributable runtime as it always does).
-if(AMBREL_RUNTIME_DLLS)
-  install(FILES ${AMBREL_RUNTIME_DLLS} DESTINATION ${AMBREL_INSTALL_BINDIR})
+# MSVC host ships Microsoft's redistributable runtime as it always does), as
+# the build tree's bin/ holds it: without DWARF.
+if(AMBREL_SHIPPED_RUNTIME_DLLS)
+  install(FILES ${AMBREL_SHIPPED_RUNTIME_DLLS} DESTINATION ${AMBREL_INSTALL_BINDIR})
 endif()
 set(AMBREL_RUNTIME_NAMES "")
 foreach(runtime_dll IN LISTS AMBREL_RUNTIME_DLLS)
