@@ -21,11 +21,38 @@ set(AMBREL_INSTALL_LIBDIR lib)
 set(AMBREL_INSTALL_INCLUDEDIR include)
 set(AMBREL_INSTALL_CMAKEDIR lib/cmake/Ambrel)
 
-# Version resource: company, product, description and the project's version.
+# Version resources: company, product, description and the project's version.
 set(AMBREL_PRODUCT_NAME "Ambrel")
-set(AMBREL_FILE_DESCRIPTION "${PROJECT_DESCRIPTION}")
-configure_file(${PROJECT_SOURCE_DIR}/resources/Ambrel.rc.in ${PROJECT_BINARY_DIR}/resources/Ambrel.rc @ONLY)
-target_sources(Ambrel PRIVATE ${PROJECT_BINARY_DIR}/resources/Ambrel.rc)
+# ambrel_add_version_resource(<target> <VFT_DLL|VFT_APP> <internal name> <file name> <description> [<manifest>])
+# The manifest, when given, is configured beside the resource and embedded
+# with it (MSVC's linker merges it into the one it writes).
+function(ambrel_add_version_resource target filetype internal_name file_name description)
+  set(AMBREL_RC_FILETYPE ${filetype})
+  set(AMBREL_RC_INTERNAL_NAME "${internal_name}")
+  set(AMBREL_RC_FILENAME "${file_name}")
+  set(AMBREL_RC_DESCRIPTION "${description}")
+  set(AMBREL_RC_EXTRA "")
+  set(rc ${PROJECT_BINARY_DIR}/resources/${target}.rc)
+  if(ARGC GREATER 5)
+    set(manifest ${PROJECT_BINARY_DIR}/resources/${internal_name}.manifest)
+    configure_file(${ARGV5} ${manifest} @ONLY)
+    if(MSVC)
+      target_sources(${target} PRIVATE ${manifest})
+    else()
+      set(AMBREL_RC_EXTRA "1 24 \"${manifest}\"  // RT_MANIFEST, the program's own")
+    endif()
+  endif()
+  configure_file(${PROJECT_SOURCE_DIR}/resources/VersionInfo.rc.in ${rc} @ONLY)
+  target_sources(${target} PRIVATE ${rc})
+endfunction()
+ambrel_add_version_resource(Ambrel VFT_DLL Ambrel Ambrel.dll "${PROJECT_DESCRIPTION}")
+ambrel_add_version_resource(ambrel_diagnose VFT_APP ambrel-diagnose ambrel-diagnose.exe
+  "Ambrel support tool: what InitializeQel would meet on this machine"
+  ${PROJECT_SOURCE_DIR}/resources/ambrel-diagnose.manifest.in)
+if(TARGET ambrel_diagnose_sandboxed)
+  ambrel_add_version_resource(ambrel_diagnose_sandboxed VFT_APP ambrel-diagnose-sandboxed ambrel-diagnose-sandboxed.exe
+    "Ambrel support tool, test build (registry sandbox)" ${PROJECT_SOURCE_DIR}/resources/ambrel-diagnose.manifest.in)
+endif()
 
 install(TARGETS Ambrel EXPORT AmbrelTargets
   RUNTIME DESTINATION ${AMBREL_INSTALL_BINDIR}
