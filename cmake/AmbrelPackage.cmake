@@ -60,15 +60,15 @@ install(TARGETS Ambrel EXPORT AmbrelTargets
   ARCHIVE DESTINATION ${AMBREL_INSTALL_LIBDIR})
 install(FILES ${PROJECT_SOURCE_DIR}/include/Ambrel.h DESTINATION ${AMBREL_INSTALL_INCLUDEDIR})
 install(TARGETS ambrel_diagnose RUNTIME DESTINATION ${AMBREL_INSTALL_BINDIR})
-# Signed copies over the installed images when a certificate is given.
-include(${CMAKE_CURRENT_LIST_DIR}/AmbrelSigning.cmake)
-ambrel_sign_on_install(Ambrel ambrel_diagnose)
 # The shared C++ runtime the library and its host share (mingw-w64 only; an
 # MSVC host ships Microsoft's redistributable runtime as it always does), as
 # the build tree's bin/ holds it: without DWARF.
 if(AMBREL_SHIPPED_RUNTIME_DLLS)
   install(FILES ${AMBREL_SHIPPED_RUNTIME_DLLS} DESTINATION ${AMBREL_INSTALL_BINDIR})
 endif()
+# Signed copies over every installed image when a certificate is given.
+include(${CMAKE_CURRENT_LIST_DIR}/AmbrelSigning.cmake)
+ambrel_sign_on_install(TARGETS Ambrel ambrel_diagnose FILES ${AMBREL_SHIPPED_RUNTIME_DLLS})
 set(AMBREL_RUNTIME_NAMES "")
 foreach(runtime_dll IN LISTS AMBREL_RUNTIME_DLLS)
   get_filename_component(runtime_name ${runtime_dll} NAME)
