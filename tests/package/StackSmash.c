@@ -1,7 +1,8 @@
 // Helper process of StartupTest: overruns a local array by the number of
-// bytes given, inside a __try that would take any exception, so that a check
-// that raised one instead of ending the process would show. "guard" prints
-// the canary this process was given.
+// bytes given, with a vectored exception handler in place that would take
+// any exception first, so that a check that raised one instead of ending the
+// process would show ("raise" shows the handler at work on an exception of
+// the same code). "guard" prints the canary this process was given.
 #include <windows.h>
 
 #include <stdint.h>
@@ -10,8 +11,12 @@
 
 extern uintptr_t __stack_chk_guard;
 
-// noinline: clang's __try catches what a called function raises, not a fault
-// of the __try block's own instructions.
+static LONG CALLBACK TakeEverything(EXCEPTION_POINTERS* exception) {
+  printf("an exception handler took exception 0x%lx\n", (unsigned long)exception->ExceptionRecord->ExceptionCode);
+  fflush(stdout);
+  ExitProcess(3);
+}
+
 __declspec(noinline) static int Overrun(int count) {
   char buffer[16];
   volatile char* bytes = buffer;
@@ -24,13 +29,12 @@ int wmain(int argc, wchar_t** argv) {
     printf("%llx\n", (unsigned long long)__stack_chk_guard);
     return 0;
   }
-  const int count = argc == 2 ? _wtoi(argv[1]) : 0;
-  __try {
-    Overrun(count);
-  } __except (EXCEPTION_EXECUTE_HANDLER) {
-    printf("an exception handler took exception 0x%lx\n", (unsigned long)GetExceptionCode());
-    return 3;
+  AddVectoredExceptionHandler(1, TakeEverything);
+  if (argc == 2 && wcscmp(argv[1], L"raise") == 0) {
+    RaiseException(STATUS_STACK_BUFFER_OVERRUN, 0, 0, NULL);  // what the handler does with an exception
   }
+  const int count = argc == 2 ? _wtoi(argv[1]) : 0;
+  Overrun(count);
   printf("returned\n");
   return 0;
 }

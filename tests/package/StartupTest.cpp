@@ -30,6 +30,14 @@ TEST(StartupTest, ASmashedCanaryEndsTheProcessWithFastFail) {
   EXPECT_EQ(result.output, "") << "the process went on after the check failed";
 }
 
+// The helper's handler does take an exception, even one of the same code:
+// the fast fail above bypassed it.
+TEST(StartupTest, TheHelpersHandlerTakesAnException) {
+  const auto result = ambrel::test::RunProcess(Beside(L"ambrel_stack_smash.exe"), L"raise");
+  EXPECT_EQ(result.exitCode, 3u) << result.output;
+  EXPECT_EQ(result.output, "an exception handler took exception 0xc0000409\r\n");
+}
+
 TEST(StartupTest, AnIntactCanaryPassesItsCheck) {
   const auto result = ambrel::test::RunProcess(Beside(L"ambrel_stack_smash.exe"), L"16");
   EXPECT_EQ(result.exitCode, 0u) << result.output;
