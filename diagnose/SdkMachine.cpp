@@ -3,19 +3,22 @@
 #include <windows.h>
 
 #include <cstdint>
-#include <cstdio>
 #include <optional>
+#include <string_view>
 
 #include "diagnose/PeImage.h"
 
 namespace ambrel::diagnose {
 namespace {
 
-// "x86 (0x014C)"
+// "x86 (0x014C)": the name, then four upper-case hex digits, as machines are written.
 std::string Described(WORD machine) {
-  char code[8];
-  std::snprintf(code, sizeof code, "0x%04X", static_cast<unsigned>(machine));
-  return std::string(MachineName(machine)) + " (" + code + ")";
+  constexpr std::string_view kDigits = "0123456789ABCDEF";
+  std::string code(2 * sizeof machine, '0');
+  std::size_t value = machine;
+  for (auto digit = code.rbegin(); digit != code.rend(); ++digit, value /= kDigits.size())
+    *digit = kDigits[value % kDigits.size()];
+  return std::string(MachineName(machine)) + " (0x" + code + ")";
 }
 
 }  // namespace
