@@ -8,6 +8,7 @@
 #include <stdint.h>
 #include <stdio.h>
 #include <stdlib.h>
+#include <string.h>
 
 extern uintptr_t __stack_chk_guard;
 
@@ -17,11 +18,13 @@ static LONG CALLBACK TakeEverything(EXCEPTION_POINTERS* exception) {
   ExitProcess(3);
 }
 
-__declspec(noinline) static int Overrun(int count) {
+// One memset, so that the overrun cannot change its own length on the way
+// (an unoptimised loop keeps its bound in the parameter's home slot, above
+// the canary).
+__declspec(noinline) static int Overrun(size_t count) {
   char buffer[16];
-  volatile char* bytes = buffer;
-  for (int i = 0; i < count; ++i) bytes[i] = 'A';
-  return bytes[0];
+  memset(buffer, 'A', count);
+  return ((volatile char*)buffer)[0];
 }
 
 int wmain(int argc, wchar_t** argv) {
@@ -33,7 +36,7 @@ int wmain(int argc, wchar_t** argv) {
   if (argc == 2 && wcscmp(argv[1], L"raise") == 0) {
     RaiseException(STATUS_STACK_BUFFER_OVERRUN, 0, 0, NULL);  // what the handler does with an exception
   }
-  const int count = argc == 2 ? _wtoi(argv[1]) : 0;
+  const size_t count = argc == 2 ? (size_t)_wtoi(argv[1]) : 0;
   Overrun(count);
   printf("returned\n");
   return 0;
