@@ -65,9 +65,12 @@ Comparison Compare(int rounds, int batch, Library&& library, Floor&& floor) {
   return {Median(librarySamples), Median(floorSamples), rounds, batch};
 }
 
+// A `target` of 0 marks a figure that is only for reading.
 inline void Print(const char* name, const Comparison& c, double target) {
-  std::printf("%-34s library %10.1f us   floor %10.1f us   ratio %.3f   (target <= %.2f, %d rounds x %d)\n", name,
-              c.library, c.floor, c.ratio(), target, c.rounds, c.batch);
+  char goal[32] = "figure only";
+  if (target > 0) std::snprintf(goal, sizeof goal, "target <= %.2f", target);
+  std::printf("%-34s library %10.1f us   floor %10.1f us   ratio %.3f   (%s, %d rounds x %d)\n", name, c.library,
+              c.floor, c.ratio(), goal, c.rounds, c.batch);
   std::fflush(stdout);
 }
 

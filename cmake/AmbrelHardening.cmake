@@ -10,7 +10,7 @@ if(MSVC)
   # warnings (deprecated CRT calls among them) errors: only for the code that
   # ships, the library's floors and ambrel-diagnose, not for the tests and
   # GoogleTest. Included after AmbrelFloors.cmake, which names the floors.
-  set(_ambrel_shipped_code Ambrel ambrel_diagnose)
+  set(_ambrel_shipped_code Ambrel ambrel_diagnose ambrel_diagnose_checks)
   foreach(floor IN LISTS AMBREL_FLOORS)
     list(APPEND _ambrel_shipped_code ambrel_${floor})
   endforeach()
@@ -18,9 +18,15 @@ if(MSVC)
   add_link_options(/guard:cf /CETCOMPAT /DYNAMICBASE /HIGHENTROPYVA /NXCOMPAT)
 elseif(AMBREL_STACK_PROTECTOR)
   # Every object, so the canaries are in the library's floors, in
-  # ambrel-diagnose and in the programs that test them alike.
+  # ambrel-diagnose and in the programs that test them alike. The canary and
+  # the check routine are the library's own (common/StackProtector.c), seeded
+  # without loading anything; GCC's libssp would load rsaenh.dll at attach.
+  add_library(ambrel_stack_protector STATIC ${PROJECT_SOURCE_DIR}/common/StackProtector.c)
+  target_compile_options(ambrel_stack_protector PRIVATE ${AMBREL_WARNING_FLAGS})
+  target_compile_definitions(ambrel_stack_protector PRIVATE WIN32_LEAN_AND_MEAN _WIN32_WINNT=0x0A00)
   add_compile_options(${AMBREL_STACK_PROTECTOR})
-  link_libraries(${AMBREL_STACK_PROTECTOR_LIBRARIES})
+  # Linked from the build tree only: a host of the package links it into nothing.
+  link_libraries($<BUILD_INTERFACE:ambrel_stack_protector>)
 endif()
 
 # ambrel_harden_image(<target>)

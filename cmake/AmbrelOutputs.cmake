@@ -32,13 +32,14 @@ function(ambrel_place_outputs directory)
 endfunction()
 
 # ambrel_copy_runtime_dlls(<target>)
-# Copies the shared C++ runtime DLLs of the toolchain (AMBREL_RUNTIME_DLLS;
-# none with MSVC's /MD) beside the target's file when it is built, so the
-# programs beside it start.
+# Copies the shared C++ runtime DLLs as the package ships them
+# (AMBREL_SHIPPED_RUNTIME_DLLS: the toolchain's, without DWARF; none with
+# MSVC's /MD) beside the target's file when it is built, so the programs
+# beside it start.
 function(ambrel_copy_runtime_dlls target)
-  if(AMBREL_RUNTIME_DLLS)
+  if(AMBREL_SHIPPED_RUNTIME_DLLS)
     add_custom_command(TARGET ${target} POST_BUILD
-      COMMAND ${CMAKE_COMMAND} -E copy_if_different ${AMBREL_RUNTIME_DLLS} $<TARGET_FILE_DIR:${target}>
+      COMMAND ${CMAKE_COMMAND} -E copy_if_different ${AMBREL_SHIPPED_RUNTIME_DLLS} $<TARGET_FILE_DIR:${target}>
       VERBATIM)
   endif()
 endfunction()

@@ -21,17 +21,44 @@ set(AMBREL_INSTALL_LIBDIR lib)
 set(AMBREL_INSTALL_INCLUDEDIR include)
 set(AMBREL_INSTALL_CMAKEDIR lib/cmake/Ambrel)
 
-# Version resource: company, product, description and the project's version,
+# Version resources: company, product, description and the project's version,
 # with the build number as its fourth field, so two builds of one version can
 # be told apart (CI passes its run number; a build by hand is 0).
-set(AMBREL_BUILD_NUMBER 0 CACHE STRING "Fourth field of Ambrel.dll's file version (0 to 65535)")
+set(AMBREL_BUILD_NUMBER 0 CACHE STRING "Fourth field of the shipped images' file version (0 to 65535)")
 if(NOT AMBREL_BUILD_NUMBER MATCHES "^[0-9]+$" OR AMBREL_BUILD_NUMBER GREATER 65535)
   message(FATAL_ERROR "AMBREL_BUILD_NUMBER must be a number from 0 to 65535, not '${AMBREL_BUILD_NUMBER}'")
 endif()
 set(AMBREL_PRODUCT_NAME "Ambrel")
-set(AMBREL_FILE_DESCRIPTION "${PROJECT_DESCRIPTION}")
-configure_file(${PROJECT_SOURCE_DIR}/resources/Ambrel.rc.in ${PROJECT_BINARY_DIR}/resources/Ambrel.rc @ONLY)
-target_sources(Ambrel PRIVATE ${PROJECT_BINARY_DIR}/resources/Ambrel.rc)
+# ambrel_add_version_resource(<target> <VFT_DLL|VFT_APP> <internal name> <file name> <description> [<manifest>])
+# The manifest, when given, is configured beside the resource and embedded
+# with it (MSVC's linker merges it into the one it writes).
+function(ambrel_add_version_resource target filetype internal_name file_name description)
+  set(AMBREL_RC_FILETYPE ${filetype})
+  set(AMBREL_RC_INTERNAL_NAME "${internal_name}")
+  set(AMBREL_RC_FILENAME "${file_name}")
+  set(AMBREL_RC_DESCRIPTION "${description}")
+  set(AMBREL_RC_EXTRA "")
+  set(rc ${PROJECT_BINARY_DIR}/resources/${target}.rc)
+  if(ARGC GREATER 5)
+    set(manifest ${PROJECT_BINARY_DIR}/resources/${internal_name}.manifest)
+    configure_file(${ARGV5} ${manifest} @ONLY)
+    if(MSVC)
+      target_sources(${target} PRIVATE ${manifest})
+    else()
+      set(AMBREL_RC_EXTRA "1 24 \"${manifest}\"  // RT_MANIFEST, the program's own")
+    endif()
+  endif()
+  configure_file(${PROJECT_SOURCE_DIR}/resources/VersionInfo.rc.in ${rc} @ONLY)
+  target_sources(${target} PRIVATE ${rc})
+endfunction()
+ambrel_add_version_resource(Ambrel VFT_DLL Ambrel Ambrel.dll "${PROJECT_DESCRIPTION}")
+ambrel_add_version_resource(ambrel_diagnose VFT_APP ambrel-diagnose ambrel-diagnose.exe
+  "Ambrel support tool: what InitializeQel would meet on this machine"
+  ${PROJECT_SOURCE_DIR}/resources/ambrel-diagnose.manifest.in)
+if(TARGET ambrel_diagnose_sandboxed)
+  ambrel_add_version_resource(ambrel_diagnose_sandboxed VFT_APP ambrel-diagnose-sandboxed ambrel-diagnose-sandboxed.exe
+    "Ambrel support tool, test build (registry sandbox)" ${PROJECT_SOURCE_DIR}/resources/ambrel-diagnose.manifest.in)
+endif()
 
 install(TARGETS Ambrel EXPORT AmbrelTargets
   RUNTIME DESTINATION ${AMBREL_INSTALL_BINDIR}
@@ -39,14 +66,15 @@ install(TARGETS Ambrel EXPORT AmbrelTargets
   ARCHIVE DESTINATION ${AMBREL_INSTALL_LIBDIR})
 install(FILES ${PROJECT_SOURCE_DIR}/include/Ambrel.h DESTINATION ${AMBREL_INSTALL_INCLUDEDIR})
 install(TARGETS ambrel_diagnose RUNTIME DESTINATION ${AMBREL_INSTALL_BINDIR})
-# Signed copies over the installed images when a certificate is given.
-include(${CMAKE_CURRENT_LIST_DIR}/AmbrelSigning.cmake)
-ambrel_sign_on_install(Ambrel ambrel_diagnose)
 # The shared C++ runtime the library and its host share (mingw-w64 only; an
-# MSVC host ships Microsoft's redistributable runtime as it always does).
-if(AMBREL_RUNTIME_DLLS)
-  install(FILES ${AMBREL_RUNTIME_DLLS} DESTINATION ${AMBREL_INSTALL_BINDIR})
+# MSVC host ships Microsoft's redistributable runtime as it always does), as
+# the build copies it beside its programs: without DWARF.
+if(AMBREL_SHIPPED_RUNTIME_DLLS)
+  install(FILES ${AMBREL_SHIPPED_RUNTIME_DLLS} DESTINATION ${AMBREL_INSTALL_BINDIR})
 endif()
+# Signed copies over every installed image when a certificate is given.
+include(${CMAKE_CURRENT_LIST_DIR}/AmbrelSigning.cmake)
+ambrel_sign_on_install(TARGETS Ambrel ambrel_diagnose FILES ${AMBREL_SHIPPED_RUNTIME_DLLS})
 set(AMBREL_RUNTIME_NAMES "")
 foreach(runtime_dll IN LISTS AMBREL_RUNTIME_DLLS)
   get_filename_component(runtime_name ${runtime_dll} NAME)

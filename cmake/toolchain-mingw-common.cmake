@@ -31,10 +31,9 @@ set(AMBREL_RUNTIME_DLLS
 
 # Stack-buffer checks on functions with local arrays (cmake/AmbrelHardening.cmake
 # applies them). mingw-w64 10's runtime has no __stack_chk_guard or
-# __stack_chk_fail: GCC's libssp has them, taken from its archive by file name
-# so that no image imports libssp-0.dll.
+# __stack_chk_fail, and GCC's libssp seeds its canary with CryptGenRandom at
+# load: the project links a runtime of its own (common/StackProtector.c).
 set(AMBREL_STACK_PROTECTOR -fstack-protector-strong)
-set(AMBREL_STACK_PROTECTOR_LIBRARIES -l:libssp.a)
 
 set(CMAKE_FIND_ROOT_PATH /usr/${AMBREL_MINGW_TRIPLE})
 set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)

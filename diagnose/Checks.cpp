@@ -19,6 +19,8 @@
 #include "diagnose/Hex.h"
 #include "diagnose/LibrarySignature.h"
 #include "diagnose/SdkExports.h"
+#include "diagnose/SdkMachine.h"
+#include "diagnose/Versions.h"
 #include "haldo_sdk/SdkEntryPoints.h"
 #include "haldo_sdk/SdkModule.h"
 #include "haldo_sdk/WrapperStatus.h"
@@ -225,6 +227,7 @@ SdkFindings CheckSdk(std::vector<Check>& report) {
         .fields = {{"error", sdk.thrown}};
     for (const char* id : {"sdk.location", "sdk.expanded", "sdk.file", "sdk.signature", "sdk.publisher"})
       Add(report, id, Verdict::Skip, "not reached: the lock file's test throws");
+    CheckSdkMachine(report, {});
     RenderExports(report, {});
     return sdk;
   }
@@ -237,9 +240,13 @@ SdkFindings CheckSdk(std::vector<Check>& report) {
       Add(report, id, Verdict::Skip, "not reached: the wrapper stops at the self-update lock");
   }
   RenderSignature(report, load.signature);
-  // Read whenever there is a file, also past a refusal: it is evidence.
+  // Read whenever there is a file, also past a refusal: it is evidence. The
+  // machine decides LoadLibraryW, which comes before the exports are bound.
+  const std::string machineProblem = CheckSdkMachine(report, load.path);
   const std::string exportProblem = RenderExports(report, load.path);
-  sdk.firstProblem = load.refusal != kWrapperSuccess ? RefusalText(load) : exportProblem;
+  sdk.firstProblem = load.refusal != kWrapperSuccess ? RefusalText(load)
+                     : machineProblem.empty()        ? exportProblem
+                                                     : machineProblem;
   return sdk;
 }
 
@@ -455,6 +462,9 @@ Diagnosis Diagnose(const std::wstring& library) {
   Diagnosis diagnosis;
   std::vector<Check>& report = diagnosis.checks;
   const bool development = CheckLibrary(report, library);
+  const std::optional<std::string> toolVersion = ToolVersion();
+  diagnosis.toolVersion = toolVersion.value_or("");
+  report.push_back(CheckLibraryVersion(library, toolVersion));
   report.push_back(CheckLibrarySignature(library));
   CheckEdition(report, library);
   const bool marked = CheckMarker(report);

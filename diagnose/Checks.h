@@ -33,6 +33,7 @@ struct Conclusion {
 };
 
 struct Diagnosis {
+  std::string toolVersion;  // this program's file version; empty when it has none
   std::vector<Check> checks;
   Conclusion conclusion;
   std::vector<std::string> sdkSession;  // lines of a --with-sdk run, else empty

@@ -30,10 +30,12 @@ constexpr std::string_view kUsage =
     "\n"
     "Exit code: 0 when the bootstrap would succeed, 1 when it would fail, 2 on bad usage.\n";
 
-// Test-only: --registry-sandbox <key> reads HKLM and HKCU from
-// HKCU\<key>\HKLM and HKCU\<key>\HKCU, the scratch keys the test suite's
-// registry sandbox makes, so a test can judge a sandbox it built. Read
-// access only; not shown in the usage text.
+#ifdef AMBREL_DIAGNOSE_REGISTRY_SANDBOX
+// Test build only (ambrel-diagnose-sandboxed.exe, never shipped): with
+// --registry-sandbox <key> it reads HKLM and HKCU from HKCU\<key>\HKLM and
+// HKCU\<key>\HKCU, the scratch keys the test suite's registry sandbox makes,
+// so a test can judge a sandbox it built. In a shipped program any user could
+// point HKLM at a key of their own and print a "healthy" report.
 bool RedirectRegistry(const std::wstring& scratchKey) {
   ambrel::UniqueRegKey hklm;
   ambrel::UniqueRegKey hkcu;
@@ -44,6 +46,7 @@ bool RedirectRegistry(const std::wstring& scratchKey) {
   return ::RegOverridePredefKey(HKEY_LOCAL_MACHINE, hklm.get()) == ERROR_SUCCESS &&
          ::RegOverridePredefKey(HKEY_CURRENT_USER, hkcu.get()) == ERROR_SUCCESS;
 }
+#endif
 
 int BadUsage(const std::string& problem) {
   std::cerr << "ambrel-diagnose: " + problem + "\n\n" + std::string(kUsage);
@@ -65,14 +68,15 @@ int wmain(int argc, wchar_t** argv) {
     } else if (arg == L"--help" || arg == L"-h" || arg == L"/?") {
       std::cout << kUsage << std::flush;
       return 0;
-    } else if (arg == L"--library" || arg == L"--registry-sandbox") {
-      if (i + 1 >= argc) return BadUsage(ambrel::WideToUtf8(arg) + " needs a value");
+    } else if (arg == L"--library") {
+      if (i + 1 >= argc) return BadUsage("--library needs a value");
+      library = argv[++i];
+#ifdef AMBREL_DIAGNOSE_REGISTRY_SANDBOX
+    } else if (arg == L"--registry-sandbox") {
+      if (i + 1 >= argc) return BadUsage("--registry-sandbox needs a value");
       const std::wstring value = argv[++i];
-      if (arg == L"--library") {
-        library = value;
-      } else if (!RedirectRegistry(value)) {
-        return BadUsage("no registry sandbox at HKCU\\" + ambrel::WideToUtf8(value));
-      }
+      if (!RedirectRegistry(value)) return BadUsage("no registry sandbox at HKCU\\" + ambrel::WideToUtf8(value));
+#endif
     } else {
       return BadUsage("unknown argument " + ambrel::WideToUtf8(arg));
     }

@@ -71,7 +71,9 @@ std::string FormatText(const Diagnosis& diagnosis) {
 }
 
 std::string FormatJson(const Diagnosis& diagnosis) {
-  std::string out = "{\n  \"tool\": \"ambrel-diagnose\",\n  \"formatVersion\": 1,\n  \"checks\": [";
+  std::string out = "{\n  \"tool\": \"ambrel-diagnose\",\n  \"toolVersion\": " +
+                    (diagnosis.toolVersion.empty() ? std::string("null") : JsonString(diagnosis.toolVersion)) +
+                    ",\n  \"formatVersion\": 1,\n  \"checks\": [";
   bool firstCheck = true;
   for (const Check& check : diagnosis.checks) {
     out += firstCheck ? "\n" : ",\n";

@@ -3,23 +3,11 @@
 #include <windows.h>
 
 #include <algorithm>
-#include <cstring>
-#include <filesystem>
-#include <fstream>
-#include <iterator>
-#include <vector>
+
+#include "diagnose/PeImage.h"
 
 namespace ambrel::diagnose {
 namespace {
-
-using Bytes = std::vector<unsigned char>;
-
-template <typename T>
-bool ReadAt(const Bytes& bytes, std::size_t offset, T& out) {
-  if (offset > bytes.size() || bytes.size() - offset < sizeof(T)) return false;
-  std::memcpy(&out, bytes.data() + offset, sizeof(T));
-  return true;
-}
 
 struct Sections {
   std::size_t first = 0;  // offset of the first section header
@@ -57,18 +45,13 @@ IMAGE_DATA_DIRECTORY ExportDirectoryIn(const Bytes& bytes, std::size_t offset) {
 
 // The DOS, NT and optional headers; nullopt when they do not make a PE image.
 std::optional<ImageLayout> ReadLayout(const Bytes& bytes) {
-  IMAGE_DOS_HEADER dos{};
-  if (!ReadAt(bytes, 0, dos) || dos.e_magic != IMAGE_DOS_SIGNATURE) return std::nullopt;
-  const std::size_t nt = static_cast<std::size_t>(dos.e_lfanew);
-  DWORD signature = 0;
-  IMAGE_FILE_HEADER fileHeader{};
-  if (!ReadAt(bytes, nt, signature) || signature != IMAGE_NT_SIGNATURE) return std::nullopt;
-  if (!ReadAt(bytes, nt + sizeof signature, fileHeader)) return std::nullopt;
-  const std::size_t optional = nt + sizeof signature + sizeof fileHeader;
+  const std::optional<PeHeaders> headers = ReadPeHeaders(bytes);
+  if (!headers) return std::nullopt;
+  const std::size_t optional = headers->optionalHeader;
   WORD magic = 0;
   if (!ReadAt(bytes, optional, magic)) return std::nullopt;
 
-  ImageLayout layout{{optional + fileHeader.SizeOfOptionalHeader, fileHeader.NumberOfSections}, {}};
+  ImageLayout layout{{optional + headers->file.SizeOfOptionalHeader, headers->file.NumberOfSections}, {}};
   if (magic == IMAGE_NT_OPTIONAL_HDR64_MAGIC) {
     layout.exports = ExportDirectoryIn<IMAGE_OPTIONAL_HEADER64>(bytes, optional);
   } else if (magic == IMAGE_NT_OPTIONAL_HDR32_MAGIC) {
@@ -104,14 +87,12 @@ std::optional<std::set<std::string>> ReadNames(const Bytes& bytes, const Section
 }  // namespace
 
 std::optional<std::set<std::string>> ReadExportNames(const std::wstring& file) {
-  std::ifstream in(std::filesystem::path(file), std::ios::binary);
-  if (!in) return std::nullopt;
-  const Bytes bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-
-  const std::optional<ImageLayout> layout = ReadLayout(bytes);
+  const std::optional<Bytes> bytes = ReadFileBytes(file);
+  if (!bytes) return std::nullopt;
+  const std::optional<ImageLayout> layout = ReadLayout(*bytes);
   if (!layout) return std::nullopt;
   if (layout->exports.VirtualAddress == 0 || layout->exports.Size == 0) return std::set<std::string>{};
-  return ReadNames(bytes, layout->sections, layout->exports.VirtualAddress);
+  return ReadNames(*bytes, layout->sections, layout->exports.VirtualAddress);
 }
 
 }  // namespace ambrel::diagnose

@@ -186,13 +186,14 @@ void ShowCallStack() {
 }
 
 // The support engineers' program on the sandbox built above, as a child that
-// reads the same scratch registry keys (its test-only --registry-sandbox).
+// reads the same scratch registry keys: its test build, whose
+// --registry-sandbox the shipped program does not have.
 // The marker is dropped for the child, so it judges the machine as a fresh
 // host process would; PATH still holds the folder this host put there.
 void ShowDiagnosis(const RegistrySandbox& registry, EnvGuard& env) {
   Heading("ambrel-diagnose on this sandbox");
   env.Unset(kMarker);
-  const auto result = ambrel::test::RunProcess(TestBinDirectory() + L"\\ambrel-diagnose.exe",
+  const auto result = ambrel::test::RunProcess(TestBinDirectory() + L"\\ambrel-diagnose-sandboxed.exe",
                                                L"--registry-sandbox \"" + registry.ScratchKeyPath() + L"\"");
   for (const std::string& line : ambrel::test::SplitLines(result.output)) std::printf("  %s\n", line.c_str());
   std::printf("  (exit code %s)\n", ambrel::test::ExitCodeText(result.exitCode).c_str());

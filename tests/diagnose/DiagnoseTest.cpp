@@ -20,7 +20,9 @@
 namespace ambrel::test {
 namespace {
 
-std::wstring DiagnoseProgram() { return TestBinDirectory() + L"\\ambrel-diagnose.exe"; }
+// The test build, which takes --registry-sandbox; the shipped program does not.
+std::wstring DiagnoseProgram() { return TestBinDirectory() + L"\\ambrel-diagnose-sandboxed.exe"; }
+std::wstring ShippedProgram() { return TestBinDirectory() + L"\\ambrel-diagnose.exe"; }
 
 ProcessResult RunDiagnose(const SdkSandbox& sandbox, const std::wstring& arguments = L"") {
   return RunProcess(DiagnoseProgram(),
@@ -50,8 +52,10 @@ std::string Pid() { return std::to_string(::GetCurrentProcessId()); }
 const std::vector<Row>& Rows() {
   static const std::vector<Row> rows = {
       {"Healthy", [](SdkSandbox&) {}, 0,
-       {"info  library.signature        not signed (WinVerifyTrust 0x800B0100)", "ok    marker", "ok    sdk.selfUpdateLock", "ok    sdk.location", "ok    sdk.file", "ok    sdk.signature",
-        "ok    sdk.publisher", "ok    sdk.export.Initialize", "ok    sdk.export.ReleaseMemory",
+       {"ok    library.version          ambrel-diagnose " AMBREL_VERSION_TEXT " judges with the code of Ambrel " AMBREL_VERSION_TEXT,
+        "info  library.signature        not signed (WinVerifyTrust 0x800B0100)", "ok    marker", "ok    sdk.selfUpdateLock", "ok    sdk.location", "ok    sdk.file", "ok    sdk.signature",
+        "ok    sdk.publisher", "ok    sdk.machine              x64 (0x8664), as the host",
+        "ok    sdk.export.Initialize", "ok    sdk.export.ReleaseMemory",
         "ok    sdk.export.Uninitialize", "ok    sdk.export.LockDirectory", "ok    sdk.export.UnLockDirectory",
         "ok    registry.key", "ok    registry.override", "ok    registry.installPath", "ok    registry.version",
         "ok    location", "ok    path", "ok    result                   InitializeQel would return true with"},
@@ -96,6 +100,16 @@ const std::vector<Row>& Rows() {
         "ok    sdk.export.UnLockDirectory", "ok    result"},
        {"{\"id\": \"sdk.export.LockDirectory\", \"verdict\": \"warn\", \"text\": \"not exported\", \"evidence\": {\"present\": false}}",
         "\"sdkLock\": false", "does not export LockDirectory"}},
+      // Every check of the wrapper passes; the 64-bit host's LoadLibraryW then refuses it (193).
+      {"ThirtyTwoBitSdk", [](SdkSandbox&) { SetSdkLocation(StandInKind::ThirtyTwoBit); }, 0,
+       {"ok    sdk.signature", "ok    sdk.publisher",
+        "warn  sdk.machine              x86 (0x014C): LoadLibraryW in an x64 host refuses it (error 193",
+        "ok    sdk.export.Initialize",
+        "ok    result                   InitializeQel would return true with"},
+       {"{\"id\": \"sdk.machine\", \"verdict\": \"warn\"",
+        "\"machine\": \"x86\", \"machineCode\": 332, \"hostMachine\": \"x64\", \"loadable\": false",
+        "\"sdkLock\": false",
+        "the installer would not lock it: the SDK file is an x86 DLL, which LoadLibraryW in an x64 host refuses (error 193)"}},
       {"MarkerAlreadySet", [](SdkSandbox& s) { s.env().Set(kMarker, L"1"); }, 0,
        {"info  marker", "ok    result                   InitializeQel would return true without the installer"},
        {"\"variable\": \"QEL_INITIALIZE_BYPASSED\", \"present\": true, \"value\": \"1\"", "\"initializeQel\": true"}},
@@ -222,8 +236,8 @@ TEST(Diagnose, ChecksComeInTheBootstrapsOrder) {
     ids.push_back(line.substr(start, line.find(' ', start) - start));
   }
   const std::vector<std::string> expected = {
-      "library", "library.signature", "edition", "marker", "sdk.selfUpdateLock", "sdk.location", "sdk.expanded", "sdk.file",
-      "sdk.signature", "sdk.publisher", "sdk.export.Initialize", "sdk.export.ReleaseMemory",
+      "library", "library.version", "library.signature", "edition", "marker", "sdk.selfUpdateLock", "sdk.location", "sdk.expanded", "sdk.file",
+      "sdk.signature", "sdk.publisher", "sdk.machine", "sdk.export.Initialize", "sdk.export.ReleaseMemory",
       "sdk.export.Uninitialize", "sdk.export.LockDirectory", "sdk.export.UnLockDirectory", "registry.key",
       "registry.override", "registry.installPath", "registry.version", "location", "path", "result"};
   EXPECT_EQ(ids, expected) << result.output;
@@ -277,6 +291,36 @@ TEST(Diagnose, WithSdkPassesTheSessionMessagesThrough) {
   EXPECT_TRUE(HasLineStarting(result.output, "sdk      LockDirectory(")) << result.output;
   EXPECT_NE(result.output.find("session  [WARN] Failed to lock"), std::string::npos) << result.output;
   EXPECT_NE(result.output.find("HALDO SDK wrapper status code : 5"), std::string::npos) << result.output;
+}
+
+// The shipped program has no way to read another registry: the option that
+// redirects HKLM is the test build's alone.
+TEST(Diagnose, TheShippedProgramHasNoRegistrySandbox) {
+  SdkSandbox sandbox(SdkSandbox::Contents::Installed);
+  const ProcessResult shipped =
+      RunProcess(ShippedProgram(), L"--registry-sandbox \"" + sandbox.registry().ScratchKeyPath() + L"\" --json");
+  EXPECT_EQ(shipped.exitCode, 2u) << shipped.output;
+  EXPECT_NE(shipped.output.find("unknown argument --registry-sandbox"), std::string::npos) << shipped.output;
+  EXPECT_EQ(RunDiagnose(sandbox, L"--json").exitCode, 0u);
+}
+
+// Its own version and the judged library's, plainly when they differ: a DLL
+// with another version resource stands in for another release of Ambrel.
+TEST(Diagnose, SaysWhenTheJudgedLibraryIsAnotherVersion) {
+  SdkSandbox sandbox(SdkSandbox::Contents::Installed);
+  const std::wstring other = L"--library \"" + TestBinDirectory() + L"\\other_version\\Ambrel.dll\"";
+  const ProcessResult text = RunDiagnose(sandbox, other);
+  EXPECT_TRUE(HasLineStarting(text.output, "warn  library.version          versions differ: ambrel-diagnose " AMBREL_VERSION_TEXT
+                                           " judges with the code of Ambrel " AMBREL_VERSION_TEXT
+                                           ", but the judged Ambrel.dll is 9.8.7.6"))
+      << text.output;
+  const ProcessResult json = RunDiagnose(sandbox, other + L" --json");
+  EXPECT_NE(json.output.find("\"toolVersion\": \"" AMBREL_VERSION_TEXT "\""), std::string::npos) << json.output;
+  EXPECT_NE(json.output.find("\"evidence\": {\"toolVersion\": \"" AMBREL_VERSION_TEXT
+                             "\", \"libraryVersion\": \"9.8.7.6\", \"same\": false}"),
+            std::string::npos)
+      << json.output;
+  std::printf("---- another version of the library\n%s", text.output.c_str());
 }
 
 TEST(Diagnose, BadUsageExitsWithTwo) {

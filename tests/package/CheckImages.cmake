@@ -10,13 +10,28 @@
 #   -DIMAGES=<paths, separated by "|">
 #   -DALLOWED_IMPORTS=<DLL names, any case, separated by "|">
 #   -DCANARY_FUNCTION=<a function of every image with a local array>
+#   -DNM=llvm-nm -DOBJECT_LISTS=<per image, a file naming the objects and
+#    archives of the library's own code in it, separated by "|">
+#   -DBASELINES=<per image, an image of the same kind linked the same way
+#    with no code of the library's, separated by "|">
+#   -DRUNTIME_ARCHIVES=<the C runtime's static archives, separated by "|">
+# Every import must be accounted for: called by the library's own code, made
+# by the toolchain's start-up code (the baseline image imports it too), or
+# made by a C runtime function the library's code calls (found in the C
+# runtime's archives, following their own calls). An import nothing of that
+# explains came from an archive the library did not mean to call, as GCC's
+# libssp brought CryptAcquireContextA. Crypto imports from ADVAPI32 fail
+# whatever brought them: they load rsaenh.dll.
 cmake_minimum_required(VERSION 3.25)
-foreach(var READOBJ PDBUTIL OBJDUMP IMAGES ALLOWED_IMPORTS CANARY_FUNCTION)
+foreach(var READOBJ PDBUTIL OBJDUMP IMAGES ALLOWED_IMPORTS CANARY_FUNCTION NM OBJECT_LISTS BASELINES RUNTIME_ARCHIVES)
   if(NOT DEFINED ${var})
     message(FATAL_ERROR "CheckImages.cmake: ${var} is not set")
   endif()
 endforeach()
 string(REPLACE "|" ";" IMAGES "${IMAGES}")
+string(REPLACE "|" ";" OBJECT_LISTS "${OBJECT_LISTS}")
+string(REPLACE "|" ";" BASELINES "${BASELINES}")
+string(REPLACE "|" ";" RUNTIME_ARCHIVES "${RUNTIME_ARCHIVES}")
 string(REPLACE "|" ";" ALLOWED_IMPORTS "${ALLOWED_IMPORTS}")
 string(TOLOWER "${ALLOWED_IMPORTS}" ALLOWED_IMPORTS)
 
@@ -30,6 +45,78 @@ function(run out)
 endfunction()
 
 include(${CMAKE_CURRENT_LIST_DIR}/../../cmake/ReadobjField.cmake)
+
+# "<DLL> <function>" per import of an image, upper-case DLL names.
+function(import_list image out)
+  run(text "${READOBJ}" --coff-imports "${image}")
+  set(result "")
+  set(dll "")
+  string(REGEX MATCHALL "(Name|Symbol): [^ \n]+" entries "${text}")
+  foreach(entry IN LISTS entries)
+    if(entry MATCHES "^Name: (.+)")
+      string(TOUPPER "${CMAKE_MATCH_1}" dll)
+    elseif(entry MATCHES "^Symbol: (.+)")
+      list(APPEND result "${dll} ${CMAKE_MATCH_1}")
+    endif()
+  endforeach()
+  set(${out} "${result}" PARENT_SCOPE)
+endfunction()
+
+# The C runtime's code members (mingw-w64 names them lib64_*; the other
+# members are import stubs), as "<member> <symbol> <type>" lines.
+set(runtime_symbols "")
+foreach(archive IN LISTS RUNTIME_ARCHIVES)
+  run(text "${NM}" -A -P "${archive}")
+  string(REGEX MATCHALL "\\[lib64_[^]\n]+\\]: [^ \n]+ [A-Za-z]" lines "${text}")
+  list(TRANSFORM lines REPLACE "^\\[([^]]+)\\]: " "\\1 ")
+  list(JOIN lines "\n" lines)
+  string(APPEND runtime_symbols "${lines}\n")
+endforeach()
+
+# A name as a regular expression that matches it alone.
+function(literal_pattern text out)
+  foreach(special "\\" "." "+" "*" "?" "$" "^" "(" ")" "[" "]" "|")
+    string(REPLACE "${special}" "\\${special}" text "${text}")
+  endforeach()
+  set(${out} "${text}" PARENT_SCOPE)
+endfunction()
+
+# Into `out`: the functions the objects and archives named in `list_file`
+# call, and the imports of the C runtime functions among them (following
+# the runtime's own calls), without the __imp_ prefix.
+function(own_calls list_file out)
+  file(STRINGS "${list_file}" files)
+  run(text "${NM}" -j --undefined-only ${files})
+  string(REPLACE "\n" ";" pending "${text}")
+  list(FILTER pending EXCLUDE REGEX "^$|:$")
+  set(called "")
+  set(members "")
+  while(pending)
+    list(POP_FRONT pending symbol)
+    # mingw-w64's runtime calls msvcrt's own X, where it replaces X, as __ms_X.
+    string(REGEX REPLACE "^__imp_" "" name "${symbol}")
+    string(REGEX REPLACE "^__ms_" "" name "${name}")
+    if(name IN_LIST called)
+      continue()
+    endif()
+    list(APPEND called "${name}")
+    literal_pattern("${name}" pattern)
+    # The runtime members that define it and have not been followed yet.
+    string(REGEX MATCHALL "[^ \n]+ ${pattern} [TDRB]\n" definers "${runtime_symbols}")
+    list(TRANSFORM definers REPLACE " .*" "")
+    foreach(member IN LISTS members)
+      list(REMOVE_ITEM definers "${member}")
+    endforeach()
+    foreach(member IN LISTS definers)
+      list(APPEND members "${member}")
+      literal_pattern("${member}" member_pattern)
+      string(REGEX MATCHALL "\n${member_pattern} [^ \n]+ U" uses "\n${runtime_symbols}")
+      list(TRANSFORM uses REPLACE "^\n[^ ]+ ([^ ]+) U$" "\\1")
+      list(APPEND pending ${uses})
+    endforeach()
+  endwhile()
+  set(${out} "${called}" PARENT_SCOPE)
+endfunction()
 
 set(failures "")
 set(table "")
@@ -68,6 +155,9 @@ endfunction()
 
 foreach(image IN LISTS IMAGES)
   get_filename_component(name "${image}" NAME)
+  list(FIND IMAGES "${image}" image_index)
+  list(GET OBJECT_LISTS ${image_index} object_list)
+  list(GET BASELINES ${image_index} baseline)
   run(headers "${READOBJ}" --file-headers "${image}")
   run(debug "${READOBJ}" --coff-debug-directory "${image}")
   run(imports "${READOBJ}" --coff-imports "${image}")
@@ -159,6 +249,45 @@ foreach(image IN LISTS IMAGES)
   endif()
   string(REPLACE ";" " " import_text "${import_list}")
   verdict(${name} "imports only system DLLs and the C++ runtime" ok "${import_text}")
+
+  # No crypto from ADVAPI32 (CryptAcquireContext loads rsaenh.dll), and no
+  # import the library's own code does not account for.
+  import_list("${image}" image_imports)
+  set(crypto ${image_imports})
+  list(FILTER crypto INCLUDE REGEX "^ADVAPI32\\.DLL (Crypt|SystemFunction036)")
+  string(REPLACE ";" ", " crypto_text "${crypto}")
+  set(ok TRUE)
+  if(crypto)
+    set(ok FALSE)
+  else()
+    set(crypto_text "none")
+  endif()
+  verdict(${name} "no crypto imports from ADVAPI32" ok "${crypto_text}")
+
+  own_calls("${object_list}" called)
+  import_list("${baseline}" baseline_imports)
+  set(unaccounted "")
+  set(own_count 0)
+  set(startup_count 0)
+  foreach(entry IN LISTS image_imports)
+    string(REGEX REPLACE "^[^ ]+ " "" function "${entry}")
+    if(function IN_LIST called)
+      math(EXPR own_count "${own_count} + 1")
+    elseif(entry IN_LIST baseline_imports)
+      math(EXPR startup_count "${startup_count} + 1")
+    else()
+      list(APPEND unaccounted "${entry}")
+    endif()
+  endforeach()
+  list(LENGTH image_imports import_count)
+  set(ok TRUE)
+  set(evidence "${import_count} imports: ${own_count} called by the library's code or the C runtime functions it calls, ${startup_count} by the start-up code alone")
+  if(unaccounted)
+    set(ok FALSE)
+    string(REPLACE ";" ", " unaccounted "${unaccounted}")
+    string(APPEND evidence "; not called: ${unaccounted}")
+  endif()
+  verdict(${name} "every import called by the library's code" ok "${evidence}")
 
   # Not required of these images, reported so the table is complete.
   readobj_field("${headers}" LoadConfigTableSize load_config)

@@ -81,6 +81,29 @@ if(NOT installed_bin STREQUAL expected_bin)
 endif()
 message(STATUS "bin/ of the package: ${installed_bin}")
 
+# Sizes: what every host ships and maps. No image carries DWARF, which no
+# Windows debugger reads (GCC's libstdc++-6.dll is 23.7 MB with it, 4.3 MB
+# without), and the images together stay within the budget.
+set(image_budget 6000000)
+set(image_total 0)
+foreach(name IN LISTS installed_bin)
+  file(SIZE "${prefix}/bin/${name}" size)
+  message(STATUS "  bin/${name}: ${size} bytes")
+  if(NOT name MATCHES "\\.pdb$")
+    math(EXPR image_total "${image_total} + ${size}")
+    if(READOBJ)
+      execute_process(COMMAND "${READOBJ}" --sections "${prefix}/bin/${name}" OUTPUT_VARIABLE sections RESULT_VARIABLE rc)
+      if(NOT rc EQUAL 0 OR sections MATCHES "Name: \\.debug_")
+        message(FATAL_ERROR "bin/${name} carries DWARF debug sections")
+      endif()
+    endif()
+  endif()
+endforeach()
+if(image_total GREATER image_budget)
+  message(FATAL_ERROR "the images of bin/ take ${image_total} bytes, more than the budget of ${image_budget}")
+endif()
+message(STATUS "the images of bin/ take ${image_total} bytes (budget ${image_budget}), none with DWARF")
+
 # What the shipped images load at start: system DLLs, and of the shipped
 # runtime exactly what they reach (dbghelp, MAPI32 and the SDK are loaded at
 # run time, never imported).

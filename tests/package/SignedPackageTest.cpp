@@ -174,7 +174,10 @@ TEST_P(SignedPackage, WithoutTheTestRootTheChainIsUntrusted) {
   EXPECT_EQ(untrusted.authenticodePolicy, static_cast<LONG>(CERT_E_UNTRUSTEDROOT));
 }
 
-INSTANTIATE_TEST_SUITE_P(Images, SignedPackage, ::testing::Values(L"Ambrel.dll", L"ambrel-diagnose.exe"));
+// Every image the package ships, the C++ runtime DLLs beside the library too.
+INSTANTIATE_TEST_SUITE_P(Images, SignedPackage,
+                         ::testing::Values(L"Ambrel.dll", L"ambrel-diagnose.exe", L"libstdc++-6.dll",
+                                           L"libgcc_s_seh-1.dll", L"libwinpthread-1.dll"));
 
 TEST(SignedPackageDll, VersionResourceStillReads) {
   const std::wstring file = PackageFile(L"Ambrel.dll");

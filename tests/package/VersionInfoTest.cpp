@@ -1,5 +1,5 @@
-// Ambrel.dll's version resource, read back the way Windows Explorer and
-// installers read it.
+// Ambrel.dll's and ambrel-diagnose.exe's version resources, read back the way
+// Windows Explorer and installers read them, and the program's manifest.
 #include <windows.h>
 
 #include <gtest/gtest.h>
@@ -70,6 +70,49 @@ TEST_F(VersionInfo, TranslationIsUsEnglishUnicode) {
   ASSERT_GE(length, sizeof(Translation));
   EXPECT_EQ(translation->language, 0x0409);
   EXPECT_EQ(translation->codePage, 1200);
+}
+
+// ambrel-diagnose.exe: a version resource of its own, and a manifest that
+// asks for no elevation and keeps the host's 260-character path limit.
+std::string ResourceText(const std::wstring& file, LPCWSTR type, LPCWSTR name) {
+  const HMODULE image = ::LoadLibraryExW(file.c_str(), nullptr, LOAD_LIBRARY_AS_DATAFILE | LOAD_LIBRARY_AS_IMAGE_RESOURCE);
+  if (!image) return {};
+  std::string text;
+  if (const HRSRC resource = ::FindResourceW(image, name, type)) {
+    const HGLOBAL loaded = ::LoadResource(image, resource);
+    const auto* bytes = static_cast<const char*>(::LockResource(loaded));
+    if (bytes) text.assign(bytes, ::SizeofResource(image, resource));
+  }
+  ::FreeLibrary(image);
+  return text;
+}
+
+TEST(DiagnoseProgram, CarriesTheProjectVersion) {
+  const std::wstring file = test::TestBinDirectory() + L"\\ambrel-diagnose.exe";
+  DWORD handle = 0;
+  const DWORD size = ::GetFileVersionInfoSizeW(file.c_str(), &handle);
+  ASSERT_NE(size, 0u) << "no version resource, error " << ::GetLastError();
+  std::vector<unsigned char> data(size);
+  ASSERT_TRUE(::GetFileVersionInfoW(file.c_str(), 0, size, data.data()));
+  VS_FIXEDFILEINFO* fixed = nullptr;
+  UINT length = 0;
+  ASSERT_TRUE(::VerQueryValueW(data.data(), L"\\", reinterpret_cast<void**>(&fixed), &length));
+  EXPECT_EQ(fixed->dwFileVersionMS, static_cast<DWORD>(MAKELONG(AMBREL_VERSION_MINOR, AMBREL_VERSION_MAJOR)));
+  EXPECT_EQ(fixed->dwFileVersionLS, static_cast<DWORD>(MAKELONG(0, AMBREL_VERSION_PATCH)));
+  EXPECT_EQ(fixed->dwFileType, static_cast<DWORD>(VFT_APP));
+  void* value = nullptr;
+  ASSERT_TRUE(::VerQueryValueW(data.data(), L"\\StringFileInfo\\040904b0\\OriginalFilename", &value, &length));
+  EXPECT_STREQ(static_cast<const wchar_t*>(value), L"ambrel-diagnose.exe");
+}
+
+TEST(DiagnoseProgram, ManifestAsksForNoElevationAndNoLongPaths) {
+  const std::string manifest =
+      ResourceText(test::TestBinDirectory() + L"\\ambrel-diagnose.exe", RT_MANIFEST, MAKEINTRESOURCEW(1));
+  ASSERT_FALSE(manifest.empty()) << "no manifest resource 1";
+  EXPECT_NE(manifest.find("<requestedExecutionLevel level=\"asInvoker\" uiAccess=\"false\"/>"), std::string::npos)
+      << manifest;
+  EXPECT_NE(manifest.find("<ws2016:longPathAware>false</ws2016:longPathAware>"), std::string::npos) << manifest;
+  EXPECT_NE(manifest.find("<supportedOS Id=\"{8e0f7a12-bfb3-4fe8-b9a5-48fd50a15a9a}\"/>"), std::string::npos);
 }
 
 }  // namespace

@@ -40,6 +40,7 @@ const char* StandInKindName(StandInKind kind) {
     case StandInKind::NoUninitialize: return "no_Uninitialize";
     case StandInKind::NoLockDirectory: return "no_LockDirectory";
     case StandInKind::NoUnLockDirectory: return "no_UnLockDirectory";
+    case StandInKind::ThirtyTwoBit: return "x86";
   }
   return "unknown";
 }

@@ -37,6 +37,7 @@ enum class StandInKind {
   NoUninitialize,      // no_Uninitialize/
   NoLockDirectory,     // no_LockDirectory/
   NoUnLockDirectory,   // no_UnLockDirectory/
+  ThirtyTwoBit,        // x86/               signed like Signed, built for 32-bit Windows
 };
 std::wstring StandInSdkPath(StandInKind kind);
 const char* StandInKindName(StandInKind kind);
