@@ -25,7 +25,11 @@ TEST(StartupTest, LoadingTheLibraryLoadsExactlyItsImports) {
 
 TEST(StartupTest, ASmashedCanaryEndsTheProcessWithFastFail) {
   const auto result = ambrel::test::RunProcess(Beside(L"ambrel_stack_smash.exe"), L"64");
-  std::cout << "exit status of the smashed process: 0x" << std::hex << result.exitCode << std::dec << "\n";
+  if (result.exitCode) {
+    std::cout << "exit status of the smashed process: 0x" << std::hex << *result.exitCode << std::dec << "\n";
+  } else {
+    std::cout << "exit status of the smashed process: none\n";
+  }
   EXPECT_EQ(result.exitCode, static_cast<DWORD>(STATUS_STACK_BUFFER_OVERRUN)) << result.output;
   EXPECT_EQ(result.output, "") << "the process went on after the check failed";
 }
