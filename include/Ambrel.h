@@ -12,6 +12,13 @@
 // std::length_error for one beyond max_size(); each comment names the others.
 // std::filesystem::filesystem_error carries the Windows error code and text,
 // and its what() names the operation ("exists" or "status") and the path.
+//
+// Exception model of the host: any that lets C++ exceptions pass through
+// calls, such as MSVC's default /EHsc. Every export that can throw has C++
+// linkage, since /EHsc takes extern "C" functions never to throw and would
+// drop the host's handlers around them. InitializeQel, GetSharedDllPath and
+// BackupInitialEnvironmentBlock are also exported under their plain names
+// for GetProcAddress.
 #pragma once
 
 #include <windows.h>
@@ -41,7 +48,7 @@
 // folder or "exists" when testing for the installer's self-update lock file
 // fails unexpectedly, and whatever the session sink throws. Call once, early,
 // on the start-up thread.
-extern "C" AMBREL_API bool InitializeQel();
+AMBREL_API bool InitializeQel();
 
 // The shared-components folder, looked up once per library through a
 // throw-away installer session (the lock is dropped at once); "" when there is
@@ -51,7 +58,7 @@ extern "C" AMBREL_API bool InitializeQel();
 // sink's exceptions); a first call that throws is retried by the next.
 // Concurrent first calls wait for one lookup; not alongside InitializeQel on
 // another thread, which drives the same installer state.
-extern "C" AMBREL_API const wchar_t* GetSharedDllPath();
+AMBREL_API const wchar_t* GetSharedDllPath();
 
 namespace QelLoadHelper {
 
@@ -136,11 +143,13 @@ class AMBREL_API OSxUtil {
 };
 
 // Keeps a private copy of the environment block the first time it is called;
-// later calls do nothing. Call first thing at start-up, from one thread.
-extern "C" AMBREL_API void BackupInitialEnvironmentBlock();
+// later calls do nothing. Throws std::bad_alloc when the copy cannot be made.
+// Call first thing at start-up, from one thread.
+AMBREL_API void BackupInitialEnvironmentBlock();
 // That copy (name=value strings, then an extra NUL), or null before the first
-// backup. Owned by the library: do not free or change it. Any thread once taken.
-extern "C" AMBREL_API const wchar_t* GetInitialEnvironmentBlock();
+// backup. Owned by the library: do not free or change it. Any thread once
+// taken. Never throws, so it keeps C linkage.
+extern "C" AMBREL_API const wchar_t* GetInitialEnvironmentBlock() noexcept;
 
 // ---- Mail, locale, keys, thread names, call stack ----
 
