@@ -38,13 +38,7 @@ static __inline int __cdecl fwide(FILE* stream, int mode) {
   (void)stream;
   return mode;
 }
-static __inline int __cdecl vfwscanf(FILE* stream, const wchar_t* format, va_list args) {
-  return __stdio_common_vfwscanf(_CRT_INTERNAL_LOCAL_SCANF_OPTIONS, stream, format, NULL, args);
-}
-static __inline int __cdecl vswscanf(const wchar_t* buffer, const wchar_t* format, va_list args) {
-  return __stdio_common_vswscanf(_CRT_INTERNAL_LOCAL_SCANF_OPTIONS, buffer, (size_t)-1, format, NULL, args);
-}
-static __inline int __cdecl vwscanf(const wchar_t* format, va_list args) { return vfwscanf(stdin, format, args); }
+AMBREL_VSCANF_FAMILY(wchar_t, vfwscanf, vswscanf, vwscanf, __stdio_common_vfwscanf, __stdio_common_vswscanf)
 #ifdef __cplusplus
 }
 #endif
