@@ -1,4 +1,5 @@
 # cmake -DCOMPILER=<c++ compiler> "-DFLAGS=<its flags>" -DSYNTAX_ONLY=<flag> -DINCLUDE=<include dir>
+#       [-DEND_OF_OPTIONS=--: clang-cl, which would read a path beginning /w as an option]
 #       -DSOURCE=<guards folder> "-DCASES=<name>~<flags>~<expected text>|..." -P CheckHeaderGuards.cmake
 # Compiles guards/Host.cpp, which includes Ambrel.h, once per case: a case
 # with expected text "ok" must compile, every other one must fail with that
@@ -14,7 +15,8 @@ foreach(case IN LISTS CASES)
   list(GET parts 2 expected)
   separate_arguments(case_flags UNIX_COMMAND "${case_flags}")
   list(TRANSFORM case_flags REPLACE "@GUARDS@" "${SOURCE}")
-  execute_process(COMMAND "${COMPILER}" ${flags} ${case_flags} ${SYNTAX_ONLY} "-I${INCLUDE}" -- "${SOURCE}/Host.cpp"
+  execute_process(COMMAND "${COMPILER}" ${flags} ${case_flags} ${SYNTAX_ONLY} "-I${INCLUDE}" ${END_OF_OPTIONS}
+                          "${SOURCE}/Host.cpp"
                   RESULT_VARIABLE rc OUTPUT_VARIABLE out ERROR_VARIABLE out)
   if(expected STREQUAL "ok")
     if(rc EQUAL 0)
