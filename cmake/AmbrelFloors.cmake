@@ -9,9 +9,12 @@ set(AMBREL_FLOORS common haldo_sdk qel_session qel_loader osx)
 # The library's own code builds without a warning. A compiler newer than the
 # ones it is checked with (clang-16, GCC 12) may add warnings: then configure
 # with -DAMBREL_WARNINGS_AS_ERRORS=OFF rather than edit this.
-option(AMBREL_WARNINGS_AS_ERRORS "Treat warnings in the library's own sources as errors (clang, GCC)" ON)
+option(AMBREL_WARNINGS_AS_ERRORS "Treat warnings in the library's own sources as errors" ON)
 if(MSVC)
   set(AMBREL_WARNING_FLAGS /W4)
+  if(AMBREL_WARNINGS_AS_ERRORS)
+    list(APPEND AMBREL_WARNING_FLAGS /WX)
+  endif()
 else()
   set(AMBREL_WARNING_FLAGS -Wall -Wextra -Wpedantic -Wshadow -Wconversion)
   if(AMBREL_WARNINGS_AS_ERRORS)

@@ -13,6 +13,13 @@
 // std::filesystem::filesystem_error carries the Windows error code and text,
 // and its what() names the operation ("exists", "status" or
 // "temp_directory_path") and the path.
+//
+// Exception model of the host: any that lets C++ exceptions pass through
+// calls, such as MSVC's default /EHsc. Every export that can throw has C++
+// linkage, since /EHsc takes extern "C" functions never to throw and would
+// drop the host's handlers around them. InitializeQel, GetSharedDllPath and
+// BackupInitialEnvironmentBlock are also exported under their plain names
+// for GetProcAddress.
 #pragma once
 
 #include <windows.h>
@@ -21,6 +28,32 @@
 #include <cstddef>
 #include <string>
 #include <string_view>
+
+// The host's C++ runtime must be able to share objects with the library's:
+// a std::wstring the library returns is freed by the host, and their layouts
+// and heaps must agree. A host whose runtime cannot does not build.
+#if defined(_LIBCPP_VERSION)
+#error "Ambrel.h: the host uses libc++; Ambrel.dll is built with Microsoft's STL (MSVC) or GCC's libstdc++ (mingw-w64)"
+#elif defined(_MSC_VER) && !defined(__GLIBCXX__)
+#if !defined(_DLL)
+#error "Ambrel.h: build the host with the shared C++ runtime (/MD): Ambrel.dll shares its heap and its standard types with the host"
+#endif
+// The package's iterator debug level (0: a release build, which is what the
+// package ships); its CMake package states it for its own build.
+#if !defined(AMBREL_ITERATOR_DEBUG_LEVEL)
+#define AMBREL_ITERATOR_DEBUG_LEVEL 0
+#endif
+#if _ITERATOR_DEBUG_LEVEL != AMBREL_ITERATOR_DEBUG_LEVEL
+#error "Ambrel.h: the host's _ITERATOR_DEBUG_LEVEL differs from Ambrel.dll's, so std::wstring's layout differs: a Debug host builds with /MD and _ITERATOR_DEBUG_LEVEL=0 (see README)"
+#endif
+#elif defined(__GLIBCXX__)
+#if _GLIBCXX_RELEASE != 12
+#error "Ambrel.h: the host uses another libstdc++ release than Ambrel.dll's (GCC 12's libstdc++-6.dll, shipped beside it)"
+#endif
+#if !_GLIBCXX_USE_CXX11_ABI
+#error "Ambrel.h: the host uses libstdc++'s old string ABI (_GLIBCXX_USE_CXX11_ABI=0); Ambrel.dll uses the C++11 one"
+#endif
+#endif
 
 #if defined(AMBREL_BUILDING)
 #define AMBREL_API __declspec(dllexport)
@@ -55,7 +88,7 @@
 // when that is not "" (the default directories include the added ones). A
 // child process inherits the marker but records no folder: its parent hands
 // the folder to it (for example on its command line).
-extern "C" AMBREL_API bool InitializeQel();
+AMBREL_API bool InitializeQel();
 
 // The shared-components folder, looked up once per library through a
 // throw-away installer session (the lock is dropped at once); "" when there is
@@ -66,7 +99,7 @@ extern "C" AMBREL_API bool InitializeQel();
 // throws is retried by the next.
 // Concurrent first calls wait for one lookup; not alongside InitializeQel on
 // another thread, which drives the same installer state.
-extern "C" AMBREL_API const wchar_t* GetSharedDllPath();
+AMBREL_API const wchar_t* GetSharedDllPath();
 
 namespace QelLoadHelper {
 
@@ -160,11 +193,13 @@ class AMBREL_API OSxUtil {
 };
 
 // Keeps a private copy of the environment block the first time it is called;
-// later calls do nothing. Call first thing at start-up, from one thread.
-extern "C" AMBREL_API void BackupInitialEnvironmentBlock();
+// later calls do nothing. Throws std::bad_alloc when the copy cannot be made.
+// Call first thing at start-up, from one thread.
+AMBREL_API void BackupInitialEnvironmentBlock();
 // That copy (name=value strings, then an extra NUL), or null before the first
-// backup. Owned by the library: do not free or change it. Any thread once taken.
-extern "C" AMBREL_API const wchar_t* GetInitialEnvironmentBlock();
+// backup. Owned by the library: do not free or change it. Any thread once
+// taken. Never throws, so it keeps C linkage.
+extern "C" AMBREL_API const wchar_t* GetInitialEnvironmentBlock() noexcept;
 
 // ---- Mail, locale, keys, thread names, call stack ----
 

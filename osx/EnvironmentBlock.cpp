@@ -8,6 +8,7 @@
 #include <cwchar>
 
 #include "Ambrel.h"
+#include "common/PlainExport.h"
 #include "common/WinResource.h"
 
 namespace ambrel {
@@ -53,6 +54,9 @@ EnvironmentCopy CopyEnvironmentBlock(const wchar_t* block) {
 
 }  // namespace ambrel
 
+AMBREL_PLAIN_EXPORT(BackupInitialEnvironmentBlock, "?BackupInitialEnvironmentBlock@@YAXXZ",
+                    "_Z29BackupInitialEnvironmentBlockv");
+
 void BackupInitialEnvironmentBlock() {
   ambrel::EnvironmentCopy& initial = ambrel::InitialEnvironment();
   if (initial.length != 0) return;
@@ -62,4 +66,4 @@ void BackupInitialEnvironmentBlock() {
   initial = ambrel::CopyEnvironmentBlock(block.get());
 }
 
-const wchar_t* GetInitialEnvironmentBlock() { return ambrel::InitialEnvironment().characters.get(); }
+const wchar_t* GetInitialEnvironmentBlock() noexcept { return ambrel::InitialEnvironment().characters.get(); }

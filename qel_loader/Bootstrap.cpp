@@ -4,6 +4,7 @@
 
 #include "Ambrel.h"
 #include "common/FileSystemStatus.h"
+#include "common/PlainExport.h"
 #include "qel_session/QelSession.h"
 
 namespace ambrel {
@@ -26,6 +27,8 @@ bool InitializeQelForEdition() {
 }
 
 }  // namespace ambrel
+
+AMBREL_PLAIN_EXPORT(InitializeQel, "?InitializeQel@@YA_NXZ", "_Z13InitializeQelv");
 
 bool InitializeQel() {
   using namespace ambrel;

@@ -2,6 +2,7 @@
 
 #include "Ambrel.h"
 #include "common/FileSystemStatus.h"
+#include "common/PlainExport.h"
 #include "qel_loader/Bootstrap.h"
 #include "qel_loader/InstallQueries.h"
 #include "qel_session/QelSession.h"
@@ -21,6 +22,8 @@ std::wstring FindSharedDllPath() {
 }
 
 }  // namespace ambrel
+
+AMBREL_PLAIN_EXPORT(GetSharedDllPath, "?GetSharedDllPath@@YAPEB_WXZ", "_Z16GetSharedDllPathv");
 
 const wchar_t* GetSharedDllPath() {
   // Computed once per library; an exception leaves it unset, so the next call retries.

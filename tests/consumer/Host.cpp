@@ -268,20 +268,38 @@ void ThrowingSink(std::wstring, std::wstring) { throw HostSinkError("the host's 
 const wchar_t kSharedKey[] = L"SOFTWARE\\Tavrel\\SharedComponents\\2026";
 const wchar_t kShellFolders[] = L"Software\\Microsoft\\Windows\\CurrentVersion\\Explorer\\User Shell Folders";
 
-// What InitializeQel let out, as the host caught it.
+// Sets its flag when destroyed: a local of the host's frame that the
+// exception unwinds.
+class UnwindSentinel {
+ public:
+  explicit UnwindSentinel(bool& destroyed) : destroyed_(destroyed) {}
+  ~UnwindSentinel() { destroyed_ = true; }
+  UnwindSentinel(const UnwindSentinel&) = delete;
+  UnwindSentinel& operator=(const UnwindSentinel&) = delete;
+
+ private:
+  bool& destroyed_;
+};
+
+// What InitializeQel let out, as the host caught it, and whether the host's
+// local in the throwing scope was destroyed on the way.
 struct Caught {
   bool filesystemError = false;
   std::string what;
   std::wstring path;
   int code = 0;
+  bool localDestroyed = false;
 };
 Caught InitializeCatching() {
   Caught caught;
+  bool destroyed = false;
   try {
+    const UnwindSentinel sentinel(destroyed);
     (void)InitializeQel();
   } catch (const std::filesystem::filesystem_error& error) {
     caught = {true, error.what(), error.path1().wstring(), error.code().value()};
   }
+  caught.localDestroyed = destroyed;
   return caught;
 }
 
@@ -303,6 +321,7 @@ void FileSystemErrorsReachTheHost(const ScratchFolder& scratch) {
     Check(caught.filesystemError, "InitializeQel: the folder test's filesystem_error reaches the host");
     Check(caught.what.find("status") != std::string::npos, "  named after the operation \"status\"");
     Check(caught.path == L"\\\\.\\PhysicalDrive0", "  with the folder as its path");
+    Check(caught.localDestroyed, "  and the host's local in the throwing scope was destroyed");
     std::printf("      what(): %s\n", caught.what.c_str());
     Check(!g_sinkMessages.empty(), "the host's sink received the session's messages");
   }
@@ -325,6 +344,7 @@ void FileSystemErrorsReachTheHost(const ScratchFolder& scratch) {
       lookupWhat = error.what();
     }
     Check(lookupWhat.find("exists") != std::string::npos, "GetSharedDllPath: the same filesystem_error reaches the host");
+    std::printf("      what(): %s\n", lookupWhat.c_str());
     DelayLoadInfo info = {};
     info.cb = sizeof(info);
     info.szDll = "ambrel_consumer_nowhere.dll";
@@ -335,6 +355,7 @@ void FileSystemErrorsReachTheHost(const ScratchFolder& scratch) {
       hookWhat = error.what();
     }
     Check(hookWhat.find("exists") != std::string::npos, "DelayLoadHook: the same filesystem_error reaches the host");
+    std::printf("      what(): %s\n", hookWhat.c_str());
     ::RegDeleteKeyValueW(HKEY_LOCAL_MACHINE, kShellFolders, L"Common AppData");
   }
 
@@ -348,7 +369,8 @@ void FileSystemErrorsReachTheHost(const ScratchFolder& scratch) {
       thrown = error.what();
     }
     SetQelSessionLogSink(&HostSink);
-    Check(thrown.has_value(), "InitializeQel: an exception of the host's sink reaches the host unchanged");
+    Check(thrown == "the host's sink refuses", "InitializeQel: an exception of the host's sink reaches the host unchanged");
+    if (thrown) std::printf("      what(): %s\n", thrown->c_str());
   }
   Check(OSxFolder::GetSharedDllPath()[0] == L'\0', "nothing was recorded");
   SetQelSessionLogSink(previousSink);

@@ -6,6 +6,7 @@
 # so that only the shipped PDB can name Ambrel's frames.
 #   -DBUILD_DIR -DSOURCE_DIR -DWORK_DIR -DGENERATOR -DTOOLCHAIN_FILE -DCONFIG -DEMULATOR
 #   -DRUNTIME_NAMES=the shared C++ runtime DLLs bin/ must hold ('|'-separated; empty for MSVC)
+#   [-DMSVC_RUNTIME=ON: the images may import Microsoft's redistributable runtime DLLs]
 #   [-DREADOBJ=llvm-readobj: also check that the installed DLL names its PDB by file name only,
 #    and what the shipped images import]
 cmake_minimum_required(VERSION 3.25)
@@ -135,6 +136,11 @@ if(READOBJ)
       if(name IN_LIST system_dlls OR name IN_LIST reached)
         continue()
       endif()
+      # MSVC: Microsoft's redistributable C++ runtime, which the host ships
+      # as it always does (the Universal CRT comes with Windows).
+      if(MSVC_RUNTIME AND name MATCHES "^(msvcp140(_1|_2|_atomic_wait)?|vcruntime140(_1)?|ucrtbase|api-ms-win-crt-[a-z0-9-]+)\\.dll$")
+        continue()
+      endif()
       if(NOT name IN_LIST runtime_lower)
         message(FATAL_ERROR "${image} loads ${name}, neither a system DLL nor one the package ships")
       endif()
@@ -145,9 +151,10 @@ if(READOBJ)
       list(APPEND pending ${more})
     endwhile()
     list(SORT reached)
-    set(shipped_sorted ${runtime_lower})
+    set(shipped_sorted "${runtime_lower}")
     list(SORT shipped_sorted)
-    if(NOT reached STREQUAL shipped_sorted)
+    # Quoted: with MSVC both lists are empty.
+    if(NOT "${reached}" STREQUAL "${shipped_sorted}")
       message(FATAL_ERROR "${image} reaches the runtime DLLs [${reached}], the package ships [${shipped_sorted}]")
     endif()
     message(STATUS "${image} imports: ${direct}")

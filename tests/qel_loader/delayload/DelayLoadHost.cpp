@@ -130,6 +130,18 @@ PfnDliHook Hook() {
                                 "_ZN13QelLoadHelper13DelayLoadHookEjP13DelayLoadInfo")));
 }
 
+// The library's hook, found at run time (null: none).
+PfnDliHook g_failureHook = nullptr;
+
+#if defined(_MSC_VER)
+// Compiler-specific (MSVC's delayimp.h): the failure hook is const and set at
+// link time, so it is a function of this host that hands each failure to the
+// hook found at run time.
+FARPROC WINAPI ForwardFailure(unsigned notification, PDelayLoadInfo info) {
+  return g_failureHook != nullptr ? g_failureHook(notification, info) : nullptr;
+}
+#endif
+
 // Calls the hook the way the delay-load helper would for a failed load.
 std::wstring CallHookDirectly(const char* dllName) {
   DelayLoadInfo info{};
@@ -145,6 +157,10 @@ std::wstring LoadLoose(DWORD flags) {
 }
 
 }  // namespace
+
+#if defined(_MSC_VER)
+extern "C" const PfnDliHook __pfnDliFailureHook2 = ForwardFailure;
+#endif
 
 int wmain(int argc, wchar_t** argv) {
   if (argc < 4) {
@@ -165,7 +181,13 @@ int wmain(int argc, wchar_t** argv) {
     std::printf("library: failed %lu\n", ::GetLastError());
     return 4;
   }
-  if (mode != L"probe-nohook") __pfnDliFailureHook2 = Hook();
+  if (mode != L"probe-nohook") {
+    g_failureHook = Hook();
+#if !defined(_MSC_VER)
+    // Compiler-specific (mingw-w64's delayimp.h): a writable hook variable.
+    __pfnDliFailureHook2 = g_failureHook;
+#endif
+  }
 
   if (mode == L"probe" || mode == L"probe-nohook") {
     Report("probe", CallDelayImport(CallProbe));
