@@ -26,7 +26,7 @@ set(CMAKE_CXX_COMPILER "${AMBREL_MSVC_RUNTIME}/bin/clang-cl")
 set(CMAKE_LINKER /usr/bin/lld-link-16)
 set(CMAKE_AR /usr/bin/llvm-lib-16)
 set(CMAKE_RC_COMPILER /usr/bin/llvm-rc-16)
-set(CMAKE_MT /usr/bin/llvm-mt-16)
+set(CMAKE_MT "${AMBREL_MSVC_GLUE}/mt.sh")
 set(CMAKE_RC_FLAGS_INIT "/X /I ${AMBREL_WINE_INCLUDE}/windows /I ${AMBREL_WINE_INCLUDE}/msvcrt")
 
 # The compilers' checks compile only: linking needs the runtime built below.

@@ -12,6 +12,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdlib>
 #include <memory>
@@ -174,10 +175,25 @@ TEST_P(SignedPackage, WithoutTheTestRootTheChainIsUntrusted) {
   EXPECT_EQ(untrusted.authenticodePolicy, static_cast<LONG>(CERT_E_UNTRUSTEDROOT));
 }
 
-// Every image the package ships, the C++ runtime DLLs beside the library too.
-INSTANTIATE_TEST_SUITE_P(Images, SignedPackage,
-                         ::testing::Values(L"Ambrel.dll", L"ambrel-diagnose.exe", L"libstdc++-6.dll",
-                                           L"libgcc_s_seh-1.dll", L"libwinpthread-1.dll"));
+// Every image the package ships: the library, the support tool, and the C++
+// runtime DLLs beside them where the package carries its own (mingw-w64; an
+// MSVC package ships none, its hosts install Microsoft's runtime).
+std::vector<const wchar_t*> ShippedImages() {
+  static const std::vector<std::wstring> names = [] {
+    std::vector<std::wstring> list = {L"Ambrel.dll", L"ambrel-diagnose.exe"};
+    const std::wstring runtime = AMBREL_SHIPPED_RUNTIME_NAMES;
+    for (std::size_t start = 0; start < runtime.size();) {
+      const std::size_t end = std::min(runtime.find(L'|', start), runtime.size());
+      list.push_back(runtime.substr(start, end - start));
+      start = end + 1;
+    }
+    return list;
+  }();
+  std::vector<const wchar_t*> images;
+  for (const std::wstring& name : names) images.push_back(name.c_str());
+  return images;
+}
+INSTANTIATE_TEST_SUITE_P(Images, SignedPackage, ::testing::ValuesIn(ShippedImages()));
 
 TEST(SignedPackageDll, VersionResourceStillReads) {
   const std::wstring file = PackageFile(L"Ambrel.dll");
