@@ -6,9 +6,9 @@
 
 namespace ambrel {
 
-// The one shared-components release the library knows.
-// Four characters fit the string's own buffer: its construction allocates nothing.
-inline const std::wstring QelRelease = L"2026";  // NOLINT(cert-err58-cpp)
+// The one shared-components release the library knows. A constant, not a
+// std::wstring: nothing of the library is constructed when it loads.
+inline constexpr const wchar_t* QelRelease = L"2026";
 
 // The directory a successful bootstrap recorded; empty until then, never cleared.
 std::wstring& SharedDllPath();

@@ -13,7 +13,7 @@ using test::LibraryCopy;
 using test::RegistrySandbox;
 using test::ScratchDir;
 
-TEST(QelRelease, IsTheOnlyRelease2026) { EXPECT_EQ(QelRelease, L"2026"); }
+TEST(QelRelease, IsTheOnlyRelease2026) { EXPECT_EQ(std::wstring(QelRelease), L"2026"); }
 
 TEST(SharedDllPath, StartsEmptyAndIsOneProcessWideString) {
   EXPECT_TRUE(SharedDllPath().empty());
