@@ -25,9 +25,31 @@ elseif(AMBREL_STACK_PROTECTOR)
   target_compile_options(ambrel_stack_protector PRIVATE ${AMBREL_WARNING_FLAGS})
   target_compile_definitions(ambrel_stack_protector PRIVATE WIN32_LEAN_AND_MEAN _WIN32_WINNT=0x0A00)
   add_compile_options(${AMBREL_STACK_PROTECTOR})
-  # Linked from the build tree only: a host of the package links it into nothing.
-  link_libraries($<BUILD_INTERFACE:ambrel_stack_protector>)
 endif()
+
+# ambrel_link_stack_protector(<directory>)
+# Links the canary's runtime into every program and DLL defined in
+# <directory> and below, target by target rather than through a
+# directory-wide link_libraries, so a host tree that adds this project keeps
+# its own link lines. From the build tree only: a host of the package links it
+# into nothing. Call it once, after the last target is defined.
+function(ambrel_link_stack_protector directory)
+  if(NOT TARGET ambrel_stack_protector)
+    return()
+  endif()
+  get_property(targets DIRECTORY ${directory} PROPERTY BUILDSYSTEM_TARGETS)
+  foreach(target IN LISTS targets)
+    get_target_property(type ${target} TYPE)
+    get_target_property(imported ${target} IMPORTED)
+    if(type MATCHES "^(EXECUTABLE|SHARED_LIBRARY|MODULE_LIBRARY)$" AND NOT imported)
+      target_link_libraries(${target} PRIVATE $<BUILD_INTERFACE:ambrel_stack_protector>)
+    endif()
+  endforeach()
+  get_property(subdirectories DIRECTORY ${directory} PROPERTY SUBDIRECTORIES)
+  foreach(subdirectory IN LISTS subdirectories)
+    ambrel_link_stack_protector(${subdirectory})
+  endforeach()
+endfunction()
 
 # ambrel_harden_image(<target>)
 # What the target's linker can add beyond the defaults: CET shadow-stack
