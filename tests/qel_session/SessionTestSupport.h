@@ -39,48 +39,25 @@ using Messages = std::vector<Message>;
 // previous sink at the end of the scope.
 class SinkCapture {
  public:
-  SinkCapture() {
-    Recorded().clear();
-    previous_ = SetQelSessionLogSink(&Record);
+  using Action = std::function<void(const std::wstring& level, const std::wstring& message)>;
+
+  SinkCapture() : SinkCapture(nullptr) {}
+  ~SinkCapture() {
+    SetQelSessionLogSink(previous_);
+    Act() = std::move(previousAct_);
   }
-  ~SinkCapture() { SetQelSessionLogSink(previous_); }
   SinkCapture(const SinkCapture&) = delete;
   SinkCapture& operator=(const SinkCapture&) = delete;
 
   const Messages& messages() const { return Recorded(); }
   void clear() { Recorded().clear(); }
 
- private:
-  static Messages& Recorded() {
-    static Messages messages;
-    return messages;
-  }
-  static void Record(std::wstring level, std::wstring message) {
-    Recorded().emplace_back(std::move(level), std::move(message));
-  }
-  QelSessionLogSink previous_ = nullptr;
-};
-
-// Installs a sink that records every message, as SinkCapture does, and then
-// runs `act` with it: a host's sink that acts on what it is told (changes the
-// machine, throws) at the moment it is told. Restores the previous sink at
-// the end of the scope.
-class ActingSink {
- public:
-  using Action = std::function<void(const std::wstring& level, const std::wstring& message)>;
-  explicit ActingSink(Action act) {
+ protected:
+  // Records each message, then runs `act` with it.
+  explicit SinkCapture(Action act) : previousAct_(std::exchange(Act(), std::move(act))) {
     Recorded().clear();
-    Act() = std::move(act);
     previous_ = SetQelSessionLogSink(&Deliver);
   }
-  ~ActingSink() {
-    SetQelSessionLogSink(previous_);
-    Act() = nullptr;
-  }
-  ActingSink(const ActingSink&) = delete;
-  ActingSink& operator=(const ActingSink&) = delete;
-
-  const Messages& messages() const { return Recorded(); }
 
  private:
   static Messages& Recorded() {
@@ -96,6 +73,14 @@ class ActingSink {
     if (Act()) Act()(level, message);
   }
   QelSessionLogSink previous_ = nullptr;
+  Action previousAct_;
+};
+
+// A host's sink that acts on what it is told (changes the machine, throws) at
+// the moment it is told, and records every message as SinkCapture does.
+class ActingSink : public SinkCapture {
+ public:
+  explicit ActingSink(Action act) : SinkCapture(std::move(act)) {}
 };
 
 // What ThrowingSink throws: an exception no library code raises itself.
