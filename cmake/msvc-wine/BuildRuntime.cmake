@@ -3,7 +3,7 @@
 #   <name>.lib for each of Wine's system import archives (lib<name>.a);
 #   import libraries of the C++ runtime DLLs from their export tables
 #   (ImportLibraries.cmake);
-#   ambrel_msvc_runtime.lib: the start-up unit (runtime/);
+#   ambrel_msvc_runtime.lib: the start-up unit and the stack probe (runtime/);
 #   ambrel_msvc_stl.lib: the STL sources MSVC's static import library holds;
 #   delayimp.lib: the delay-load helper (runtime/DelayLoadHelper.cpp).
 # Each is remade only when what it is made from is newer.
@@ -70,6 +70,7 @@ endfunction()
 # guard checks, no thread-safe statics of its own.
 ambrel_msvc_runtime_archive(ambrel_msvc_runtime.lib "/GS-;/guard:cf-;/Zc:threadSafeInit-;/W4"
   "${AMBREL_MSVC_GLUE}/runtime/Startup.cpp"
+  "${AMBREL_MSVC_GLUE}/runtime/StackProbe.cpp"
   "${AMBREL_MSVC_GLUE}/runtime/ProgramEntry.cpp"
   "${AMBREL_MSVC_GLUE}/runtime/WideProgramEntry.cpp"
   "${AMBREL_MSVC_GLUE}/runtime/DefaultDllMain.cpp")

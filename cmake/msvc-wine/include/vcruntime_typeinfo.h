@@ -10,7 +10,10 @@
 #pragma pack(push, 8)
 
 extern "C" {
-struct __type_info_node {
+// vcruntime140 keeps the module's name cache as an interlocked singly linked
+// list whose head this is (an SLIST_HEADER, which x64 interlocked operations
+// require 16-aligned: "Interlocked Singly Linked Lists", Microsoft Learn).
+struct __declspec(align(16)) __type_info_node {
   void* _Header;
   __type_info_node* _Next;
 };
@@ -87,3 +90,4 @@ class __non_rtti_object : public bad_typeid {
 
 static_assert(sizeof(type_info) == 24, "type_info is 24 bytes with MSVC x64");
 static_assert(sizeof(__type_info_node) == 16, "__type_info_node is 16 bytes with MSVC x64");
+static_assert(alignof(__type_info_node) == 16, "__type_info_node is an SLIST_HEADER: 16-aligned on x64");

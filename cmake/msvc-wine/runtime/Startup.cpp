@@ -57,18 +57,32 @@ int _fltused = 0x9875;
 int __isa_available = 0;
 
 // ---- stack-buffer cookie (/GS)
-unsigned __int64 __security_cookie = 0x00002B992DDFA232ull;
+// The file holds Microsoft's default; the Windows loader replaces it with a
+// random value of its own when the load config names the cookie and it still
+// holds the default ("/GS (Buffer Security Check)", "__security_init_cookie",
+// Microsoft Learn). A seeded cookie is kept: seeding again would throw the
+// loader's entropy away. Otherwise this seeds it, as Microsoft's runtime
+// does, from the time, the ids, the performance counter and a stack address
+// (randomised by ASLR), top 16 bits clear so that a string overrun meets a
+// zero byte before the return address.
+constexpr unsigned __int64 kDefaultSecurityCookie = 0x00002B992DDFA232ull;
+unsigned __int64 __security_cookie = kDefaultSecurityCookie;
 
 void __cdecl __security_init_cookie(void) {
+  if (__security_cookie != kDefaultSecurityCookie) return;
   LARGE_INTEGER counter{};
   ::QueryPerformanceCounter(&counter);
   FILETIME now{};
   ::GetSystemTimeAsFileTime(&now);
-  unsigned __int64 cookie = static_cast<unsigned __int64>(counter.QuadPart) ^
-                            (static_cast<unsigned __int64>(now.dwHighDateTime) << 32 | now.dwLowDateTime) ^
-                            ::GetCurrentProcessId() ^ (static_cast<unsigned __int64>(::GetCurrentThreadId()) << 32);
+  unsigned __int64 cookie = static_cast<unsigned __int64>(now.dwHighDateTime) << 32 | now.dwLowDateTime;
+  cookie ^= ::GetCurrentThreadId();
+  cookie ^= ::GetCurrentProcessId();
+  cookie ^= static_cast<unsigned __int64>(counter.QuadPart) << 32 ^ static_cast<unsigned __int64>(counter.QuadPart);
+  cookie ^= reinterpret_cast<unsigned __int64>(&cookie);
   cookie &= 0x0000FFFFFFFFFFFFull;
-  __security_cookie = cookie != 0 ? cookie : 0x00002B992DDFA232ull;
+  if (cookie == kDefaultSecurityCookie) ++cookie;
+  if (cookie == 0) cookie = kDefaultSecurityCookie + 1;
+  __security_cookie = cookie;
 }
 
 void __cdecl __security_check_cookie(unsigned __int64 cookie) {
@@ -77,11 +91,20 @@ void __cdecl __security_check_cookie(unsigned __int64 cookie) {
 
 // ---- control-flow guard (/guard:cf): the loader of a CFG-enforcing Windows
 // replaces both pointers; until then the check does nothing and the dispatch
-// jumps to the target, which the caller passes in rax.
+// jumps to the target, which the caller passes in rax. They live in a
+// read-only section of their own, as in Microsoft's runtime, so that no stray
+// write can switch the guard off; the loader unprotects the page while it
+// writes them (load config GuardCFCheckFunctionPointer and
+// GuardCFDispatchFunctionPointer: "PE Format", "Control Flow Guard",
+// Microsoft Learn).
 static void __cdecl AmbrelGuardCheck(void*) {}
 void AmbrelGuardDispatch(void);
-void* __guard_check_icall_fptr = reinterpret_cast<void*>(&AmbrelGuardCheck);
-void* __guard_dispatch_icall_fptr = reinterpret_cast<void*>(&AmbrelGuardDispatch);
+#pragma section(".00cfg", read)
+extern void* const __guard_check_icall_fptr;
+extern void* const __guard_dispatch_icall_fptr;
+__declspec(allocate(".00cfg")) void* const __guard_check_icall_fptr = reinterpret_cast<void*>(&AmbrelGuardCheck);
+__declspec(allocate(".00cfg")) void* const __guard_dispatch_icall_fptr =
+    reinterpret_cast<void*>(&AmbrelGuardDispatch);
 }  // extern "C"
 
 // The dispatch stub, and the load configuration: its GuardFlags is a 32-bit
@@ -171,8 +194,10 @@ int __cdecl atexit(void(__cdecl* function)(void)) {
   return _onexit(reinterpret_cast<_onexit_t>(function)) != nullptr ? 0 : -1;
 }
 
-// type_info's cached undecorated names, kept by vcruntime140 for this module.
+// type_info's cached undecorated names, kept by vcruntime140 for this module
+// in an interlocked list whose header must be 16-aligned.
 __type_info_node __type_info_root_node = {nullptr, nullptr};
+static_assert(alignof(decltype(__type_info_root_node)) == 16, "__type_info_root_node is an SLIST_HEADER");
 _VCRTIMP void __cdecl __std_type_info_destroy_list(__type_info_node*);
 
 bool AmbrelInitializeModule() {
@@ -201,13 +226,31 @@ void AmbrelStartProgram() {
 
 BOOL WINAPI DllMain(HINSTANCE, DWORD, LPVOID);
 
+// Whether the module finished its attach. The loader follows a failed attach
+// with DLL_PROCESS_DETACH ("DllMain entry point", Microsoft Learn); a module
+// that did not attach then runs neither DllMain nor its exit list, as
+// Microsoft's runtime refuses that detach through its __proc_attached count.
+// A DllMain that fails its attach gets its detach here at once, then the
+// module's exit list runs, in Microsoft's order.
+static bool g_processAttached = false;
+
 BOOL WINAPI _DllMainCRTStartup(HINSTANCE instance, DWORD reason, LPVOID reserved) {
   if (reason == DLL_PROCESS_ATTACH) {
     if (!AmbrelInitializeModule()) return FALSE;
-    return DllMain(instance, reason, reserved);
+    if (!DllMain(instance, reason, reserved)) {
+      DllMain(instance, DLL_PROCESS_DETACH, reserved);
+      AmbrelTerminateModule();
+      return FALSE;
+    }
+    g_processAttached = true;
+    return TRUE;
   }
+  if (reason == DLL_PROCESS_DETACH && !g_processAttached) return FALSE;
   const BOOL result = DllMain(instance, reason, reserved);
-  if (reason == DLL_PROCESS_DETACH) AmbrelTerminateModule();
+  if (reason == DLL_PROCESS_DETACH) {
+    g_processAttached = false;
+    AmbrelTerminateModule();
+  }
   return result;
 }
 
