@@ -5,6 +5,7 @@
 
 #include <memory>
 #include <string>
+#include <utility>
 
 #include "Ambrel.h"
 #include "osx/CallStackEngine.h"
@@ -12,16 +13,20 @@
 namespace ambrel {
 namespace {
 
-// The engine of the call in progress; null between calls.
-std::unique_ptr<CallStackEngine> g_engine;
+// The engine of the call in progress, owned by the capture from BeginCapture
+// to EndCapture; null between calls. A plain pointer, so that nothing is
+// constructed or registered for exit when the DLL loads: an owning smart
+// pointer here would add an initialiser and an exit routine to every
+// process that loads the library.
+CallStackEngine* g_engine = nullptr;
 
 // Sets the engine of this call up; false (and no engine) when Debug Help is
 // not usable.
 bool BeginCapture() {
-  g_engine = std::make_unique<CallStackEngine>();
-  if (g_engine->ready()) return true;
-  g_engine.reset();
-  return false;
+  auto engine = std::make_unique<CallStackEngine>();
+  if (!engine->ready()) return false;
+  g_engine = engine.release();
+  return true;
 }
 
 // Exception filter of the capture: walks the stack from the faulting context
@@ -47,7 +52,7 @@ int CaptureFilter(const EXCEPTION_POINTERS* pointers) noexcept {
 // Hands the text over and tears the engine down (Debug Help cleaned up and
 // unloaded) whatever the outcome; then rethrows what the walk raised.
 bool EndCapture(std::wstring& text) {
-  const std::unique_ptr<CallStackEngine> engine = std::move(g_engine);
+  const std::unique_ptr<CallStackEngine> engine(std::exchange(g_engine, nullptr));
   engine->RethrowError();
   if (engine->text().empty()) return false;
   if (&engine->text() != &text) text = std::move(engine->text());
