@@ -6,8 +6,11 @@
 # Every program and DLL defined in <directory> and below goes to
 # ${PROJECT_BINARY_DIR}/bin (tests find Ambrel.dll and the stand-ins beside
 # themselves), every static or import library to ${PROJECT_BINARY_DIR}/lib;
-# a target that names its own output folder keeps it. Call it once, after the
-# last target is defined.
+# a target that names its own output folder keeps it. Each program and DLL is
+# also linked again when a start-up archive the toolchain links into every
+# image changes (AMBREL_LINKED_INTO_EVERY_IMAGE: the MSVC-ABI test build's
+# runtime, remade at configure time and otherwise unseen by the generator).
+# Call it once, after the last target is defined.
 function(ambrel_place_outputs directory)
   get_property(targets DIRECTORY ${directory} PROPERTY BUILDSYSTEM_TARGETS)
   foreach(target IN LISTS targets)
@@ -23,6 +26,9 @@ function(ambrel_place_outputs directory)
           set_target_properties(${target} PROPERTIES ${kind}_OUTPUT_DIRECTORY ${place})
         endif()
       endforeach()
+    endif()
+    if(type MATCHES "^(EXECUTABLE|SHARED_LIBRARY|MODULE_LIBRARY)$" AND AMBREL_LINKED_INTO_EVERY_IMAGE)
+      set_property(TARGET ${target} APPEND PROPERTY LINK_DEPENDS ${AMBREL_LINKED_INTO_EVERY_IMAGE})
     endif()
   endforeach()
   get_property(subdirectories DIRECTORY ${directory} PROPERTY SUBDIRECTORIES)

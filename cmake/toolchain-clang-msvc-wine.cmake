@@ -44,8 +44,10 @@ set(CMAKE_CXX_FLAGS_INIT "${_ambrel_msvc_compile}")
 # Every image links the start-up library and the runtime's import libraries
 # instead of MSVC's default libraries; the system libraries are Wine's import
 # archives under the names MSVC's linker looks for.
+set(AMBREL_LINKED_INTO_EVERY_IMAGE
+    "${AMBREL_MSVC_RUNTIME}/lib/ambrel_msvc_runtime.lib" "${AMBREL_MSVC_RUNTIME}/lib/ambrel_msvc_stl.lib")
 set(AMBREL_MSVC_RUNTIME_LIBS
-    "${AMBREL_MSVC_RUNTIME}/lib/ambrel_msvc_runtime.lib" "${AMBREL_MSVC_RUNTIME}/lib/ambrel_msvc_stl.lib"
+    ${AMBREL_LINKED_INTO_EVERY_IMAGE}
     msvcp140.lib msvcp140_1.lib msvcp140_2.lib
     msvcp140_atomic_wait.lib vcruntime140.lib vcruntime140_1.lib ucrtbase.lib kernel32.lib ntdll.lib)
 # CMake's own default list follows; set in the cache, since CMake's MSVC
