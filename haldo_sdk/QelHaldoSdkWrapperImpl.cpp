@@ -9,15 +9,6 @@
 #include "haldo_sdk/WrapperStatus.h"
 #include "common/ModuleHelpers.h"
 
-namespace ambrel {
-
-QelHaldoSdkWrapperState& WrapperState() {
-  static QelHaldoSdkWrapperState state;
-  return state;
-}
-
-}  // namespace ambrel
-
 namespace {
 
 // The wrapper classes live outside the library's namespace; their helpers do not.
@@ -125,9 +116,10 @@ int QelHaldoSdkWrapperImpl::Uninitialize() {
   if (result == 0) state.sessionId.clear();
 
   // The SDK is unloaded whatever it answered; a later Initialize loads it again.
-  // Unloaded through the replaceable unloader, so the owner lets go of it first.
+  // The state forgets the module before FreeLibrary answers: a failed unload
+  // leaves nothing the wrapper could still use.
   const HMODULE module = state.module.release();
-  if (module && !SdkModuleUnloader()(module)) {
+  if (module && !::FreeLibrary(module)) {
     LogWrapperError("Uninitialize: Unload failed!");
     return kWrapperUnloadFailed;
   }

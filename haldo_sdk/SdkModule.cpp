@@ -6,11 +6,6 @@
 
 namespace ambrel {
 
-ModuleUnloadFunction& SdkModuleUnloader() {
-  static ModuleUnloadFunction unload = &::FreeLibrary;
-  return unload;
-}
-
 SdkLoadCheck CheckSdkLoad(const std::wstring& knownPath, SdkLoadSteps* steps) {
   SdkLoadCheck check;
   check.selfUpdate = InspectSelfUpdateLock();

@@ -15,11 +15,6 @@
 
 namespace ambrel {
 
-// How the SDK module is unloaded (FreeLibrary). Replaceable so that a test can
-// reach the path where unloading fails, which a loaded module never shows.
-using ModuleUnloadFunction = BOOL(WINAPI*)(HMODULE module);
-ModuleUnloadFunction& SdkModuleUnloader();
-
 // Told of the load walk's steps as they happen, each before the walk goes on.
 class SdkLoadSteps {
  public:
