@@ -3,7 +3,7 @@
 # (third_party/microsoft-stl), Wine's C runtime and Windows SDK headers
 # (libwine-dev) and runtime DLLs (msvcp140, vcruntime140, ucrtbase), lld-link.
 # What MSVC's own headers and static libraries would add comes from
-# cmake/msvc-wine (its README says what each file stands in for); the
+# toolchains/msvc-wine (its README says what each file stands in for); the
 # runtime library and the import libraries are built at configure time into
 # the source tree's build/msvc-wine-runtime, shared by every project that uses
 # this file (the library, the package consumer). The package Windows hosts
@@ -12,7 +12,7 @@ set(CMAKE_SYSTEM_NAME Windows)
 set(CMAKE_SYSTEM_PROCESSOR AMD64)
 
 get_filename_component(AMBREL_SOURCE_ROOT "${CMAKE_CURRENT_LIST_DIR}/.." ABSOLUTE)
-set(AMBREL_MSVC_GLUE "${CMAKE_CURRENT_LIST_DIR}/msvc-wine")
+set(AMBREL_MSVC_GLUE "${AMBREL_SOURCE_ROOT}/toolchains/msvc-wine")
 set(AMBREL_MSVC_STL "${AMBREL_SOURCE_ROOT}/third_party/microsoft-stl/stl")
 set(AMBREL_MSVC_RUNTIME "${AMBREL_SOURCE_ROOT}/build/msvc-wine-runtime")
 set(AMBREL_WINE_INCLUDE /usr/include/wine/wine)

@@ -1,4 +1,4 @@
-#include "sandbox/ChildProcess.h"
+#include "tests/sandbox/ChildProcess.h"
 
 #include <atomic>
 #include <cstdio>

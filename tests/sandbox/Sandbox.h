@@ -11,7 +11,7 @@
 #include <string>
 #include <vector>
 
-#include "sandbox/ChildProcess.h"
+#include "tests/sandbox/ChildProcess.h"
 
 namespace ambrel::test {
 

@@ -1,4 +1,4 @@
-#include "sandbox/Sandbox.h"
+#include "tests/sandbox/Sandbox.h"
 
 #include <objbase.h>
 
