@@ -135,24 +135,40 @@ std::wstring Widen(const std::string& text) {
 
 // ---- RegistrySandbox ----
 
-RegistrySandbox::RegistrySandbox(std::vector<std::wstring> linkedHklmKeys) : links_(std::move(linkedHklmKeys)) {
+RegistrySandbox::ScratchTree::ScratchTree(std::vector<std::wstring> linkedHklmKeys)
+    : links(std::move(linkedHklmKeys)) {
   PurgeStaleSandboxes();
-  scratchPath_ = std::wstring(kSandboxRoot) + L"\\" + std::to_wstring(static_cast<long long>(std::time(nullptr))) +
-                 L"-" + std::to_wstring(::GetCurrentProcessId()) + L"-" + NewGuidText();
-  hklm_ = CreateKeyUnder(HKEY_CURRENT_USER, scratchPath_ + L"\\HKLM");
-  hkcu_ = CreateKeyUnder(HKEY_CURRENT_USER, scratchPath_ + L"\\HKCU");
-  for (const auto& link : links_) CreateLink(hklm_, link, L"\\Registry\\Machine\\" + link);
-  Check(::RegOverridePredefKey(HKEY_LOCAL_MACHINE, hklm_), "RegOverridePredefKey(HKLM)");
-  Check(::RegOverridePredefKey(HKEY_CURRENT_USER, hkcu_), "RegOverridePredefKey(HKCU)");
+  path = std::wstring(kSandboxRoot) + L"\\" + std::to_wstring(static_cast<long long>(std::time(nullptr))) + L"-" +
+         std::to_wstring(::GetCurrentProcessId()) + L"-" + NewGuidText();
 }
 
-RegistrySandbox::~RegistrySandbox() {
-  ::RegOverridePredefKey(HKEY_CURRENT_USER, nullptr);
-  ::RegOverridePredefKey(HKEY_LOCAL_MACHINE, nullptr);
-  ::RegCloseKey(hklm_);
-  ::RegCloseKey(hkcu_);
-  DeleteScratchTree(scratchPath_, links_);
+RegistrySandbox::ScratchTree::~ScratchTree() { DeleteScratchTree(path, links); }
+
+RegistrySandbox::ScratchKey::ScratchKey(const std::wstring& path, const std::vector<std::wstring>& links)
+    : key(CreateKeyUnder(HKEY_CURRENT_USER, path)) {
+  try {
+    for (const auto& link : links) CreateLink(key, link, L"\\Registry\\Machine\\" + link);
+  } catch (...) {
+    ::RegCloseKey(key);
+    throw;
+  }
 }
+
+RegistrySandbox::ScratchKey::~ScratchKey() { ::RegCloseKey(key); }
+
+RegistrySandbox::HiveOverride::HiveOverride(HKEY hiveToRedirect, HKEY scratch, const char* what)
+    : hive(hiveToRedirect) {
+  Check(::RegOverridePredefKey(hive, scratch), what);
+}
+
+RegistrySandbox::HiveOverride::~HiveOverride() { ::RegOverridePredefKey(hive, nullptr); }
+
+RegistrySandbox::RegistrySandbox(std::vector<std::wstring> linkedHklmKeys)
+    : tree_(std::move(linkedHklmKeys)),
+      hklm_(tree_.path + L"\\HKLM", tree_.links),
+      hkcu_(tree_.path + L"\\HKCU", {}),
+      hklmOverride_(HKEY_LOCAL_MACHINE, hklm_.key, "RegOverridePredefKey(HKLM)"),
+      hkcuOverride_(HKEY_CURRENT_USER, hkcu_.key, "RegOverridePredefKey(HKCU)") {}
 
 void RegistrySandbox::SetRaw(HKEY root, const std::wstring& subkey, const std::wstring& name, DWORD type,
                              const void* data, DWORD size) {
