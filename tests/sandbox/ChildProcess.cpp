@@ -6,6 +6,7 @@
 #include "common/WinResource.h"
 
 namespace ambrel::test {
+
 namespace {
 
 constexpr int kStartAttempts = 3;
