@@ -26,10 +26,8 @@
 #include "tests/support/StandInSdk.h"
 #include "tests/support/TestSupport.h"
 
+namespace ambrel::test {
 namespace {
-
-using namespace ambrel;
-using namespace ambrel::test;
 
 // ---- the library's path
 
@@ -256,9 +254,12 @@ void PrintGrowthOfPieces(int count, const std::wstring& expected) {
 }
 
 }  // namespace
+}  // namespace ambrel::test
 
 int main(int argc, char** argv) {
   using namespace ambrel::bench;
+  using namespace ambrel;
+  using namespace ambrel::test;
   const int rounds = RoundsArgument(argc, argv, 150);
 
   SdkSandbox sandbox{SdkSandbox::Contents::Installed, SdkSandbox::Record::Nothing};

@@ -18,10 +18,8 @@
 #include "tests/support/SdkSandbox.h"
 #include "tests/support/TestSupport.h"
 
+namespace ambrel::test {
 namespace {
-
-using namespace ambrel;
-using namespace ambrel::test;
 
 constexpr char kProbe[] = "ambrel_benchprobe.dll";
 constexpr DWORD kHookLoadFlags = 0xD00;  // DLL_LOAD_DIR | USER_DIRS | SYSTEM32, as the hook loads
@@ -41,9 +39,12 @@ bool HookLoadAndFree() {
 }
 
 }  // namespace
+}  // namespace ambrel::test
 
 int main(int argc, char** argv) {
   using namespace ambrel::bench;
+  using namespace ambrel;
+  using namespace ambrel::test;
   const int rounds = RoundsArgument(argc, argv, 300);
   constexpr int kBatch = 10;
 

@@ -60,60 +60,67 @@ if(TARGET ambrel_diagnose_sandboxed)
     "Ambrel support tool, test build (registry sandbox)" ${PROJECT_SOURCE_DIR}/resources/ambrel-diagnose.manifest.in)
 endif()
 
-install(TARGETS Ambrel EXPORT AmbrelTargets
-  RUNTIME DESTINATION ${AMBREL_INSTALL_BINDIR}
-  LIBRARY DESTINATION ${AMBREL_INSTALL_BINDIR}
-  ARCHIVE DESTINATION ${AMBREL_INSTALL_LIBDIR})
-install(FILES ${PROJECT_SOURCE_DIR}/include/Ambrel.h DESTINATION ${AMBREL_INSTALL_INCLUDEDIR})
-install(TARGETS ambrel_diagnose RUNTIME DESTINATION ${AMBREL_INSTALL_BINDIR})
-# The shared C++ runtime the library and its host share (mingw-w64 only; an
-# MSVC host ships Microsoft's redistributable runtime as it always does), as
-# the build copies it beside its programs: without DWARF.
-if(AMBREL_SHIPPED_RUNTIME_DLLS)
-  install(FILES ${AMBREL_SHIPPED_RUNTIME_DLLS} DESTINATION ${AMBREL_INSTALL_BINDIR})
-endif()
-# Signed copies over every installed image when a certificate is given.
-include(${CMAKE_CURRENT_LIST_DIR}/AmbrelSigning.cmake)
-ambrel_sign_on_install(TARGETS Ambrel ambrel_diagnose FILES ${AMBREL_SHIPPED_RUNTIME_DLLS})
 set(AMBREL_RUNTIME_NAMES "")
 foreach(runtime_dll IN LISTS AMBREL_RUNTIME_DLLS)
   get_filename_component(runtime_name ${runtime_dll} NAME)
   list(APPEND AMBREL_RUNTIME_NAMES ${runtime_name})
 endforeach()
 
-if(AMBREL_PDB_FILE)
-  install(FILES "${AMBREL_PDB_FILE}" DESTINATION ${AMBREL_INSTALL_BINDIR} OPTIONAL)
-endif()
-if(AMBREL_DIAGNOSE_PDB_FILE)
-  install(FILES "${AMBREL_DIAGNOSE_PDB_FILE}" DESTINATION ${AMBREL_INSTALL_BINDIR} OPTIONAL)
-endif()
+# Install rules, the CMake package and the ZIP only where Ambrel is the
+# top-level project or asked for them: a host that adds Ambrel with
+# add_subdirectory installs and packs what it chooses, and gets no
+# CPackConfig.cmake of ours.
+if(AMBREL_INSTALL)
+  install(TARGETS Ambrel EXPORT AmbrelTargets
+    RUNTIME DESTINATION ${AMBREL_INSTALL_BINDIR}
+    LIBRARY DESTINATION ${AMBREL_INSTALL_BINDIR}
+    ARCHIVE DESTINATION ${AMBREL_INSTALL_LIBDIR})
+  install(FILES ${PROJECT_SOURCE_DIR}/include/Ambrel.h DESTINATION ${AMBREL_INSTALL_INCLUDEDIR})
+  install(TARGETS ambrel_diagnose RUNTIME DESTINATION ${AMBREL_INSTALL_BINDIR})
+  # The shared C++ runtime the library and its host share (mingw-w64 only; an
+  # MSVC host ships Microsoft's redistributable runtime as it always does), as
+  # the build copies it beside its programs: without DWARF.
+  if(AMBREL_SHIPPED_RUNTIME_DLLS)
+    install(FILES ${AMBREL_SHIPPED_RUNTIME_DLLS} DESTINATION ${AMBREL_INSTALL_BINDIR})
+  endif()
+  # Signed copies over every installed image when a certificate is given.
+  include(${CMAKE_CURRENT_LIST_DIR}/AmbrelSigning.cmake)
+  ambrel_sign_on_install(TARGETS Ambrel ambrel_diagnose FILES ${AMBREL_SHIPPED_RUNTIME_DLLS})
 
-install(EXPORT AmbrelTargets NAMESPACE Ambrel:: DESTINATION ${AMBREL_INSTALL_CMAKEDIR})
-if(NOT MSVC)
-  # mingw-w64 hosts: delay-import libraries that __FUnloadDelayLoadedDLL2 can
-  # unload from (dlltool's cannot); the package configuration includes it.
-  install(FILES ${PROJECT_SOURCE_DIR}/cmake/AmbrelDelayImport.cmake DESTINATION ${AMBREL_INSTALL_CMAKEDIR})
-  install(FILES ${PROJECT_SOURCE_DIR}/cmake/delayimport/DelayImportLibrary.c.in
-          DESTINATION ${AMBREL_INSTALL_CMAKEDIR}/delayimport)
-endif()
-configure_package_config_file(${PROJECT_SOURCE_DIR}/cmake/AmbrelConfig.cmake.in
-  ${PROJECT_BINARY_DIR}/cmake-package/AmbrelConfig.cmake
-  INSTALL_DESTINATION ${AMBREL_INSTALL_CMAKEDIR}
-  PATH_VARS AMBREL_INSTALL_BINDIR)
-write_basic_package_version_file(${PROJECT_BINARY_DIR}/cmake-package/AmbrelConfigVersion.cmake
-  COMPATIBILITY SameMajorVersion)
-install(FILES ${PROJECT_BINARY_DIR}/cmake-package/AmbrelConfig.cmake ${PROJECT_BINARY_DIR}/cmake-package/AmbrelConfigVersion.cmake
-  DESTINATION ${AMBREL_INSTALL_CMAKEDIR})
+  if(AMBREL_PDB_FILE)
+    install(FILES "${AMBREL_PDB_FILE}" DESTINATION ${AMBREL_INSTALL_BINDIR} OPTIONAL)
+  endif()
+  if(AMBREL_DIAGNOSE_PDB_FILE)
+    install(FILES "${AMBREL_DIAGNOSE_PDB_FILE}" DESTINATION ${AMBREL_INSTALL_BINDIR} OPTIONAL)
+  endif()
 
-# cpack: a ZIP of the same tree.
-set(CPACK_GENERATOR ZIP)
-set(CPACK_PACKAGE_NAME Ambrel)
-set(CPACK_PACKAGE_VENDOR "Tavrel, Inc")
-set(CPACK_PACKAGE_VERSION ${PROJECT_VERSION})
-set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "${PROJECT_DESCRIPTION}")
-set(CPACK_SYSTEM_NAME win64)
-set(CPACK_PACKAGE_DIRECTORY ${PROJECT_BINARY_DIR}/package)
-include(CPack)
+  install(EXPORT AmbrelTargets NAMESPACE Ambrel:: DESTINATION ${AMBREL_INSTALL_CMAKEDIR})
+  if(NOT MSVC)
+    # mingw-w64 hosts: delay-import libraries that __FUnloadDelayLoadedDLL2 can
+    # unload from (dlltool's cannot); the package configuration includes it.
+    install(FILES ${PROJECT_SOURCE_DIR}/cmake/AmbrelDelayImport.cmake DESTINATION ${AMBREL_INSTALL_CMAKEDIR})
+    install(FILES ${PROJECT_SOURCE_DIR}/cmake/delayimport/DelayImportLibrary.c.in
+            DESTINATION ${AMBREL_INSTALL_CMAKEDIR}/delayimport)
+  endif()
+  configure_package_config_file(${PROJECT_SOURCE_DIR}/cmake/AmbrelConfig.cmake.in
+    ${PROJECT_BINARY_DIR}/cmake-package/AmbrelConfig.cmake
+    INSTALL_DESTINATION ${AMBREL_INSTALL_CMAKEDIR}
+    PATH_VARS AMBREL_INSTALL_BINDIR)
+  write_basic_package_version_file(${PROJECT_BINARY_DIR}/cmake-package/AmbrelConfigVersion.cmake
+    COMPATIBILITY SameMajorVersion)
+  install(FILES ${PROJECT_BINARY_DIR}/cmake-package/AmbrelConfig.cmake ${PROJECT_BINARY_DIR}/cmake-package/AmbrelConfigVersion.cmake
+    DESTINATION ${AMBREL_INSTALL_CMAKEDIR})
+
+  # cpack: a ZIP of the same tree.
+  set(CPACK_GENERATOR ZIP)
+  set(CPACK_PACKAGE_NAME Ambrel)
+  set(CPACK_PACKAGE_VENDOR "Tavrel, Inc")
+  set(CPACK_PACKAGE_VERSION ${PROJECT_VERSION})
+  set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "${PROJECT_DESCRIPTION}")
+  set(CPACK_SYSTEM_NAME win64)
+  set(CPACK_PACKAGE_DIRECTORY ${PROJECT_BINARY_DIR}/package)
+  include(CPack)
+endif()
 
 # Symbol store: `cmake --build <tree> --target symbol_store` lays out the
 # shipped images and their PDBs in <tree>/symbols the way symbol-server paths

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Prints how the test programs' child processes started during a run, from
-# the log RunProcess appends to (sandbox/ChildProcess.h): how many
+# the log RunProcess appends to (tests/sandbox/ChildProcess.h): how many
 # started, how many start attempts failed and with which Windows errors, and
 # how many children were stopped at their time limit. A start that failed and
 # then succeeded on a later attempt is counted here, so it stays visible.

@@ -3,24 +3,32 @@
 # (third_party/microsoft-stl), Wine's C runtime and Windows SDK headers
 # (libwine-dev) and runtime DLLs (msvcp140, vcruntime140, ucrtbase), lld-link.
 # What MSVC's own headers and static libraries would add comes from
-# cmake/msvc-wine (its README says what each file stands in for); the
-# runtime library and the import libraries are built at configure time into
-# the source tree's build/msvc-wine-runtime, shared by every project that uses
-# this file (the library, the package consumer). The package Windows hosts
-# use is still built with Visual Studio 2022 (preset msvc).
+# toolchains/msvc-wine (its README says what each file stands in for); the
+# runtime library, the import libraries and the clang-cl name are made once
+# by `bash .ci/setup msvc-wine` (toolchains/msvc-wine/MakeRuntime.cmake) in
+# the source tree's build/msvc-wine-runtime, and only read here, by every
+# project that uses this file (the library, the package consumer). This file
+# changes nothing on disk. The package Windows hosts use is still built with
+# Visual Studio 2022 (preset msvc).
 set(CMAKE_SYSTEM_NAME Windows)
 set(CMAKE_SYSTEM_PROCESSOR AMD64)
 
 get_filename_component(AMBREL_SOURCE_ROOT "${CMAKE_CURRENT_LIST_DIR}/.." ABSOLUTE)
-set(AMBREL_MSVC_GLUE "${CMAKE_CURRENT_LIST_DIR}/msvc-wine")
+set(AMBREL_MSVC_GLUE "${AMBREL_SOURCE_ROOT}/toolchains/msvc-wine")
 set(AMBREL_MSVC_STL "${AMBREL_SOURCE_ROOT}/third_party/microsoft-stl/stl")
 set(AMBREL_MSVC_RUNTIME "${AMBREL_SOURCE_ROOT}/build/msvc-wine-runtime")
 set(AMBREL_WINE_INCLUDE /usr/include/wine/wine)
 set(AMBREL_WINE_PE_DIR /usr/lib/x86_64-linux-gnu/wine/x86_64-windows)
 
-# clang picks cl mode from its own name; CMake then treats it as clang-cl.
-file(MAKE_DIRECTORY "${AMBREL_MSVC_RUNTIME}/bin")
-file(CREATE_LINK /usr/bin/clang-16 "${AMBREL_MSVC_RUNTIME}/bin/clang-cl" SYMBOLIC)
+# clang picks cl mode from its own name (a link MakeRuntime.cmake makes); CMake
+# then treats it as clang-cl.
+if(AMBREL_MAKING_MSVC_RUNTIME)
+  file(MAKE_DIRECTORY "${AMBREL_MSVC_RUNTIME}/bin")
+  file(CREATE_LINK /usr/bin/clang-16 "${AMBREL_MSVC_RUNTIME}/bin/clang-cl" SYMBOLIC)
+elseif(NOT EXISTS "${AMBREL_MSVC_RUNTIME}/bin/clang-cl" OR NOT EXISTS "${AMBREL_MSVC_RUNTIME}/lib/ambrel_msvc_runtime.lib")
+  message(FATAL_ERROR "The MSVC-ABI runtime is not made yet: run `bash .ci/setup msvc-wine`, or "
+                      "`cmake -P ${AMBREL_MSVC_GLUE}/MakeRuntime.cmake` (again after changing ${AMBREL_MSVC_GLUE})")
+endif()
 set(CMAKE_C_COMPILER "${AMBREL_MSVC_RUNTIME}/bin/clang-cl")
 set(CMAKE_CXX_COMPILER "${AMBREL_MSVC_RUNTIME}/bin/clang-cl")
 set(CMAKE_LINKER /usr/bin/lld-link-16)
@@ -29,7 +37,7 @@ set(CMAKE_RC_COMPILER /usr/bin/llvm-rc-16)
 set(CMAKE_MT "${AMBREL_MSVC_GLUE}/mt.sh")
 set(CMAKE_RC_FLAGS_INIT "/X /I ${AMBREL_WINE_INCLUDE}/windows /I ${AMBREL_WINE_INCLUDE}/msvcrt")
 
-# The compilers' checks compile only: linking needs the runtime built below.
+# The compilers' checks compile only: linking needs the runtime MakeRuntime.cmake makes.
 set(CMAKE_TRY_COMPILE_TARGET_TYPE STATIC_LIBRARY)
 
 # /X: no include folders from the environment. The STL first, then the glue
@@ -60,8 +68,6 @@ set(_ambrel_msvc_link "/nodefaultlib /libpath:${AMBREL_MSVC_RUNTIME}/lib")
 set(CMAKE_EXE_LINKER_FLAGS_INIT "${_ambrel_msvc_link}")
 set(CMAKE_SHARED_LINKER_FLAGS_INIT "${_ambrel_msvc_link} /entry:_DllMainCRTStartup")
 set(CMAKE_MODULE_LINKER_FLAGS_INIT "${_ambrel_msvc_link} /entry:_DllMainCRTStartup")
-
-include("${AMBREL_MSVC_GLUE}/BuildRuntime.cmake")
 
 # Every target program runs under Wine, in the build tree's own prefix.
 set(CMAKE_CROSSCOMPILING_EMULATOR ${CMAKE_CURRENT_LIST_DIR}/wine-run.sh)

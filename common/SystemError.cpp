@@ -1,6 +1,7 @@
 #include "common/SystemError.h"
 
 #include "common/TextConvert.h"
+#include "common/WinResource.h"
 
 namespace ambrel {
 
@@ -9,8 +10,9 @@ std::string WindowsErrorText(DWORD code) {
   const DWORD length = ::FormatMessageW(
       FORMAT_MESSAGE_ALLOCATE_BUFFER | FORMAT_MESSAGE_FROM_SYSTEM | FORMAT_MESSAGE_IGNORE_INSERTS, nullptr, code, 0,
       reinterpret_cast<wchar_t*>(&text), 0, nullptr);
+  // Owned before the copy below, which may throw.
+  const UniqueLocalMemory buffer(text);
   std::wstring message(text ? text : L"", text ? length : 0);
-  if (text) ::LocalFree(text);
   while (!message.empty() && (message.back() == L'\n' || message.back() == L'\r' || message.back() == L' '))
     message.pop_back();
   return WideToUtf8(message);

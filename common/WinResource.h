@@ -77,7 +77,8 @@ class UniqueAny {
   Type value_ = Invalid();
 };
 
-// Closes whose Windows function takes more than the handle.
+// Closes whose Windows function takes more than the handle, or returns one.
+inline void FreeLocal(void* memory) noexcept { ::LocalFree(memory); }
 inline void CloseCertStore(HCERTSTORE store) noexcept { ::CertCloseStore(store, 0); }
 
 using UniqueRegKey = UniqueAny<HKEY, &::RegCloseKey>;
@@ -88,6 +89,8 @@ using UniqueHandle = UniqueAny<HANDLE, &::CloseHandle>;
 using UniqueFileHandle = UniqueAny<HANDLE, &::CloseHandle, InvalidHandleIsNone>;
 using UniqueDllDirectory = UniqueAny<DLL_DIRECTORY_COOKIE, &::RemoveDllDirectory>;
 using UniqueCoTaskMem = UniqueAny<void*, &::CoTaskMemFree>;
+// Blocks the system hands out with LocalAlloc (FormatMessageW's buffer).
+using UniqueLocalMemory = UniqueAny<void*, &FreeLocal>;
 // Shell item lists (ITEMIDLIST), which the shell allocates with the COM task allocator.
 using UniqueItemList = UniqueAny<LPITEMIDLIST, &::CoTaskMemFree>;
 // The block GetEnvironmentStringsW hands out.

@@ -219,6 +219,7 @@ SdkFindings CheckSdk(std::vector<Check>& report) {
   SdkFindings sdk;
   try {
     sdk.load = CheckSdkLoad({});
+    sdk.load->CloseHandles();  // the tool loads nothing: only what was found is kept
   } catch (const std::filesystem::filesystem_error& error) {
     sdk.thrown = error.what();
     sdk.firstProblem = std::string("the self-update lock file cannot be tested: ") + error.what();

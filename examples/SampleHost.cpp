@@ -11,7 +11,7 @@
 #include <string>
 
 #include "Ambrel.h"
-#include "sandbox/Sandbox.h"
+#include "tests/sandbox/Sandbox.h"
 
 // The one delay-loaded import of this host (see examples/CMakeLists.txt).
 extern "C" __declspec(dllimport) unsigned SampleComponentPath(wchar_t* buffer, unsigned size);

@@ -9,19 +9,9 @@
 #include "haldo_sdk/WrapperStatus.h"
 #include "common/ModuleHelpers.h"
 
-namespace ambrel {
-
-QelHaldoSdkWrapperState& WrapperState() {
-  static QelHaldoSdkWrapperState state;
-  return state;
-}
-
-}  // namespace ambrel
-
-namespace {
-
 // The wrapper classes live outside the library's namespace; their helpers do not.
-using namespace ambrel;
+namespace ambrel {
+namespace {
 
 // The SDK's entry points, bound by name at each call.
 using SdkInitializeFunction = int (*)(const char* plc, const char* release, const char* language, char** sessionId);
@@ -55,31 +45,32 @@ int CallDirectoryExport(const std::string& directory, const std::string& exportN
 }
 
 }  // namespace
+}  // namespace ambrel
 
 int QelHaldoSdkWrapperImpl::Initialize(const std::string& plc, const std::string& release,
                                        const std::string& language) {
-  QelHaldoSdkWrapperState& state = WrapperState();
-  if (!state.sessionId.empty()) return kWrapperAlreadyInitialized;
+  ambrel::QelHaldoSdkWrapperState& state = ambrel::WrapperState();
+  if (!state.sessionId.empty()) return ambrel::kWrapperAlreadyInitialized;
 
-  OpenWrapperLog();
+  ambrel::OpenWrapperLog();
   if (plc.empty() || release.empty()) {
-    LogWrapperError("Initialize: Either \"plc\" or \"release\" argument absent!");
-    return kWrapperArgumentMissing;
+    ambrel::LogWrapperError("Initialize: Either \"plc\" or \"release\" argument absent!");
+    return ambrel::kWrapperArgumentMissing;
   }
-  LogWrapperInfo("Initialize: plc = \"" + plc + "\", release = \"" + release + "\", language = \"" + language +
+  ambrel::LogWrapperInfo("Initialize: plc = \"" + plc + "\", release = \"" + release + "\", language = \"" + language +
                  "\"");
 
-  int loadCode = kWrapperSdkNotLoaded;
-  if (!LoadSdk(loadCode)) {
-    LogWrapperError("Initialize: Failed to load SDK! ");
+  int loadCode = ambrel::kWrapperSdkNotLoaded;
+  if (!ambrel::LoadSdk(loadCode)) {
+    ambrel::LogWrapperError("Initialize: Failed to load SDK! ");
     return loadCode;
   }
-  LogWrapperInfo("Initialize: HALDO SDK loaded successfully");
+  ambrel::LogWrapperInfo("Initialize: HALDO SDK loaded successfully");
 
-  const auto initialize = BindSdkExport<SdkInitializeFunction>(state, kSdkInitializeExport);
+  const auto initialize = ambrel::BindSdkExport<ambrel::SdkInitializeFunction>(state, ambrel::kSdkInitializeExport);
   if (!initialize) {
-    LogWrapperError("Initialize: Failed to obtain InitializeFunc handle!");
-    return kWrapperExportMissing;
+    ambrel::LogWrapperError("Initialize: Failed to obtain InitializeFunc handle!");
+    return ambrel::kWrapperExportMissing;
   }
 
   // Null before the call, so an SDK that fails without writing it hands
@@ -88,50 +79,51 @@ int QelHaldoSdkWrapperImpl::Initialize(const std::string& plc, const std::string
   const int result = initialize(plc.c_str(), release.c_str(), language.c_str(), &returnedId);
   if (result == 0) {
     const std::string id = returnedId ? returnedId : "";
-    LogWrapperInfo("Initialize: session id = " + id);
+    ambrel::LogWrapperInfo("Initialize: session id = " + id);
     state.sessionId = id;
   }
 
-  if (const auto releaseMemory = BindSdkExport<SdkReleaseMemoryFunction>(state, kSdkReleaseMemoryExport)) {
+  if (const auto releaseMemory = ambrel::BindSdkExport<ambrel::SdkReleaseMemoryFunction>(state, ambrel::kSdkReleaseMemoryExport)) {
     releaseMemory(state.sessionId.c_str(), &returnedId);
   } else {
-    LogWrapperError("ReleaseMemory: Failed to obtain ReleaseMemoryFunc handle!");
+    ambrel::LogWrapperError("ReleaseMemory: Failed to obtain ReleaseMemoryFunc handle!");
   }
   return result;
 }
 
-bool QelHaldoSdkWrapperImpl::IsInitialized() { return !WrapperState().sessionId.empty(); }
+bool QelHaldoSdkWrapperImpl::IsInitialized() { return !ambrel::WrapperState().sessionId.empty(); }
 
 int QelHaldoSdkWrapperImpl::LockDirectory(const std::string& directoryToLock) {
-  return CallDirectoryExport(directoryToLock, kSdkLockDirectoryExport);
+  return ambrel::CallDirectoryExport(directoryToLock, ambrel::kSdkLockDirectoryExport);
 }
 
 int QelHaldoSdkWrapperImpl::UnLockDirectory(const std::string& directoryToLock) {
-  return CallDirectoryExport(directoryToLock, kSdkUnLockDirectoryExport);
+  return ambrel::CallDirectoryExport(directoryToLock, ambrel::kSdkUnLockDirectoryExport);
 }
 
 int QelHaldoSdkWrapperImpl::Uninitialize() {
-  QelHaldoSdkWrapperState& state = WrapperState();
+  ambrel::QelHaldoSdkWrapperState& state = ambrel::WrapperState();
   if (state.sessionId.empty()) {
-    LogWrapperError("Uninitialize: Not initialized!");
-    return kWrapperNotInitialized;
+    ambrel::LogWrapperError("Uninitialize: Not initialized!");
+    return ambrel::kWrapperNotInitialized;
   }
-  const auto uninitialize = BindSdkExport<SdkUninitializeFunction>(state, kSdkUninitializeExport);
+  const auto uninitialize = ambrel::BindSdkExport<ambrel::SdkUninitializeFunction>(state, ambrel::kSdkUninitializeExport);
   if (!uninitialize) {
-    LogWrapperError("Uninitialize: Failed to obtain UninitializeFunc handle!");
-    return kWrapperExportMissing;
+    ambrel::LogWrapperError("Uninitialize: Failed to obtain UninitializeFunc handle!");
+    return ambrel::kWrapperExportMissing;
   }
   const int result = uninitialize(state.sessionId.c_str());
   if (result == 0) state.sessionId.clear();
 
   // The SDK is unloaded whatever it answered; a later Initialize loads it again.
-  // Unloaded through the replaceable unloader, so the owner lets go of it first.
+  // The state forgets the module before FreeLibrary answers: a failed unload
+  // leaves nothing the wrapper could still use.
   const HMODULE module = state.module.release();
-  if (module && !SdkModuleUnloader()(module)) {
-    LogWrapperError("Uninitialize: Unload failed!");
-    return kWrapperUnloadFailed;
+  if (module && !::FreeLibrary(module)) {
+    ambrel::LogWrapperError("Uninitialize: Unload failed!");
+    return ambrel::kWrapperUnloadFailed;
   }
-  LogWrapperInfo("Initialize: HALDO SDK unloaded successfully");
+  ambrel::LogWrapperInfo("Initialize: HALDO SDK unloaded successfully");
   return result;
 }
 

@@ -1,13 +1,14 @@
-// Owner of the buffer ReadSdkLocationValue fills: it goes back through the
-// allocator it came from.
+// Owner of the buffer ReadSdkLocationValue fills: malloc's memory, given back
+// with free.
 #pragma once
 
+#include <cstdlib>
+
 #include "common/WinResource.h"
-#include "haldo_sdk/SdkLocation.h"
 
 namespace ambrel {
 
-inline void ReleaseRegistryBuffer(void* memory) noexcept { SdkLocationBufferAllocator().release(memory); }
+inline void ReleaseRegistryBuffer(void* memory) noexcept { std::free(memory); }  // NOLINT(cppcoreguidelines-no-malloc)
 using RegistryBuffer = UniqueAny<void*, &ReleaseRegistryBuffer>;
 
 }  // namespace ambrel

@@ -19,21 +19,11 @@ void TerminateAfter(wchar_t* buffer, DWORD returnedBytes) { buffer[returnedBytes
 
 }  // namespace
 
-RegistryBufferAllocator& SdkLocationBufferAllocator() {
-  // The buffer grows with realloc, which only malloc's memory allows; the
-  // RegistryBuffer that takes it frees it on every path.
-  // NOLINTBEGIN(cppcoreguidelines-no-malloc)
-  static RegistryBufferAllocator allocator{[](std::size_t size) { return std::malloc(size); },
-                                           [](void* memory, std::size_t size) { return std::realloc(memory, size); },
-                                           [](void* memory) { std::free(memory); }};
-  // NOLINTEND(cppcoreguidelines-no-malloc)
-  return allocator;
-}
-
-SdkLocationRead ReadSdkLocationValue(wchar_t** value, std::vector<DWORD>* offeredSizes) {
+SdkLocationRead ReadSdkLocationValue(wchar_t** value) {
   *value = nullptr;
-  const RegistryBufferAllocator& allocator = SdkLocationBufferAllocator();
-  RegistryBuffer buffer(allocator.allocate(kRegistryBufferBytes));
+  // The buffer grows with realloc, which only malloc's memory allows; the
+  // RegistryBuffer that holds it frees it on every path.
+  RegistryBuffer buffer(std::malloc(kRegistryBufferBytes));  // NOLINT(cppcoreguidelines-no-malloc)
   if (!buffer) return SdkLocationRead::NoBuffer;
 
   UniqueRegKey key;
@@ -44,14 +34,13 @@ SdkLocationRead ReadSdkLocationValue(wchar_t** value, std::vector<DWORD>* offere
   DWORD offered = kRegistryQueryStep;
   DWORD size = offered;
   auto query = [&] {
-    if (offeredSizes) offeredSizes->push_back(size);
     return ::RegQueryValueExW(key.get(), kSdkLocationValue, nullptr, nullptr, static_cast<BYTE*>(buffer.get()),
                               &size);
   };
   LSTATUS status = query();
   while (status == ERROR_MORE_DATA) {
     offered += kRegistryQueryStep;
-    void* larger = allocator.reallocate(buffer.get(), offered + sizeof(wchar_t));
+    void* larger = std::realloc(buffer.get(), offered + sizeof(wchar_t));  // NOLINT(cppcoreguidelines-no-malloc)
     if (!larger) return SdkLocationRead::BufferNotEnlarged;  // the owners free the old buffer and close the key
     (void)buffer.release();                                 // realloc has taken over the old block
     buffer.reset(larger);
@@ -82,8 +71,8 @@ void LogLocationReadFailure(SdkLocationRead read) {
   }
 }
 
-bool ReadStringFromRegistry(wchar_t** value, std::vector<DWORD>* offeredSizes) {
-  const SdkLocationRead read = ReadSdkLocationValue(value, offeredSizes);
+bool ReadStringFromRegistry(wchar_t** value) {
+  const SdkLocationRead read = ReadSdkLocationValue(value);
   LogLocationReadFailure(read);
   return read == SdkLocationRead::Read;
 }

@@ -6,37 +6,39 @@
 
 namespace ambrel {
 
-ModuleUnloadFunction& SdkModuleUnloader() {
-  static ModuleUnloadFunction unload = &::FreeLibrary;
-  return unload;
-}
-
-SdkLoadCheck CheckSdkLoad(const std::wstring& knownPath, SdkLoadSteps* steps) {
+SdkLoadCheck CheckSdkLoad(const std::wstring& knownPath, SignatureSteps* signatureSteps) {
   SdkLoadCheck check;
   check.selfUpdate = InspectSelfUpdateLock();
   if (check.selfUpdate.running) {
     check.refusal = kWrapperSelfUpdateRunning;
-    if (steps) steps->SelfUpdateRunning();
     return check;
   }
   check.path = knownPath;
   if (check.path.empty()) {
     check.lookup = LookUpSdkPath();
-    if (steps) steps->PathLookedUp(*check.lookup);
     if (check.lookup->outcome == SdkPathLookup::Outcome::Found) check.path = check.lookup->expanded;
   }
   if (check.path.empty()) {
     check.refusal = kWrapperSdkNotLoaded;
-    if (steps) steps->NoPath();
     return check;
   }
-  if (steps) steps->SignatureCheckNext(check.path);
-  check.signature = InspectSignature(check.path, steps ? steps->signatureSteps() : nullptr);
-  if (!check.signature->passed()) {
-    check.refusal = kWrapperSignatureRejected;
-    if (steps) steps->SignatureRejected(check.path);
-  }
+  // Nobody may write, rename or delete the file between its check and its
+  // load, or a file other than the checked one could load. The check and the
+  // loader only read, so they share it with this reader. Without the hold (a
+  // folder, no access, a writer already there) everything goes on as before:
+  // the check and the load decide.
+  check.hold = HoldAgainstChanges(check.path);
+  check.signature = InspectSignature(check.path, signatureSteps);
+  if (!check.signature->passed()) check.refusal = kWrapperSignatureRejected;
   return check;
+}
+
+void SdkLoadCheck::CloseHandles() noexcept {
+  hold.reset();
+  if (signature && signature->publisher) {
+    signature->publisher->store.reset();
+    signature->publisher->message.reset();
+  }
 }
 
 UniqueFileHandle HoldAgainstChanges(const std::wstring& path) {
@@ -46,33 +48,12 @@ UniqueFileHandle HoldAgainstChanges(const std::wstring& path) {
 
 namespace {
 
-// The wrapper's side of the load walk: its log lines, each written at its
-// step, the SDK path it keeps, and the hold on the file from just before its
-// check until the loader has it.
-class LoadSteps final : public SdkLoadSteps {
+// The wrapper's line before the signature check, then the check's own.
+class LoadLog final : public SignatureLog {
  public:
-  void SelfUpdateRunning() override { WriteWrapperLogLine(L"[INFO] Load: Self-update is running"); }
-  void PathLookedUp(const SdkPathLookup& lookup) override { WrapperState().dllPath = GetDllPath(lookup); }
-  void NoPath() override { WriteWrapperLogLine(L"[ERROR] Load: dll path empty!"); }
-  void SignatureCheckNext(const std::wstring& path) override {
+  void VerifyingNext(const std::wstring& path) override {
     WriteWrapperLogLine(L"[INFO] Load: HALDO SDK path = " + path);
-    // Nobody may write, rename or delete the file between its check and its
-    // load, or a file other than the checked one could load. The check and
-    // the loader only read, so they share it with this reader. Without the
-    // hold (a folder, no access, a writer already there) everything goes on
-    // as before: the check and the load decide.
-    hold_ = HoldAgainstChanges(path);
   }
-  void SignatureRejected(const std::wstring& path) override {
-    WriteWrapperLogLine(L"[ERROR] IsSignatureValid: Signature invalid at path = " + path);
-  }
-  SignatureSteps* signatureSteps() override { return &signatureLog_; }
-
-  void ReleaseHold() { hold_.reset(); }
-
- private:
-  SignatureLog signatureLog_;
-  UniqueFileHandle hold_;
 };
 
 }  // namespace
@@ -82,15 +63,32 @@ bool LoadSdk(int& code) {
   QelHaldoSdkWrapperState& state = WrapperState();
   if (state.module) return true;
 
-  LoadSteps steps;
-  const SdkLoadCheck check = CheckSdkLoad(state.dllPath, &steps);
-  if (check.refusal != kWrapperSuccess) {
+  LoadLog log;
+  // Holds the SDK file from its check until the loader has it, and the
+  // publisher search's store and message until the lines about them are written.
+  SdkLoadCheck check = CheckSdkLoad(state.dllPath, &log);
+  if (check.refusal == kWrapperSelfUpdateRunning) {
+    WriteWrapperLogLine(L"[INFO] Load: Self-update is running");
     code = check.refusal;
     return false;
   }
+  // Read once per process: a path found is kept for every later load.
+  if (check.lookup) state.dllPath = GetDllPath(*check.lookup);
+  if (check.refusal == kWrapperSdkNotLoaded) {
+    WriteWrapperLogLine(L"[ERROR] Load: dll path empty!");
+    return false;
+  }
+  if (check.refusal == kWrapperSignatureRejected) {
+    LogSignatureFindings(*check.signature);
+    check.signature.reset();  // the store and message closed after their line
+    WriteWrapperLogLine(L"[ERROR] IsSignatureValid: Signature invalid at path = " + check.path);
+    code = check.refusal;
+    return false;
+  }
+  check.signature.reset();
 
   state.module.reset(::LoadLibraryW(state.dllPath.c_str()));
-  steps.ReleaseHold();
+  check.hold.reset();  // the loader has the file now
   if (!state.module) WriteWrapperLogLine(L"[ERROR] Load: LoadLibraryW failed to load " + state.dllPath);
   return state.module.valid();
 }

@@ -15,34 +15,6 @@
 
 namespace ambrel {
 
-// How the SDK module is unloaded (FreeLibrary). Replaceable so that a test can
-// reach the path where unloading fails, which a loaded module never shows.
-using ModuleUnloadFunction = BOOL(WINAPI*)(HMODULE module);
-ModuleUnloadFunction& SdkModuleUnloader();
-
-// Told of the load walk's steps as they happen, each before the walk goes on.
-class SdkLoadSteps {
- public:
-  SdkLoadSteps() = default;
-  SdkLoadSteps(const SdkLoadSteps&) = delete;
-  SdkLoadSteps& operator=(const SdkLoadSteps&) = delete;
-  SdkLoadSteps(SdkLoadSteps&&) = delete;
-  SdkLoadSteps& operator=(SdkLoadSteps&&) = delete;
-  virtual ~SdkLoadSteps() = default;
-  // The lock file names a running process: the walk ends here.
-  virtual void SelfUpdateRunning() = 0;
-  // The registry was read for the SDK location (only while no path was known).
-  virtual void PathLookedUp(const SdkPathLookup& lookup) = 0;
-  // There is no SDK file to check: the walk ends here.
-  virtual void NoPath() = 0;
-  // The SDK file is known; its signature is checked next.
-  virtual void SignatureCheckNext(const std::wstring& path) = 0;
-  // The signature check refused the file: the walk ends here.
-  virtual void SignatureRejected(const std::wstring& path) = 0;
-  // Told of the signature check's own steps; none when null.
-  virtual SignatureSteps* signatureSteps() = 0;
-};
-
 // What stands between the wrapper and LoadLibraryW, in the order it meets it:
 // the self-update lock, the SDK file's path, its signature and publisher.
 // Each step is reached only when the one before it let the load go on; the
@@ -51,17 +23,24 @@ struct SdkLoadCheck {
   SelfUpdateLock selfUpdate;
   std::optional<SdkPathLookup> lookup;  // absent when the path was known already, or not reached
   std::wstring path;                    // the SDK file, when known or found
-  std::optional<SignatureFindings> signature;  // absent when not reached
+  // The SDK file held against changes (HoldAgainstChanges) from just before
+  // its signature check for as long as the record keeps it: a caller that
+  // loads the file releases it once the loader has it.
+  UniqueFileHandle hold;
+  std::optional<SignatureFindings> signature;  // absent when not reached; holds the publisher search's handles
   // kWrapperSuccess when nothing refuses the load; else kWrapperSelfUpdateRunning,
   // kWrapperSdkNotLoaded (no path) or kWrapperSignatureRejected.
   int refusal = 0;
+  // Closes what the record holds (the file, the publisher search's store and
+  // message), keeping what was found: for a caller that loads nothing.
+  void CloseHandles() noexcept;
 };
 // `knownPath`: the path an earlier load found (then the registry is not read).
-// `steps` is told of each step as it happens. An unexpected error testing for
-// the lock file raises filesystem_error ("exists"), and one obtaining the
-// temporary directory (when the program-data folder cannot be had)
-// filesystem_error ("temp_directory_path").
-SdkLoadCheck CheckSdkLoad(const std::wstring& knownPath, SdkLoadSteps* steps = nullptr);
+// `signatureSteps` is told of the signature check's steps as they happen. An
+// unexpected error testing for the lock file raises filesystem_error
+// ("exists"), and one obtaining the temporary directory (when the
+// program-data folder cannot be had) filesystem_error ("temp_directory_path").
+SdkLoadCheck CheckSdkLoad(const std::wstring& knownPath, SignatureSteps* signatureSteps = nullptr);
 
 // Opens `path` for reading, shared with readers only, so that while the handle
 // is open nobody can write, rename or delete the file. An empty handle when

@@ -44,29 +44,24 @@ LONG TrustStatus(const std::wstring& path, SignatureSteps* steps) {
   return status;
 }
 
-PublisherSearch SearchPublisher(const std::wstring& path, const wchar_t* publisher, SignatureSteps* steps) {
+PublisherSearch SearchPublisher(const std::wstring& path, const wchar_t* publisher) {
   PublisherSearch search;
   DWORD encoding = 0;
   DWORD contentType = 0;
   DWORD formatType = 0;
-  // Declared so that the store is closed before the message, the order the
-  // query handed them out in; both only after a failure has been reported.
-  UniqueCryptMsg message;
-  UniqueCertStore store;
   if (!::CryptQueryObject(CERT_QUERY_OBJECT_FILE, path.c_str(), CERT_QUERY_CONTENT_FLAG_PKCS7_SIGNED_EMBED,
-                          CERT_QUERY_FORMAT_FLAG_BINARY, 0, &encoding, &contentType, &formatType, store.put(),
-                          message.put(), nullptr)) {
+                          CERT_QUERY_FORMAT_FLAG_BINARY, 0, &encoding, &contentType, &formatType, search.store.put(),
+                          search.message.put(), nullptr)) {
     search.error = ::GetLastError();
-    if (steps) steps->SignatureUnreadable(search.error);
     return search;
   }
 
+  // Only whether one certificate matches counts: the match is freed at once.
   const UniqueCertContext found(
-      ::CertFindCertificateInStore(store.get(), encoding, 0, CERT_FIND_SUBJECT_STR_W, publisher, nullptr));
+      ::CertFindCertificateInStore(search.store.get(), encoding, 0, CERT_FIND_SUBJECT_STR_W, publisher, nullptr));
   if (!found) {
     search.outcome = PublisherSearch::Outcome::NotFound;
     search.error = ::GetLastError();
-    if (steps) steps->PublisherNotFound(search.error);
     return search;
   }
   search.outcome = PublisherSearch::Outcome::Found;
@@ -75,33 +70,48 @@ PublisherSearch SearchPublisher(const std::wstring& path, const wchar_t* publish
 
 SignatureFindings InspectSignature(const std::wstring& path, SignatureSteps* steps) {
   SignatureFindings findings;
+  if (steps) steps->VerifyingNext(path);
   findings.trust = TrustStatus(path, steps);
-  if (findings.trust != 0) {
-    if (steps) steps->TrustRejected();
-    return findings;
-  }
-  findings.publisher = SearchPublisher(path, kSdkPublisher, steps);
+  if (findings.trust != 0) return findings;
+  findings.publisher = SearchPublisher(path, kSdkPublisher);
   return findings;
 }
+
+void SignatureLog::VerifyingNext(const std::wstring& /*path*/) {}
 
 void SignatureLog::TrustFailed(LONG status) {
   WriteWrapperLogLine(L"[ERROR] WinVerifyTrust returned status: " + std::to_wstring(status));
 }
 
-void SignatureLog::TrustRejected() { WriteWrapperLogLine(L"[ERROR] VerifyCertificate failed!"); }
-
-void SignatureLog::SignatureUnreadable(DWORD /*error*/) {
-  WriteWrapperLogLine(L"[ERROR] CryptQueryObject returned false!");
+void LogPublisherSearch(const PublisherSearch& search) {
+  switch (search.outcome) {
+    case PublisherSearch::Outcome::SignatureUnreadable:
+      WriteWrapperLogLine(L"[ERROR] CryptQueryObject returned false!");
+      break;
+    case PublisherSearch::Outcome::NotFound:
+      WriteWrapperLogLine(L"[ERROR] CertFindCertificateInStore returned ERROR: " + std::to_wstring(search.error));
+      break;
+    case PublisherSearch::Outcome::Found:
+      break;
+  }
 }
 
-void SignatureLog::PublisherNotFound(DWORD error) {
-  WriteWrapperLogLine(L"[ERROR] CertFindCertificateInStore returned ERROR: " + std::to_wstring(error));
+void LogSignatureFindings(const SignatureFindings& findings) {
+  if (findings.trust != 0) {
+    WriteWrapperLogLine(L"[ERROR] VerifyCertificate failed!");
+  } else if (findings.publisher) {
+    LogPublisherSearch(*findings.publisher);
+  }
 }
 
 bool VerifyCertificate(const std::wstring& path) {
   if (path.empty()) return true;
   SignatureLog log;
-  return InspectSignature(path, &log).passed();
+  // The findings hold the certificate store and message until the end of
+  // this scope: a failed search is logged before they are closed.
+  const SignatureFindings findings = InspectSignature(path, &log);
+  LogSignatureFindings(findings);
+  return findings.passed();
 }
 
 }  // namespace ambrel

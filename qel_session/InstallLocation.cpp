@@ -82,9 +82,9 @@ InstallEntryLookup LookUpInstallEntry(HKEY root, const std::wstring& keyPath, bo
                                       InstallLocationSteps* steps) {
   InstallEntryLookup lookup;
   WalkInstallEntry(lookup, root, keyPath, overridden);
-  // Told while the key is still open; closed afterwards unless the observer took it.
+  // Told while the key is still open; closed afterwards unless the caller keeps it.
   if (steps) steps->InstallEntryStopped(lookup);
-  lookup.key.reset();
+  if (!lookup.keepsKeyOpen()) lookup.key.reset();
   return lookup;
 }
 

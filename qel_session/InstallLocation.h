@@ -55,9 +55,8 @@ class InstallLocationSteps {
   // The switch reads exactly 1; the variable has not been read yet.
   virtual void OverrideSwitchedOn(const PathOverrideLookup& lookup) = 0;
   // The registry lookup has reached its last step (`lookup.stop`), its key
-  // still open where it was opened. The observer may take the key from the
-  // record (release() it) to keep it open; otherwise it is closed next.
-  virtual void InstallEntryStopped(InstallEntryLookup& lookup) = 0;
+  // still open where it was opened; it is closed next unless keepsKeyOpen().
+  virtual void InstallEntryStopped(const InstallEntryLookup& lookup) = 0;
 };
 
 // `keyPath` names the key whose switch is read; `release` the variable's suffix.
@@ -78,8 +77,9 @@ struct InstallEntryLookup {
     Found,                 // InstallPath\Version exists: Success
   };
   Stop stop = Stop::KeyNotOpened;
-  // Open only while the lookup runs: closed once the observer has been told
-  // of the stop, unless the observer took it.
+  // Open while the lookup runs. Once the observer has been told of the stop,
+  // closed, except on the keepsKeyOpen() paths: there the record hands it
+  // back open, and the caller decides (the session leaks it).
   UniqueRegKey key;
   std::wstring installPath;  // read when stop is past InstallPathNotRead
   std::wstring version;      // read when stop is past VersionNotRead
@@ -88,7 +88,7 @@ struct InstallEntryLookup {
   // The folder the session takes as its install location, when this lookup names one.
   std::optional<std::wstring> location;
   QelStatus status() const noexcept;
-  // The session leaves the key open on these paths.
+  // The paths on which the session has always left the key open.
   bool keepsKeyOpen() const noexcept {
     return stop == Stop::InstallPathMissing || stop == Stop::VersionEmpty || stop == Stop::VersionFolderMissing;
   }

@@ -55,11 +55,8 @@ class SessionMessages final : public ambrel::InstallLocationSteps {
   void OverrideSwitchedOn(const ambrel::PathOverrideLookup& /*lookup*/) override {
     DeliverText("INFO", "EnablePathOverride is set to 1");
   }
-  void InstallEntryStopped(ambrel::InstallEntryLookup& lookup) override {
+  void InstallEntryStopped(const ambrel::InstallEntryLookup& lookup) override {
     using Stop = ambrel::InstallEntryLookup::Stop;
-    if (lookup.keepsKeyOpen()) {
-      (void)lookup.key.release();  // deliberately left open on this path, as hosts have always had it; freed at process end
-    }
     switch (lookup.stop) {
       case Stop::KeyNotOpened:
         DeliverText("FATAL", "Failed to open registry key");
@@ -86,6 +83,11 @@ class SessionMessages final : public ambrel::InstallLocationSteps {
     }
   }
 };
+
+// The registry lookup hands its key back open on the paths where the session
+// has always left it open: deliberately leaked, as hosts have always had it;
+// the process's end frees it.
+void LeakKeptKey(ambrel::InstallEntryLookup& lookup) { (void)lookup.key.release(); }
 
 }  // namespace
 
@@ -114,10 +116,13 @@ QelStatus QelSession::LockInstallLocation(std::wstring& location) {
   if (release.empty()) return NotInitialized;
 
   SessionMessages messages;
-  const ambrel::InstallLocationLookup found =
+  ambrel::InstallLocationLookup found =
       ambrel::LookUpInstallLocation(registryRoot, release, customRegistryKey, pathOverridden, &messages);
   Take(found.pathOverride);
-  if (found.registry) Take(*found.registry);
+  if (found.registry) {
+    LeakKeptKey(*found.registry);
+    Take(*found.registry);
+  }
   const QelStatus result = found.status;
 
   location = installLocation;
@@ -169,9 +174,11 @@ QelStatus QelSession::GetPathOverride(const std::wstring& keyRelease) {
 
 QelStatus QelSession::ReadInstallLocation(const std::wstring& keyRelease) {
   SessionMessages messages;
-  return Take(ambrel::LookUpInstallEntry(
+  ambrel::InstallEntryLookup found = ambrel::LookUpInstallEntry(
       registryRoot, customRegistryKey.empty() ? ambrel::SharedComponentsKeyPath(keyRelease) : customRegistryKey,
-      pathOverridden, &messages));
+      pathOverridden, &messages);
+  LeakKeptKey(found);
+  return Take(found);
 }
 
 QelStatus QelSession::Take(const ambrel::PathOverrideLookup& lookup) {

@@ -5,6 +5,7 @@
 
 #include "haldo_sdk/SdkModule.h"
 #include "tests/haldo_sdk/WrapperTest.h"
+#include "tests/support/ImportPatch.h"
 
 namespace ambrel::test {
 namespace {
@@ -400,10 +401,11 @@ TEST_F(WrapperUninitializeTest, MissingExportReturns4AndKeepsModuleAndSession) {
                                             "ReleaseMemory\tstandin-session\thanded-out"));
 }
 
-// A loaded module never fails to unload, so a stand-in unloader that frees the
-// module and then reports failure takes FreeLibrary's place.
+// A loaded module never fails to unload, so the library's FreeLibrary is
+// patched to one that frees the module and then reports failure.
+ImportPatch* g_freeLibrary = nullptr;
 BOOL WINAPI UnloadThenReportFailure(HMODULE module) {
-  ::FreeLibrary(module);
+  reinterpret_cast<decltype(&UnloadThenReportFailure)>(g_freeLibrary->original())(module);
   ::SetLastError(ERROR_INVALID_HANDLE);
   return FALSE;
 }
@@ -411,8 +413,14 @@ BOOL WINAPI UnloadThenReportFailure(HMODULE module) {
 TEST_F(WrapperUninitializeTest, UnloadFailureReturns1AndForgetsTheModule) {
   SetSdkLocation(StandInKind::Signed);
   ASSERT_EQ(wrapper_.Initialize("QEL", "2026", "neutral"), 0);
-  ValueSwap<ModuleUnloadFunction> swap(SdkModuleUnloader(), &UnloadThenReportFailure);
-  EXPECT_EQ(wrapper_.Uninitialize(), 1);
+  int result = 0;
+  {
+    ImportPatch freeLibrary(ModuleOf(reinterpret_cast<const void*>(&LoadSdk)), "kernel32.dll", "FreeLibrary",
+                            reinterpret_cast<void*>(&UnloadThenReportFailure));
+    g_freeLibrary = &freeLibrary;
+    result = wrapper_.Uninitialize();
+  }
+  EXPECT_EQ(result, 1);
   EXPECT_EQ(WrapperState().module.get(), nullptr);
   EXPECT_FALSE(wrapper_.IsInitialized());  // the SDK itself succeeded
   EXPECT_EQ(sandbox_.log().Messages().back(), "[ERROR] HALDOAPIWrapperImpl::Uninitialize: Unload failed!");

@@ -3,6 +3,10 @@
 #include <cstdlib>
 #include <filesystem>
 #include <regex>
+#include <stdexcept>
+
+#include "haldo_sdk/RegistryBuffer.h"
+#include "tests/support/ImportPatch.h"
 
 #include "tests/haldo_sdk/WrapperTest.h"
 
@@ -39,32 +43,101 @@ std::wstring SignedCopyWithPathLength(const ScratchDir& dir, size_t length) {
   return dll;
 }
 
-std::wstring ReadSdkLocation(std::vector<DWORD>* offered) {
+// The module that holds the wrapper's registry read, whose imports the tests patch.
+HMODULE LibraryModule() { return ModuleOf(reinterpret_cast<const void*>(&ReadSdkLocationValue)); }
+
+// While it lives, the byte count each query of "HALDOSDKLocation" is offered,
+// as RegQueryValueExW sees it.
+class OfferedSizes {
+ public:
+  OfferedSizes() : patch_(LibraryModule(), "advapi32.dll", "RegQueryValueExW", reinterpret_cast<void*>(&Query)) {
+    active_ = this;
+  }
+  ~OfferedSizes() { active_ = nullptr; }
+  OfferedSizes(const OfferedSizes&) = delete;
+  OfferedSizes& operator=(const OfferedSizes&) = delete;
+  const std::vector<DWORD>& sizes() const { return sizes_; }
+
+ private:
+  static LSTATUS WINAPI Query(HKEY key, LPCWSTR name, LPDWORD reserved, LPDWORD type, LPBYTE data, LPDWORD size) {
+    if (name && size && std::wstring(name) == kSdkLocationValue) active_->sizes_.push_back(*size);
+    return reinterpret_cast<decltype(&Query)>(active_->patch_.original())(key, name, reserved, type, data, size);
+  }
+  static inline OfferedSizes* active_ = nullptr;
+  ImportPatch patch_;
+  std::vector<DWORD> sizes_;
+};
+
+std::wstring ReadSdkLocation() {
   wchar_t* value = nullptr;
-  if (!ReadStringFromRegistry(&value, offered)) return L"<failed>";
-  std::wstring text = value ? value : L"<null>";
-  SdkLocationBufferAllocator().release(value);
-  return text;
+  if (!ReadStringFromRegistry(&value)) return L"<failed>";
+  const RegistryBuffer owner(value);
+  return value ? value : L"<null>";
 }
 
-void* NoMemory(std::size_t) { return nullptr; }
-void* NoLargerMemory(void*, std::size_t) { return nullptr; }
-void* Allocate(std::size_t size) { return std::malloc(size); }
-void* Reallocate(void* memory, std::size_t size) { return std::realloc(memory, size); }
-void Release(void* memory) { std::free(memory); }
+// While it lives, the library's registry buffer (the block of 2048 bytes it
+// asks malloc for, and its enlargements) is followed through malloc, realloc
+// and free; the first such malloc fails with `failAllocation`, every realloc
+// of it with `failEnlargement`. Other blocks pass through untouched.
+class RegistryBufferWatch {
+ public:
+  RegistryBufferWatch(bool failAllocation, bool failEnlargement)
+      : failAllocation_(failAllocation),
+        failEnlargement_(failEnlargement),
+        malloc_(LibraryModule(), CrtDll(), "malloc", reinterpret_cast<void*>(&Allocate)),
+        realloc_(LibraryModule(), CrtDll(), "realloc", reinterpret_cast<void*>(&Reallocate)),
+        free_(LibraryModule(), CrtDll(), "free", reinterpret_cast<void*>(&Release)) {
+    active_ = this;
+  }
+  ~RegistryBufferWatch() { active_ = nullptr; }
+  RegistryBufferWatch(const RegistryBufferWatch&) = delete;
+  RegistryBufferWatch& operator=(const RegistryBufferWatch&) = delete;
 
-// Counts the blocks handed out and not yet given back.
-int g_outstanding = 0;
-void* CountedAllocate(std::size_t size) {
-  void* memory = std::malloc(size);
-  if (memory) ++g_outstanding;
-  return memory;
-}
-void CountedRelease(void* memory) {
-  if (memory) --g_outstanding;
-  std::free(memory);
-}
-void* FailingCountedReallocate(void*, std::size_t) { return nullptr; }
+  int buffersSeen() const { return seen_; }
+  // Blocks of the buffer handed out and not given back.
+  std::size_t outstanding() const { return live_ ? 1 : 0; }
+
+ private:
+  static constexpr std::size_t kBufferBytes = 2048;
+  // The C runtime the library's malloc comes from in this build.
+  static const char* CrtDll() {
+    for (const char* dll : {"msvcrt.dll", "ucrtbase.dll", "api-ms-win-crt-heap-l1-1-0.dll"}) {
+      if (ImportPatch::Imports(LibraryModule(), dll, "malloc")) return dll;
+    }
+    throw std::runtime_error("the library imports malloc from no known C runtime");
+  }
+  static void* Allocate(std::size_t size) {
+    RegistryBufferWatch& self = *active_;
+    const bool buffer = size == kBufferBytes && self.seen_ == 0;
+    if (buffer) ++self.seen_;
+    if (buffer && self.failAllocation_) return nullptr;
+    void* memory = reinterpret_cast<decltype(&Allocate)>(self.malloc_.original())(size);
+    if (buffer && memory) self.live_ = memory;
+    return memory;
+  }
+  static void* Reallocate(void* memory, std::size_t size) {
+    RegistryBufferWatch& self = *active_;
+    const bool buffer = memory && memory == self.live_;
+    if (buffer && self.failEnlargement_) return nullptr;
+    void* larger = reinterpret_cast<decltype(&Reallocate)>(self.realloc_.original())(memory, size);
+    if (buffer && larger) self.live_ = larger;
+    return larger;
+  }
+  static void Release(void* memory) {
+    RegistryBufferWatch& self = *active_;
+    if (memory && memory == self.live_) self.live_ = nullptr;
+    reinterpret_cast<decltype(&Release)>(self.free_.original())(memory);
+  }
+
+  static inline RegistryBufferWatch* active_ = nullptr;
+  bool failAllocation_;
+  bool failEnlargement_;
+  int seen_ = 0;
+  void* live_ = nullptr;  // the buffer's block; nothing here allocates, as these run inside malloc and free
+  ImportPatch malloc_;
+  ImportPatch realloc_;
+  ImportPatch free_;
+};
 
 // ---- ReadStringFromRegistry: first query of 256 bytes, growth by 256
 
@@ -73,33 +146,33 @@ using RegistryReadTest = WrapperTest;
 TEST_F(RegistryReadTest, ValueOf127CharactersFitsTheFirstQuery) {
   const std::wstring value(127, L'a');
   SetSdkLocation(value);
-  std::vector<DWORD> offered;
-  EXPECT_EQ(ReadSdkLocation(&offered), value);
-  EXPECT_THAT(offered, ElementsAre(256u));
+  const OfferedSizes offered;
+  EXPECT_EQ(ReadSdkLocation(), value);
+  EXPECT_THAT(offered.sizes(), ElementsAre(256u));
 }
 
 TEST_F(RegistryReadTest, ValueOf128CharactersNeedsOneEnlargement) {
   const std::wstring value(128, L'b');  // 258 bytes with its terminator
   SetSdkLocation(value);
-  std::vector<DWORD> offered;
-  EXPECT_EQ(ReadSdkLocation(&offered), value);
-  EXPECT_THAT(offered, ElementsAre(256u, 512u));
+  const OfferedSizes offered;
+  EXPECT_EQ(ReadSdkLocation(), value);
+  EXPECT_THAT(offered.sizes(), ElementsAre(256u, 512u));
 }
 
 TEST_F(RegistryReadTest, ValueOf129CharactersNeedsOneEnlargement) {
   const std::wstring value(129, L'c');  // 260 bytes: still within 512
   SetSdkLocation(value);
-  std::vector<DWORD> offered;
-  EXPECT_EQ(ReadSdkLocation(&offered), value);
-  EXPECT_THAT(offered, ElementsAre(256u, 512u));
+  const OfferedSizes offered;
+  EXPECT_EQ(ReadSdkLocation(), value);
+  EXPECT_THAT(offered.sizes(), ElementsAre(256u, 512u));
 }
 
 TEST_F(RegistryReadTest, ValueOf256CharactersNeedsTwoEnlargements) {
   const std::wstring value(256, L'd');  // 514 bytes
   SetSdkLocation(value);
-  std::vector<DWORD> offered;
-  EXPECT_EQ(ReadSdkLocation(&offered), value);
-  EXPECT_THAT(offered, ElementsAre(256u, 512u, 768u));
+  const OfferedSizes offered;
+  EXPECT_EQ(ReadSdkLocation(), value);
+  EXPECT_THAT(offered.sizes(), ElementsAre(256u, 512u, 768u));
 }
 
 TEST_F(RegistryReadTest, ValueStoredWithoutTerminatorIsReadTerminated) {
@@ -107,7 +180,7 @@ TEST_F(RegistryReadTest, ValueStoredWithoutTerminatorIsReadTerminated) {
     const std::wstring value(length, L'e');
     RegistrySandbox::SetRaw(HKEY_LOCAL_MACHINE, kHaldoKey, kSdkLocationName, REG_SZ, value.data(),
                             static_cast<DWORD>(value.size() * sizeof(wchar_t)));
-    EXPECT_EQ(ReadSdkLocation(nullptr), value) << length;
+    EXPECT_EQ(ReadSdkLocation(), value) << length;
   }
 }
 
@@ -115,7 +188,7 @@ TEST_F(RegistryReadTest, TheValueTypeIsNotChecked) {
   const std::wstring value = L"C:\\SDK\\HaldoSdk.dll";
   RegistrySandbox::SetRaw(HKEY_LOCAL_MACHINE, kHaldoKey, kSdkLocationName, REG_BINARY, value.c_str(),
                           static_cast<DWORD>((value.size() + 1) * sizeof(wchar_t)));
-  EXPECT_EQ(ReadSdkLocation(nullptr), value);
+  EXPECT_EQ(ReadSdkLocation(), value);
 }
 
 TEST_F(RegistryReadTest, PathsOf127128And129CharactersLoad) {
@@ -155,8 +228,9 @@ TEST_F(RegistryReadTest, EmptyValue) {
 
 TEST_F(RegistryReadTest, BufferAllocationFailure) {
   SetSdkLocation(StandInKind::Signed);
-  ValueSwap<RegistryBufferAllocator> swap(SdkLocationBufferAllocator(), {&NoMemory, &Reallocate, &Release});
+  const RegistryBufferWatch watch(/*failAllocation=*/true, /*failEnlargement=*/false);
   EXPECT_EQ(wrapper_.Initialize("QEL", "2026", "neutral"), 3);
+  EXPECT_EQ(watch.buffersSeen(), 1);
   EXPECT_THAT(sandbox_.log().Messages(),
               ElementsAreArray(FailedLoad({"[ERROR] HALDOAPIWrapperImpl::ReadStringFromRegistry: Failed to allocate "
                                            "memory for buffer to read registry!",
@@ -166,8 +240,9 @@ TEST_F(RegistryReadTest, BufferAllocationFailure) {
 TEST_F(RegistryReadTest, BufferEnlargementFailure) {
   ScratchDir dir;
   SetSdkLocation(SignedCopyWithPathLength(dir, 200));
-  ValueSwap<RegistryBufferAllocator> swap(SdkLocationBufferAllocator(), {&Allocate, &NoLargerMemory, &Release});
+  const RegistryBufferWatch watch(/*failAllocation=*/false, /*failEnlargement=*/true);
   EXPECT_EQ(wrapper_.Initialize("QEL", "2026", "neutral"), 3);
+  EXPECT_EQ(watch.outstanding(), 0u);
   EXPECT_THAT(sandbox_.log().Messages(), ElementsAreArray(FailedLoad({kReadFailedLine, kPathEmptyLine})));
 }
 
@@ -175,33 +250,30 @@ TEST_F(RegistryReadTest, TheBufferIsGivenBackOnEveryPath) {
   struct Case {
     const char* name;
     void (*prepare)(const ScratchDir& dir);
-    RegistryBufferAllocator allocator;
+    bool failEnlargement;
     int expected;
   };
   const Case cases[] = {
-      {"key missing", [](const ScratchDir&) {}, {&CountedAllocate, &Reallocate, &CountedRelease}, 3},
-      {"value missing", [](const ScratchDir&) { RegistrySandbox::CreateKey(HKEY_LOCAL_MACHINE, kHaldoKey); },
-       {&CountedAllocate, &Reallocate, &CountedRelease}, 3},
-      {"value empty", [](const ScratchDir&) { SetSdkLocation(L""); },
-       {&CountedAllocate, &Reallocate, &CountedRelease}, 3},
-      {"enlargement failed", [](const ScratchDir& dir) { SetSdkLocation(SignedCopyWithPathLength(dir, 200)); },
-       {&CountedAllocate, &FailingCountedReallocate, &CountedRelease}, 3},
-      {"enlarged and read", [](const ScratchDir& dir) { SetSdkLocation(SignedCopyWithPathLength(dir, 200)); },
-       {&CountedAllocate, &Reallocate, &CountedRelease}, 0},
-      {"read at once", [](const ScratchDir&) { SetSdkLocation(StandInKind::Signed); },
-       {&CountedAllocate, &Reallocate, &CountedRelease}, 0},
+      {"key missing", [](const ScratchDir&) {}, false, 3},
+      {"value missing", [](const ScratchDir&) { RegistrySandbox::CreateKey(HKEY_LOCAL_MACHINE, kHaldoKey); }, false, 3},
+      {"value empty", [](const ScratchDir&) { SetSdkLocation(L""); }, false, 3},
+      {"enlargement failed", [](const ScratchDir& dir) { SetSdkLocation(SignedCopyWithPathLength(dir, 200)); }, true,
+       3},
+      {"enlarged and read", [](const ScratchDir& dir) { SetSdkLocation(SignedCopyWithPathLength(dir, 200)); }, false,
+       0},
+      {"read at once", [](const ScratchDir&) { SetSdkLocation(StandInKind::Signed); }, false, 0},
   };
   for (const Case& c : cases) {
     ResetWrapperState();
     RegistrySandbox::DeleteKey(HKEY_LOCAL_MACHINE, kHaldoKey);
     ScratchDir dir;
     c.prepare(dir);
-    g_outstanding = 0;
     {
-      ValueSwap<RegistryBufferAllocator> swap(SdkLocationBufferAllocator(), c.allocator);
+      const RegistryBufferWatch watch(/*failAllocation=*/false, c.failEnlargement);
       EXPECT_EQ(wrapper_.Initialize("QEL", "2026", "neutral"), c.expected) << c.name;
+      EXPECT_EQ(watch.buffersSeen(), 1) << c.name;
+      EXPECT_EQ(watch.outstanding(), 0u) << c.name;
     }
-    EXPECT_EQ(g_outstanding, 0) << c.name;
     if (c.expected == 0) EXPECT_EQ(wrapper_.Uninitialize(), 0);
   }
 }

@@ -81,23 +81,23 @@ using PublisherStageTest = WrapperTest;
 TEST_F(PublisherStageTest, UnreadableSignatureIsReportedByCryptQueryObject) {
   // The whole check never gets here with an unsigned file (the trust stage
   // refuses it first), so the publisher stage is run on its own.
-  SignatureLog log;
-  EXPECT_EQ(SearchPublisher(StandInSdkPath(StandInKind::Unsigned), kSdkPublisher, &log).outcome,
-            PublisherSearch::Outcome::SignatureUnreadable);
+  const PublisherSearch search = SearchPublisher(StandInSdkPath(StandInKind::Unsigned), kSdkPublisher);
+  EXPECT_EQ(search.outcome, PublisherSearch::Outcome::SignatureUnreadable);
+  LogPublisherSearch(search);
   EXPECT_THAT(sandbox_.log().Messages(), ElementsAre(kLogSeparator, "[ERROR] CryptQueryObject returned false!"));
 }
 
 TEST_F(PublisherStageTest, MatchIsACaseInsensitiveSubstringOfAnyCertificateSubject) {
   const std::wstring other = StandInSdkPath(StandInKind::OtherPublisher);
   using Outcome = PublisherSearch::Outcome;
-  SignatureLog log;
-  EXPECT_EQ(SearchPublisher(other, L"northwind software", &log).outcome, Outcome::Found);
+  EXPECT_EQ(SearchPublisher(other, L"northwind software").outcome, Outcome::Found);
   // The test root travels in the signature too, and it can satisfy the search.
-  EXPECT_EQ(SearchPublisher(other, L"Ambrel Test Authority", &log).outcome, Outcome::Found);
-  EXPECT_EQ(SearchPublisher(StandInSdkPath(StandInKind::Signed), L"tavrel, inc", &log).outcome, Outcome::Found);
-  const PublisherSearch missing = SearchPublisher(StandInSdkPath(StandInKind::Signed), L"Tavrel, Inc.", &log);
+  EXPECT_EQ(SearchPublisher(other, L"Ambrel Test Authority").outcome, Outcome::Found);
+  EXPECT_EQ(SearchPublisher(StandInSdkPath(StandInKind::Signed), L"tavrel, inc").outcome, Outcome::Found);
+  const PublisherSearch missing = SearchPublisher(StandInSdkPath(StandInKind::Signed), L"Tavrel, Inc.");
   EXPECT_EQ(missing.outcome, Outcome::NotFound);
   EXPECT_EQ(missing.error, static_cast<DWORD>(CRYPT_E_NOT_FOUND));
+  LogPublisherSearch(missing);
   EXPECT_THAT(sandbox_.log().Messages(),
               ElementsAre(kLogSeparator, "[ERROR] CertFindCertificateInStore returned ERROR: 2148081668"));
 }

@@ -1,7 +1,7 @@
-// Stand-ins for WINTRUST.DLL and CRYPT32.DLL, for tests only. Loaded from
-// beside a test program started with WINEDLLOVERRIDES=wintrust,crypt32=n,
-// they take the place of the system's for the wrapper's signature check, so a
-// test sees each call at the moment it is made. For every call they append a
+// Stand-ins for the WINTRUST.DLL and CRYPT32.DLL functions of the wrapper's
+// signature check, for tests only. TrustStandInTest patches the library's
+// imports of those functions to these for each test, so a test sees each call
+// at the moment it is made. For every call they append a
 // line to the file named by AMBREL_TRUST_STANDIN_RECORD, fields separated by
 // tabs: the function (WinVerifyTrust with "verify" or "close"), then the last
 // line of the wrapper's log at that moment ("" when there is none).
@@ -28,6 +28,9 @@
 #include <cstdlib>
 #include <string>
 #include <thread>
+#include <vector>
+
+#include "tests/haldo_sdk/TrustStandInTest.h"
 
 namespace {
 
@@ -129,10 +132,7 @@ CERT_CONTEXT g_found{};
 
 }  // namespace
 
-extern "C" {
-
-// Marks the stand-ins, so a test can tell them from the system's.
-__declspec(dllexport) int AmbrelTrustStandIn() { return 1; }
+namespace ambrel::test {
 
 LONG WINAPI StandInWinVerifyTrust(HWND window, GUID* action, LPVOID data) {
   auto* trust = static_cast<WINTRUST_DATA*>(data);
@@ -186,4 +186,16 @@ BOOL WINAPI StandInCryptMsgClose(HCRYPTMSG) {
   return TRUE;
 }
 
-}  // extern "C"
+const std::vector<StandInImport>& TrustStandIns() {
+  static const std::vector<StandInImport> imports = {
+      {"wintrust.dll", "WinVerifyTrust", reinterpret_cast<void*>(&StandInWinVerifyTrust)},
+      {"crypt32.dll", "CryptQueryObject", reinterpret_cast<void*>(&StandInCryptQueryObject)},
+      {"crypt32.dll", "CertFindCertificateInStore", reinterpret_cast<void*>(&StandInCertFindCertificateInStore)},
+      {"crypt32.dll", "CertFreeCertificateContext", reinterpret_cast<void*>(&StandInCertFreeCertificateContext)},
+      {"crypt32.dll", "CertCloseStore", reinterpret_cast<void*>(&StandInCertCloseStore)},
+      {"crypt32.dll", "CryptMsgClose", reinterpret_cast<void*>(&StandInCryptMsgClose)},
+  };
+  return imports;
+}
+
+}  // namespace ambrel::test

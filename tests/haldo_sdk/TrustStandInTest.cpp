@@ -6,23 +6,23 @@
 #include <fstream>
 #include <sstream>
 
+#include "haldo_sdk/SignatureCheck.h"
+
 namespace ambrel::test {
 namespace {
 
 std::wstring RecordFile(const ScratchDir& dir) { return dir.path() + L"\\trust-calls.txt"; }
 
-bool IsStandIn(const wchar_t* module) {
-  const HMODULE loaded = ::GetModuleHandleW(module);
-  return loaded && ::GetProcAddress(loaded, "AmbrelTrustStandIn");
-}
-
 }  // namespace
 
-TrustStandInTest::TrustStandInTest() { env_.Set(L"AMBREL_TRUST_STANDIN_RECORD", RecordFile(records_)); }
-
-void TrustStandInTest::SetUp() {
-  ASSERT_TRUE(IsStandIn(L"wintrust.dll") && IsStandIn(L"crypt32.dll"))
-      << "WINTRUST.DLL and CRYPT32.DLL are not the stand-ins: run with WINEDLLOVERRIDES=wintrust,crypt32=n";
+TrustStandInTest::TrustStandInTest() {
+  env_.Set(L"AMBREL_TRUST_STANDIN_RECORD", RecordFile(records_));
+  // The module that holds the signature check: this program, or Ambrel.dll
+  // when a test links that.
+  const HMODULE library = ModuleOf(reinterpret_cast<const void*>(&InspectSignature));
+  for (const StandInImport& standIn : TrustStandIns()) {
+    patches_.push_back(std::make_unique<ImportPatch>(library, standIn.dll, standIn.function, standIn.standIn));
+  }
 }
 
 std::vector<TrustStandInTest::Call> TrustStandInTest::Calls() const {

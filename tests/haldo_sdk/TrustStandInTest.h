@@ -1,16 +1,26 @@
-// Wrapper tests over the stand-in WINTRUST.DLL and CRYPT32.DLL
-// (TrustStandIn.cpp): the program runs with WINEDLLOVERRIDES=wintrust,crypt32=n,
-// so the signature check's calls reach the stand-ins, which record each call
-// with the wrapper log's last line at that moment.
+// Wrapper tests over stand-ins of the WINTRUST.DLL and CRYPT32.DLL functions
+// (TrustStandIn.cpp): each test patches the library's imports of them, so the
+// signature check's calls reach the stand-ins, which record each call with
+// the wrapper log's last line at that moment.
 #pragma once
 
+#include <memory>
 #include <string>
 #include <utility>
 #include <vector>
 
 #include "tests/haldo_sdk/WrapperTest.h"
+#include "tests/support/ImportPatch.h"
 
 namespace ambrel::test {
+
+// One system function the signature check imports, and its stand-in.
+struct StandInImport {
+  const char* dll;
+  const char* function;
+  void* standIn;
+};
+const std::vector<StandInImport>& TrustStandIns();
 
 class TrustStandInTest : public WrapperTest {
  protected:
@@ -19,7 +29,6 @@ class TrustStandInTest : public WrapperTest {
   using Call = std::pair<std::string, std::string>;
 
   TrustStandInTest();
-  void SetUp() override;
 
   // The calls so far, in order.
   std::vector<Call> Calls() const;
@@ -30,6 +39,7 @@ class TrustStandInTest : public WrapperTest {
 
  private:
   ScratchDir records_;
+  std::vector<std::unique_ptr<ImportPatch>> patches_;
   EnvGuard env_{L"AMBREL_TRUST_STANDIN_RECORD", L"AMBREL_TRUST_STANDIN_STATUS", L"AMBREL_TRUST_STANDIN_SIGNATURE",
                 L"AMBREL_TRUST_STANDIN_CHANGE"};
 };

@@ -16,20 +16,6 @@
 
 namespace ambrel::test {
 
-// Puts a replacement into one of the wrapper's process-wide seams for the scope.
-template <typename T>
-class ValueSwap {
- public:
-  ValueSwap(T& slot, T replacement) : slot_(slot), saved_(slot) { slot_ = replacement; }
-  ~ValueSwap() { slot_ = saved_; }
-  ValueSwap(const ValueSwap&) = delete;
-  ValueSwap& operator=(const ValueSwap&) = delete;
-
- private:
-  T& slot_;
-  T saved_;
-};
-
 class WrapperTest : public ::testing::Test {
  protected:
   static std::string Path(const std::wstring& path) { return Narrow(path); }

@@ -1,4 +1,4 @@
-// The MSVC-ABI build's start-up runtime (cmake/msvc-wine/runtime), as linked
+// The MSVC-ABI build's start-up runtime (toolchains/msvc-wine/runtime), as linked
 // into this program: the stack probe __chkstk, the /GS cookie's seeding, the
 // type_info name cache's alignment, and a DLL whose attach fails.
 #include <windows.h>

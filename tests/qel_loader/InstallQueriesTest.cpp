@@ -17,7 +17,11 @@ TEST(QelRelease, IsTheOnlyRelease2026) { EXPECT_EQ(std::wstring(QelRelease), L"2
 
 TEST(SharedDllPath, StartsEmptyAndIsOneProcessWideString) {
   EXPECT_TRUE(SharedDllPath().empty());
-  EXPECT_EQ(&SharedDllPath(), &SharedDllPath());
+  // What one call records, every later call reads.
+  SharedDllPath() = L"C:\\Shared\\2026";
+  EXPECT_EQ(SharedDllPath(), L"C:\\Shared\\2026");
+  SharedDllPath().clear();
+  EXPECT_TRUE(SharedDllPath().empty());
 }
 
 // ---- development build ----

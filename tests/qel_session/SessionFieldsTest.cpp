@@ -14,8 +14,13 @@ namespace {
 
 // ---- status codes ----
 
-TEST(QelStatusCodes, FixedValuesOf32BitSignedType) {
-  EXPECT_TRUE((std::is_same_v<std::underlying_type_t<QelStatus>, std::int32_t>));
+// Facts about the types, checked where they are compiled.
+static_assert(std::is_same_v<std::underlying_type_t<QelStatus>, std::int32_t>, "status codes are 32-bit signed");
+static_assert(!std::is_copy_constructible_v<QelSession> && !std::is_copy_assignable_v<QelSession>,
+              "a session is not copyable");
+static_assert(!std::is_polymorphic_v<QelSession>, "a session has no virtual operations");
+
+TEST(QelStatusCodes, FixedValues) {
   EXPECT_EQ(Success, 0);
   EXPECT_EQ(RegistryReadFailed, 6);
   EXPECT_EQ(NotInitialized, 8);
@@ -41,12 +46,6 @@ TEST_F(SessionWithStandInSdk, DefaultConstructorDrivesTheRealWrapperUnderHklm) {
   EXPECT_EQ(location, expected);
   EXPECT_EQ(session.Uninitialize(), Success);
   EXPECT_EQ(sandbox_.SdkCalls(), kWholeSession);
-}
-
-TEST(SessionFields, NotCopyableAndNoVirtualOperations) {
-  EXPECT_FALSE(std::is_copy_constructible_v<QelSession>);
-  EXPECT_FALSE(std::is_copy_assignable_v<QelSession>);
-  EXPECT_FALSE(std::is_polymorphic_v<QelSession>);
 }
 
 TEST_F(SessionTest, DestructorDeletesTheWrapperAndCallsNoSdkOperation) {

@@ -1,4 +1,4 @@
-# Included by cmake/toolchain-clang-msvc-wine.cmake: makes, in
+# Included by MakeRuntime.cmake (run by .ci/setup msvc-wine): makes, in
 # AMBREL_MSVC_RUNTIME/lib, what MSVC's installation would give the linker.
 #   <name>.lib for each of Wine's system import archives (lib<name>.a);
 #   import libraries of the C++ runtime DLLs from their export tables

@@ -1,4 +1,4 @@
-#include "sandbox/ChildProcess.h"
+#include "tests/sandbox/ChildProcess.h"
 
 #include <atomic>
 #include <cstdio>
@@ -6,6 +6,7 @@
 #include "common/WinResource.h"
 
 namespace ambrel::test {
+
 namespace {
 
 constexpr int kStartAttempts = 3;

@@ -11,7 +11,7 @@
 #include <string>
 #include <vector>
 
-#include "sandbox/ChildProcess.h"
+#include "tests/sandbox/ChildProcess.h"
 
 namespace ambrel::test {
 
@@ -38,13 +38,15 @@ std::wstring Widen(const std::string& text);
 class RegistrySandbox {
  public:
   explicit RegistrySandbox(std::vector<std::wstring> linkedHklmKeys = {L"Software\\Microsoft\\Cryptography"});
-  ~RegistrySandbox();
+  ~RegistrySandbox() = default;
   RegistrySandbox(const RegistrySandbox&) = delete;
   RegistrySandbox& operator=(const RegistrySandbox&) = delete;
+  RegistrySandbox(RegistrySandbox&&) = delete;
+  RegistrySandbox& operator=(RegistrySandbox&&) = delete;
 
   // Name of the sandbox's scratch key under the real HKCU, for child processes
   // that set up the same redirection (see RedirectToSandbox).
-  const std::wstring& ScratchKeyPath() const { return scratchPath_; }
+  const std::wstring& ScratchKeyPath() const { return tree_.path; }
 
   // Values under the redirected hives; each creates the key when missing.
   static void SetString(HKEY root, const std::wstring& subkey, const std::wstring& name, const std::wstring& value,
@@ -57,10 +59,39 @@ class RegistrySandbox {
   static bool ValueExists(HKEY root, const std::wstring& subkey, const std::wstring& name);
 
  private:
-  std::wstring scratchPath_;
-  std::vector<std::wstring> links_;
-  HKEY hklm_ = nullptr;
-  HKEY hkcu_ = nullptr;
+  // The scratch keys under the real HKCU, deleted with their links at the end.
+  struct ScratchTree {
+    explicit ScratchTree(std::vector<std::wstring> linkedHklmKeys);
+    ~ScratchTree();
+    ScratchTree(const ScratchTree&) = delete;
+    ScratchTree& operator=(const ScratchTree&) = delete;
+    std::wstring path;
+    std::vector<std::wstring> links;
+  };
+  // One scratch key, closed at the end.
+  struct ScratchKey {
+    ScratchKey(const std::wstring& path, const std::vector<std::wstring>& links);
+    ~ScratchKey();
+    ScratchKey(const ScratchKey&) = delete;
+    ScratchKey& operator=(const ScratchKey&) = delete;
+    HKEY key = nullptr;
+  };
+  // One hive redirected to a scratch key, undone by its own destructor, so a
+  // throw part-way through the sandbox's constructor leaves no hive redirected.
+  struct HiveOverride {
+    HiveOverride(HKEY hive, HKEY scratch, const char* what);
+    ~HiveOverride();
+    HiveOverride(const HiveOverride&) = delete;
+    HiveOverride& operator=(const HiveOverride&) = delete;
+    HKEY hive;
+  };
+
+  // Made in this order, undone in the reverse one.
+  ScratchTree tree_;
+  ScratchKey hklm_;
+  ScratchKey hkcu_;
+  HiveOverride hklmOverride_;
+  HiveOverride hkcuOverride_;
 };
 
 // The shared-components key of release 2026, as the installer writes it.
