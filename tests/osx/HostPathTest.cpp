@@ -153,29 +153,34 @@ TEST_F(RemoveAppPathSettingTest, DwordValueIsFalseAndKept) {
   EXPECT_EQ(EnvGuard::Get(L"PATH"), L"X;Y");
 }
 
-TEST_F(RemoveAppPathSettingTest, TextIsCutToTheNextSeparatorAndTheValueDeleted) {
-  RegistrySandbox::SetString(HKEY_CURRENT_USER, key, L"Path", L"C:\\A");
-  env.Set(L"PATH", L"X;C:\\AB;Y");
+// The registry text, PATH before, PATH after: every case returns true and
+// deletes the value, whether or not the text was found.
+struct RemovalCase {
+  const char* name;
+  const wchar_t* text;
+  const wchar_t* pathBefore;
+  const wchar_t* pathAfter;
+};
+
+class RemoveAppPathTextTest : public RemoveAppPathSettingTest, public ::testing::WithParamInterface<RemovalCase> {};
+
+TEST_P(RemoveAppPathTextTest, CutsThePathAndDeletesTheValue) {
+  const RemovalCase& c = GetParam();
+  RegistrySandbox::SetString(HKEY_CURRENT_USER, key, L"Path", c.text);
+  env.Set(L"PATH", c.pathBefore);
   EXPECT_TRUE(OSxUtil::RemoveAppPathSetting());
-  EXPECT_EQ(EnvGuard::Get(L"PATH"), L"X;Y");
+  EXPECT_EQ(EnvGuard::Get(L"PATH"), c.pathAfter);
   EXPECT_FALSE(ValueKept());
 }
 
-TEST_F(RemoveAppPathSettingTest, TextNotInPathStillDeletesTheValue) {
-  RegistrySandbox::SetString(HKEY_CURRENT_USER, key, L"Path", L"C:\\Elsewhere");
-  env.Set(L"PATH", L"X;C:\\AB;Y");
-  EXPECT_TRUE(OSxUtil::RemoveAppPathSetting());
-  EXPECT_EQ(EnvGuard::Get(L"PATH"), L"X;C:\\AB;Y");
-  EXPECT_FALSE(ValueKept());
-}
-
-TEST_F(RemoveAppPathSettingTest, TextInOtherLetterCaseIsNotFound) {
-  RegistrySandbox::SetString(HKEY_CURRENT_USER, key, L"Path", L"c:\\a");
-  env.Set(L"PATH", L"X;C:\\A;Y");
-  EXPECT_TRUE(OSxUtil::RemoveAppPathSetting());
-  EXPECT_EQ(EnvGuard::Get(L"PATH"), L"X;C:\\A;Y");
-  EXPECT_FALSE(ValueKept());
-}
+INSTANTIATE_TEST_SUITE_P(
+    Texts, RemoveAppPathTextTest,
+    ::testing::Values(RemovalCase{"CutToTheNextSeparator", L"C:\\A", L"X;C:\\AB;Y", L"X;Y"},
+                      RemovalCase{"NotInPath", L"C:\\Elsewhere", L"X;C:\\AB;Y", L"X;C:\\AB;Y"},
+                      RemovalCase{"OtherLetterCaseIsNotFound", L"c:\\a", L"X;C:\\A;Y", L"X;C:\\A;Y"},
+                      RemovalCase{"InTheLastEntryKeepsTheSeparatorBeforeIt", L"C:\\Kalvex\\Bin",
+                                  L"X;C:\\Kalvex\\Bin", L"X;"}),
+    [](const ::testing::TestParamInfo<RemovalCase>& info) { return std::string(info.param.name); });
 
 TEST_F(RemoveAppPathSettingTest, EmptyTextRemovesTheFirstEntry) {
   const wchar_t nul = L'\0';
@@ -184,13 +189,6 @@ TEST_F(RemoveAppPathSettingTest, EmptyTextRemovesTheFirstEntry) {
   EXPECT_TRUE(OSxUtil::RemoveAppPathSetting());
   EXPECT_EQ(EnvGuard::Get(L"PATH"), L"Second;Third");
   EXPECT_FALSE(ValueKept());
-}
-
-TEST_F(RemoveAppPathSettingTest, MatchInTheLastEntryKeepsTheSeparatorBeforeIt) {
-  RegistrySandbox::SetString(HKEY_CURRENT_USER, key, L"Path", L"C:\\Kalvex\\Bin");
-  env.Set(L"PATH", L"X;C:\\Kalvex\\Bin");
-  EXPECT_TRUE(OSxUtil::RemoveAppPathSetting());
-  EXPECT_EQ(EnvGuard::Get(L"PATH"), L"X;");
 }
 
 TEST_F(RemoveAppPathSettingTest, ExpandableTextIsUsedUnexpanded) {

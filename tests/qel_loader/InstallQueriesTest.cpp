@@ -2,6 +2,9 @@
 
 #include <gtest/gtest.h>
 
+#include <string>
+#include <utility>
+
 #include "Ambrel.h"
 #include "tests/support/TestSupport.h"
 
@@ -127,23 +130,25 @@ std::wstring PathOfLength(const ScratchDir& dir, size_t length) {
   return path;
 }
 
-TEST_F(IsQELInstalledTest, InstallPathOf129CharactersIsRead) {
-  const std::wstring installPath = PathOfLength(dir, 129);
-  ASSERT_EQ(installPath.size(), 129u);
+// InstallPath of a given length, existing with its Version folder: read up to
+// 129 characters, missing from 130 on (the query offers 260 bytes).
+class InstallPathLengthTest : public IsQELInstalledTest, public ::testing::WithParamInterface<std::pair<size_t, bool>> {};
+
+TEST_P(InstallPathLengthTest, IsReadOnlyWithinTheQuerysSize) {
+  const auto [length, installed] = GetParam();
+  const std::wstring installPath = PathOfLength(dir, length);
+  ASSERT_EQ(installPath.size(), length);
   dir.MakeDir(installPath.substr(dir.path().size() + 1) + L"\\v");
   RegistrySandbox::SetString(HKEY_LOCAL_MACHINE, kSharedComponentsKey, L"InstallPath", installPath);
   RegistrySandbox::SetString(HKEY_LOCAL_MACHINE, kSharedComponentsKey, L"Version", L"v");
-  EXPECT_TRUE(QelLoadHelper::IsQELInstalled());
+  EXPECT_EQ(QelLoadHelper::IsQELInstalled(), installed);
 }
 
-TEST_F(IsQELInstalledTest, InstallPathOf130CharactersCountsAsMissingEvenIfItExists) {
-  const std::wstring installPath = PathOfLength(dir, 130);
-  ASSERT_EQ(installPath.size(), 130u);
-  dir.MakeDir(installPath.substr(dir.path().size() + 1) + L"\\v");
-  RegistrySandbox::SetString(HKEY_LOCAL_MACHINE, kSharedComponentsKey, L"InstallPath", installPath);
-  RegistrySandbox::SetString(HKEY_LOCAL_MACHINE, kSharedComponentsKey, L"Version", L"v");
-  EXPECT_FALSE(QelLoadHelper::IsQELInstalled());
-}
+INSTANTIATE_TEST_SUITE_P(Lengths, InstallPathLengthTest,
+                         ::testing::Values(std::pair<size_t, bool>{129, true}, std::pair<size_t, bool>{130, false}),
+                         [](const ::testing::TestParamInfo<std::pair<size_t, bool>>& info) {
+                           return "Of" + std::to_string(info.param.first) + "Characters";
+                         });
 
 TEST_F(IsQELInstalledTest, MissingInstallDirectoryIsNotInstalled) {
   RegistrySandbox::SetString(HKEY_LOCAL_MACHINE, kSharedComponentsKey, L"InstallPath", dir / L"absent");
