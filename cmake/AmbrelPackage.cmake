@@ -4,7 +4,8 @@
 #   look at a machine,
 #   bin/ the shared C++ runtime DLLs of the mingw-w64 build,
 #   lib/ import library, include/Ambrel.h,
-#   lib/cmake/Ambrel/ package files (find_package(Ambrel CONFIG), Ambrel::Ambrel).
+#   lib/cmake/Ambrel/ package files (find_package(Ambrel CONFIG), Ambrel::Ambrel),
+#   THIRD-PARTY-NOTICES.txt, the licences of what it ships or links in.
 include(CMakePackageConfigHelpers)
 include(${CMAKE_CURRENT_LIST_DIR}/AmbrelDebugInfo.cmake)
 
@@ -65,6 +66,11 @@ install(TARGETS Ambrel EXPORT AmbrelTargets
   LIBRARY DESTINATION ${AMBREL_INSTALL_BINDIR}
   ARCHIVE DESTINATION ${AMBREL_INSTALL_LIBDIR})
 install(FILES ${PROJECT_SOURCE_DIR}/include/Ambrel.h DESTINATION ${AMBREL_INSTALL_INCLUDEDIR})
+# The licence texts of the third-party pieces, at the package's top.
+include(${CMAKE_CURRENT_LIST_DIR}/AmbrelNotices.cmake)
+if(AMBREL_NOTICES_FILE)
+  install(FILES ${AMBREL_NOTICES_FILE} DESTINATION .)
+endif()
 install(TARGETS ambrel_diagnose RUNTIME DESTINATION ${AMBREL_INSTALL_BINDIR})
 # The shared C++ runtime the library and its host share (mingw-w64 only; an
 # MSVC host ships Microsoft's redistributable runtime as it always does), as
@@ -75,6 +81,17 @@ endif()
 # Signed copies over every installed image when a certificate is given.
 include(${CMAKE_CURRENT_LIST_DIR}/AmbrelSigning.cmake)
 ambrel_sign_on_install(TARGETS Ambrel ambrel_diagnose FILES ${AMBREL_SHIPPED_RUNTIME_DLLS})
+# The package's flavour, named in its file name and checked by its CMake
+# package against the host's compiler.
+if(MSVC)
+  set(AMBREL_FLAVOUR msvc)
+  set(AMBREL_FLAVOUR_COMPILERS "MSVC|Clang")
+  set(AMBREL_FLAVOUR_TEXT "the MSVC ABI (Microsoft's STL, /MD)")
+else()
+  set(AMBREL_FLAVOUR mingw)
+  set(AMBREL_FLAVOUR_COMPILERS "GNU|Clang")
+  set(AMBREL_FLAVOUR_TEXT "mingw-w64 (GCC 12's libstdc++-6.dll, shipped beside Ambrel.dll)")
+endif()
 set(AMBREL_RUNTIME_NAMES "")
 foreach(runtime_dll IN LISTS AMBREL_RUNTIME_DLLS)
   get_filename_component(runtime_name ${runtime_dll} NAME)
@@ -112,6 +129,7 @@ set(CPACK_PACKAGE_VENDOR "Tavrel, Inc")
 set(CPACK_PACKAGE_VERSION ${PROJECT_VERSION})
 set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "${PROJECT_DESCRIPTION}")
 set(CPACK_SYSTEM_NAME win64)
+set(CPACK_PACKAGE_FILE_NAME "Ambrel-${PROJECT_VERSION}-win64-${AMBREL_FLAVOUR}")
 set(CPACK_PACKAGE_DIRECTORY ${PROJECT_BINARY_DIR}/package)
 include(CPack)
 
