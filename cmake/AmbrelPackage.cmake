@@ -61,10 +61,12 @@ if(TARGET ambrel_diagnose_sandboxed)
     "Ambrel support tool, test build (registry sandbox)" ${PROJECT_SOURCE_DIR}/resources/ambrel-diagnose.manifest.in)
 endif()
 
+# Component ambrel_library: the DLL, its import library, its PDB and the
+# targets file, all a second configuration's tree adds to a package.
 install(TARGETS Ambrel EXPORT AmbrelTargets
-  RUNTIME DESTINATION ${AMBREL_INSTALL_BINDIR}
-  LIBRARY DESTINATION ${AMBREL_INSTALL_BINDIR}
-  ARCHIVE DESTINATION ${AMBREL_INSTALL_LIBDIR})
+  RUNTIME DESTINATION ${AMBREL_INSTALL_BINDIR} COMPONENT ambrel_library
+  LIBRARY DESTINATION ${AMBREL_INSTALL_BINDIR} COMPONENT ambrel_library
+  ARCHIVE DESTINATION ${AMBREL_INSTALL_LIBDIR} COMPONENT ambrel_library)
 install(FILES ${PROJECT_SOURCE_DIR}/include/Ambrel.h DESTINATION ${AMBREL_INSTALL_INCLUDEDIR})
 # The licence texts of the third-party pieces, at the package's top.
 include(${CMAKE_CURRENT_LIST_DIR}/AmbrelNotices.cmake)
@@ -99,13 +101,13 @@ foreach(runtime_dll IN LISTS AMBREL_RUNTIME_DLLS)
 endforeach()
 
 if(AMBREL_PDB_FILE)
-  install(FILES "${AMBREL_PDB_FILE}" DESTINATION ${AMBREL_INSTALL_BINDIR} OPTIONAL)
+  install(FILES "${AMBREL_PDB_FILE}" DESTINATION ${AMBREL_INSTALL_BINDIR} OPTIONAL COMPONENT ambrel_library)
 endif()
 if(AMBREL_DIAGNOSE_PDB_FILE)
   install(FILES "${AMBREL_DIAGNOSE_PDB_FILE}" DESTINATION ${AMBREL_INSTALL_BINDIR} OPTIONAL)
 endif()
 
-install(EXPORT AmbrelTargets NAMESPACE Ambrel:: DESTINATION ${AMBREL_INSTALL_CMAKEDIR})
+install(EXPORT AmbrelTargets NAMESPACE Ambrel:: DESTINATION ${AMBREL_INSTALL_CMAKEDIR} COMPONENT ambrel_library)
 if(NOT MSVC)
   # mingw-w64 hosts: delay-import libraries that __FUnloadDelayLoadedDLL2 can
   # unload from (dlltool's cannot); the package configuration includes it.
@@ -121,6 +123,13 @@ write_basic_package_version_file(${PROJECT_BINARY_DIR}/cmake-package/AmbrelConfi
   COMPATIBILITY SameMajorVersion)
 install(FILES ${PROJECT_BINARY_DIR}/cmake-package/AmbrelConfig.cmake ${PROJECT_BINARY_DIR}/cmake-package/AmbrelConfigVersion.cmake
   DESTINATION ${AMBREL_INSTALL_CMAKEDIR})
+
+# The MSVC package's Debug variant (Ambreld.dll: /MDd, _DEBUG,
+# _ITERATOR_DEBUG_LEVEL=2). A multi-config generator (Visual Studio) builds it
+# as this tree's Debug configuration: install that configuration too. A
+# single-config release tree builds it in a Debug tree of its own
+# (debug-variant/, the library alone) and installs it with its own files.
+include(${CMAKE_CURRENT_LIST_DIR}/AmbrelDebugVariant.cmake)
 
 # cpack: a ZIP of the same tree.
 set(CPACK_GENERATOR ZIP)

@@ -49,9 +49,10 @@ function(ambrel_msvc_runtime_archive archive flags)
   message(STATUS "msvc-wine: making ${archive}")
   separate_arguments(compile UNIX_COMMAND "${_ambrel_msvc_compile}")
   set(objects "")
+  file(MAKE_DIRECTORY "${_rt_obj}/${archive}")
   foreach(source IN LISTS ARGN)
     get_filename_component(name "${source}" NAME_WE)
-    set(object "${_rt_obj}/${name}.obj")
+    set(object "${_rt_obj}/${archive}/${name}.obj")
     execute_process(COMMAND "${CMAKE_CXX_COMPILER}" ${compile} /nologo /c /std:c++20 /EHsc /MD /O2 /Z7 ${flags}
                             "/Fo${object}" -- "${source}"
                     RESULT_VARIABLE rc ERROR_VARIABLE errors OUTPUT_VARIABLE errors)

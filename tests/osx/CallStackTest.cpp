@@ -414,10 +414,13 @@ class HostDebugHelpSession : public ::testing::Test {
 // Each capture ends with SymCleanup(GetCurrentProcess()): a session the host
 // opened under that same handle is torn down with it, and the host's next
 // lookup fails with ERROR_INVALID_HANDLE.
+// The library is loaded before the host's session starts, as a host's
+// imported Ambrel.dll is: a session that predates the library's module does
+// not know it, and the capture's walk then fails at its first frame.
 TEST_F(HostDebugHelpSession, UnderTheProcessHandleIsGoneAfterTheCall) {
+  LibraryCopy library;
   ASSERT_TRUE(symInitialize(::GetCurrentProcess(), nullptr, TRUE));
   ASSERT_EQ(NameKernelFunction(::GetCurrentProcess()), static_cast<DWORD>(ERROR_SUCCESS));
-  LibraryCopy library;
   ASSERT_FALSE(CaptureThrough(library).empty());
   EXPECT_EQ(NameKernelFunction(::GetCurrentProcess()), static_cast<DWORD>(ERROR_INVALID_HANDLE));
   // Initialised again after the call, the host's session works as before.
@@ -429,11 +432,11 @@ TEST_F(HostDebugHelpSession, UnderTheProcessHandleIsGoneAfterTheCall) {
 // A session under a handle of the host's own (Microsoft's advice for
 // SymInitialize) is not the library's to clean up: it survives the call.
 TEST_F(HostDebugHelpSession, UnderAHandleOfItsOwnSurvivesTheCall) {
+  LibraryCopy library;
   HANDLE own = nullptr;
   ASSERT_TRUE(::DuplicateHandle(::GetCurrentProcess(), ::GetCurrentProcess(), ::GetCurrentProcess(), &own, 0, FALSE,
                                 DUPLICATE_SAME_ACCESS));
   ASSERT_TRUE(symInitialize(own, nullptr, TRUE));
-  LibraryCopy library;
   ASSERT_FALSE(CaptureThrough(library).empty());
   EXPECT_EQ(NameKernelFunction(own), static_cast<DWORD>(ERROR_SUCCESS));
   symCleanup(own);

@@ -7,6 +7,9 @@
 #   -DBUILD_DIR -DSOURCE_DIR -DWORK_DIR -DGENERATOR -DTOOLCHAIN_FILE -DCONFIG -DEMULATOR
 #   -DRUNTIME_NAMES=the shared C++ runtime DLLs bin/ must hold ('|'-separated; empty for MSVC)
 #   [-DMSVC_RUNTIME=ON: the images may import Microsoft's redistributable runtime DLLs]
+#   [-DDEBUG_VARIANT=ON: the package holds Ambreld.dll too, which imports the debug
+#    runtime DLLs; a Debug host is then configured and built against it too (not run:
+#    Wine has no debug runtime)]
 #   [-DREADOBJ=llvm-readobj: also check that the installed DLL names its PDB by file name only,
 #    and what the shipped images import]
 cmake_minimum_required(VERSION 3.25)
@@ -90,6 +93,9 @@ endif()
 # bin/ of the package: the library, the support tool, their PDBs and the
 # shared C++ runtime, nothing else.
 set(expected_bin Ambrel.dll ambrel-diagnose.exe ${RUNTIME_NAMES})
+if(DEBUG_VARIANT)
+  list(APPEND expected_bin Ambreld.dll Ambreld.pdb)
+endif()
 foreach(pdb Ambrel.pdb ambrel-diagnose.pdb)
   if(EXISTS "${prefix}/bin/${pdb}")
     list(APPEND expected_bin ${pdb})
@@ -180,6 +186,42 @@ if(READOBJ)
     endif()
     message(STATUS "${image} imports: ${direct}")
   endforeach()
+endif()
+
+# The Debug variant imports the debug runtime DLLs and none of the release
+# ones, and a Debug host configured and built against the package links it.
+if(DEBUG_VARIANT AND READOBJ)
+  imports_of("${prefix}/bin/Ambreld.dll" debug_imports)
+  message(STATUS "Ambreld.dll imports: ${debug_imports}")
+  foreach(name msvcp140d.dll vcruntime140d.dll ucrtbased.dll)
+    if(NOT name IN_LIST debug_imports)
+      message(FATAL_ERROR "Ambreld.dll does not import ${name}")
+    endif()
+  endforeach()
+  foreach(name IN LISTS debug_imports)
+    if(NOT name IN_LIST system_dlls AND NOT name MATCHES "^(msvcp140d|msvcp140_[12]d|msvcp140d_atomic_wait|vcruntime140d|vcruntime140_1d|ucrtbased)\\.dll$")
+      message(FATAL_ERROR "Ambreld.dll imports ${name}, neither a system DLL nor a debug runtime DLL")
+    endif()
+  endforeach()
+  set(debug_build "${WORK_DIR}/build-debug")
+  message(STATUS "== configuring and building the consumer project with CMAKE_BUILD_TYPE=Debug")
+  set(debug_args -S "${SOURCE_DIR}/tests/consumer" -B "${debug_build}" -G "${GENERATOR}"
+      "-DCMAKE_PREFIX_PATH=${prefix}" -DCMAKE_BUILD_TYPE=Debug)
+  if(TOOLCHAIN_FILE)
+    list(APPEND debug_args "-DCMAKE_TOOLCHAIN_FILE=${TOOLCHAIN_FILE}")
+  endif()
+  run(${CMAKE_COMMAND} ${debug_args})
+  run(${CMAKE_COMMAND} --build "${debug_build}" --config Debug)
+  foreach(shipped consumer_host.exe Ambreld.dll Ambreld.pdb)
+    if(NOT EXISTS "${debug_build}/${shipped}")
+      message(FATAL_ERROR "the Debug host's folder lacks ${shipped}")
+    endif()
+  endforeach()
+  imports_of("${debug_build}/consumer_host.exe" host_imports)
+  message(STATUS "the Debug consumer_host.exe imports: ${host_imports}")
+  if(NOT "ambreld.dll" IN_LIST host_imports OR "ambrel.dll" IN_LIST host_imports OR NOT "ucrtbased.dll" IN_LIST host_imports)
+    message(FATAL_ERROR "the Debug host does not link Ambreld.dll and the debug runtime alone")
+  endif()
 endif()
 
 # The host run from a copy of the package's bin/ alone, plus the host itself.

@@ -1,0 +1,53 @@
+# Included by cmake/toolchain-clang-msvc-wine.cmake after BuildRuntime.cmake:
+# what a Debug configuration (/MDd, _DEBUG, _ITERATOR_DEBUG_LEVEL=2) links
+# instead, made in AMBREL_MSVC_RUNTIME/lib beside the release pieces:
+#   import libraries named after Visual C++'s debug runtime DLLs (msvcp140d,
+#   vcruntime140d, vcruntime140_1d, ucrtbased, ...), made from the release
+#   DLLs' export lists plus the debug-only entry points of ucrtbased that the
+#   STL and the C runtime headers call under _DEBUG;
+#   ambrel_msvc_runtime_debug.lib and ambrel_msvc_stl_debug.lib: the start-up
+#   unit and the STL sources compiled with /MDd (the STL records the runtime
+#   and iterator level in every object, and the linker refuses a mix).
+# Wine has none of these DLLs: an image linked so is checked here, not run.
+set(_rt_debug_names
+    "msvcp140=msvcp140d" "msvcp140_1=msvcp140_1d" "msvcp140_2=msvcp140_2d"
+    "msvcp140_atomic_wait=msvcp140d_atomic_wait" "vcruntime140=vcruntime140d"
+    "vcruntime140_1=vcruntime140_1d" "ucrtbase=ucrtbased")
+# Debug-only exports of ucrtbased.dll (Microsoft's CRT debug routines) that
+# the debug STL and CRT headers reach.
+set(_rt_ucrtbased_extra _CrtDbgReport _CrtDbgReportW _invalid_parameter _malloc_dbg _calloc_dbg _realloc_dbg
+    _free_dbg _msize_dbg _CrtSetReportMode _CrtSetReportFile _CrtSetDbgFlag _CrtIsValidHeapPointer)
+foreach(pair IN LISTS _rt_debug_names)
+  string(REPLACE "=" ";" pair "${pair}")
+  list(GET pair 0 release)
+  list(GET pair 1 debug)
+  if(NOT EXISTS "${_rt_lib}/${debug}.lib" OR "${_rt_lib}/${release}.def" IS_NEWER_THAN "${_rt_lib}/${debug}.lib"
+     OR "${CMAKE_CURRENT_LIST_FILE}" IS_NEWER_THAN "${_rt_lib}/${debug}.lib")
+    file(READ "${_rt_lib}/${release}.def" def)
+    string(REPLACE "LIBRARY ${release}.dll\n" "LIBRARY ${debug}.dll\n" def "${def}")
+    if(release STREQUAL "ucrtbase")
+      foreach(extra IN LISTS _rt_ucrtbased_extra)
+        string(APPEND def "  \"${extra}\"\n")
+      endforeach()
+    endif()
+    file(WRITE "${_rt_lib}/${debug}.def" "${def}")
+    execute_process(COMMAND /usr/bin/llvm-dlltool-16 -m i386:x86-64 -d "${_rt_lib}/${debug}.def" -l "${_rt_lib}/${debug}.lib"
+                    RESULT_VARIABLE _rc)
+    if(NOT _rc EQUAL 0)
+      message(FATAL_ERROR "msvc-wine: ${debug}.lib could not be made")
+    endif()
+  endif()
+endforeach()
+
+ambrel_msvc_runtime_archive(ambrel_msvc_runtime_debug.lib "/GS-;/guard:cf-;/Zc:threadSafeInit-;/W4;/MDd"
+  "${AMBREL_MSVC_GLUE}/runtime/Startup.cpp"
+  "${AMBREL_MSVC_GLUE}/runtime/ProgramEntry.cpp"
+  "${AMBREL_MSVC_GLUE}/runtime/WideProgramEntry.cpp"
+  "${AMBREL_MSVC_GLUE}/runtime/DefaultDllMain.cpp")
+ambrel_msvc_runtime_archive(ambrel_msvc_stl_debug.lib "/D_ENFORCE_ONLY_CORE_HEADERS;-I${AMBREL_MSVC_STL}/src;/W0;/MDd"
+  "${AMBREL_MSVC_STL}/src/filesystem.cpp"
+  "${AMBREL_MSVC_STL}/src/sharedmutex.cpp"
+  "${AMBREL_MSVC_STL}/src/syserror_import_lib.cpp"
+  "${AMBREL_MSVC_STL}/src/xcharconv_ryu_tables.cpp"
+  "${AMBREL_MSVC_STL}/src/xcharconv_tables_double.cpp"
+  "${AMBREL_MSVC_STL}/src/xcharconv_tables_float.cpp")
