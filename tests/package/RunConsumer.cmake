@@ -7,6 +7,8 @@
 #   -DBUILD_DIR -DSOURCE_DIR -DWORK_DIR -DGENERATOR -DTOOLCHAIN_FILE -DCONFIG -DEMULATOR
 #   -DRUNTIME_NAMES=the shared C++ runtime DLLs bin/ must hold ('|'-separated; empty for MSVC)
 #   [-DMSVC_RUNTIME=ON: the images may import Microsoft's redistributable runtime DLLs]
+#   [-DNM=llvm-nm -DMINGW_LIB_DIR=<mingw-w64's import libraries>: check the Debug variant's
+#    runtime imports against Microsoft's export lists]
 #   [-DDEBUG_VARIANT=ON: the package holds Ambreld.dll too, which imports the debug
 #    runtime DLLs; a Debug host is then configured and built against it too (not run:
 #    Wine has no debug runtime)]
@@ -203,6 +205,37 @@ if(DEBUG_VARIANT AND READOBJ)
       message(FATAL_ERROR "Ambreld.dll imports ${name}, neither a system DLL nor a debug runtime DLL")
     endif()
   endforeach()
+  # The functions it takes from ucrtbased and vcruntime140d are in
+  # Microsoft's export lists of the release DLLs, as mingw-w64's import
+  # libraries carry them, or are the debug CRT's own entry points; mingw-w64
+  # has no list for msvcp140d.
+  if(NM AND MINGW_LIB_DIR)
+    execute_process(COMMAND "${READOBJ}" --coff-imports "${prefix}/bin/Ambreld.dll" OUTPUT_VARIABLE listing)
+    string(REGEX MATCHALL "Import {\n  Name: [^\n]+\n[^}]*}" blocks "${listing}")
+    foreach(pair "ucrtbased.dll=libucrtbase.a" "vcruntime140d.dll=libvcruntime140_app.a")
+      string(REPLACE "=" ";" pair "${pair}")
+      list(GET pair 0 dll)
+      list(GET pair 1 archive)
+      execute_process(COMMAND "${NM}" "${MINGW_LIB_DIR}/${archive}" OUTPUT_VARIABLE symbols ERROR_QUIET)
+      string(REGEX MATCHALL " I __imp_[^\n]+" listed "${symbols}")
+      list(TRANSFORM listed REPLACE "^ I __imp_" "")
+      set(checked 0)
+      foreach(block IN LISTS blocks)
+        if(NOT block MATCHES "Name: ${dll}\n")
+          continue()
+        endif()
+        string(REGEX MATCHALL "Symbol: [^ \n]+" imported "${block}")
+        list(TRANSFORM imported REPLACE "^Symbol: " "")
+        foreach(function IN LISTS imported)
+          if(NOT function IN_LIST listed AND NOT function MATCHES "^(_invalid_parameter|_CrtDbgReportW?|_[a-z]+_dbg)$")
+            message(FATAL_ERROR "Ambreld.dll imports ${function} from ${dll}, in neither Microsoft's list (${archive}) nor the debug CRT's own")
+          endif()
+          math(EXPR checked "${checked} + 1")
+        endforeach()
+      endforeach()
+      message(STATUS "Ambreld.dll: the ${checked} functions it takes from ${dll} are Microsoft's (${archive} or the debug CRT's own)")
+    endforeach()
+  endif()
   set(debug_build "${WORK_DIR}/build-debug")
   message(STATUS "== configuring and building the consumer project with CMAKE_BUILD_TYPE=Debug")
   set(debug_args -S "${SOURCE_DIR}/tests/consumer" -B "${debug_build}" -G "${GENERATOR}"
