@@ -39,15 +39,5 @@ foreach(pair IN LISTS _rt_debug_names)
   endif()
 endforeach()
 
-ambrel_msvc_runtime_archive(ambrel_msvc_runtime_debug.lib "/GS-;/guard:cf-;/Zc:threadSafeInit-;/W4;/MDd"
-  "${AMBREL_MSVC_GLUE}/runtime/Startup.cpp"
-  "${AMBREL_MSVC_GLUE}/runtime/ProgramEntry.cpp"
-  "${AMBREL_MSVC_GLUE}/runtime/WideProgramEntry.cpp"
-  "${AMBREL_MSVC_GLUE}/runtime/DefaultDllMain.cpp")
-ambrel_msvc_runtime_archive(ambrel_msvc_stl_debug.lib "/D_ENFORCE_ONLY_CORE_HEADERS;-I${AMBREL_MSVC_STL}/src;/W0;/MDd"
-  "${AMBREL_MSVC_STL}/src/filesystem.cpp"
-  "${AMBREL_MSVC_STL}/src/sharedmutex.cpp"
-  "${AMBREL_MSVC_STL}/src/syserror_import_lib.cpp"
-  "${AMBREL_MSVC_STL}/src/xcharconv_ryu_tables.cpp"
-  "${AMBREL_MSVC_STL}/src/xcharconv_tables_double.cpp"
-  "${AMBREL_MSVC_STL}/src/xcharconv_tables_float.cpp")
+ambrel_msvc_runtime_archive(ambrel_msvc_runtime_debug.lib "${_rt_startup_flags};/MDd" ${_rt_startup_sources})
+ambrel_msvc_runtime_archive(ambrel_msvc_stl_debug.lib "${_rt_stl_flags};/MDd" ${_rt_stl_sources})

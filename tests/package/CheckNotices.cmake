@@ -5,13 +5,7 @@
 # pieces need are there in full.
 #   -DBUILD_DIR -DWORK_DIR -DCONFIG -DFLAVOUR=<msvc|mingw>
 cmake_minimum_required(VERSION 3.25)
-file(REMOVE_RECURSE "${WORK_DIR}")
-set(prefix "${WORK_DIR}/prefix")
-execute_process(COMMAND ${CMAKE_COMMAND} --install "${BUILD_DIR}" --prefix "${prefix}" --config "${CONFIG}"
-                RESULT_VARIABLE rc OUTPUT_QUIET)
-if(NOT rc EQUAL 0)
-  message(FATAL_ERROR "installing the package failed (${rc})")
-endif()
+include(${CMAKE_CURRENT_LIST_DIR}/InstallPackage.cmake)
 set(notices "${prefix}/THIRD-PARTY-NOTICES.txt")
 if(NOT EXISTS "${notices}")
   message(FATAL_ERROR "the package has no THIRD-PARTY-NOTICES.txt")

@@ -5,13 +5,7 @@
 #   -DBUILD_DIR -DSOURCE_DIR -DWORK_DIR -DGENERATOR -DCONFIG
 #   -DOTHER_TOOLCHAIN=<toolchain file of the other flavour> -DFLAVOUR=<this package's flavour>
 cmake_minimum_required(VERSION 3.25)
-file(REMOVE_RECURSE "${WORK_DIR}")
-set(prefix "${WORK_DIR}/prefix")
-execute_process(COMMAND ${CMAKE_COMMAND} --install "${BUILD_DIR}" --prefix "${prefix}" --config "${CONFIG}"
-                RESULT_VARIABLE rc OUTPUT_QUIET)
-if(NOT rc EQUAL 0)
-  message(FATAL_ERROR "installing the package failed (${rc})")
-endif()
+include(${CMAKE_CURRENT_LIST_DIR}/InstallPackage.cmake)
 execute_process(COMMAND ${CMAKE_COMMAND} -S "${SOURCE_DIR}/tests/package/flavour" -B "${WORK_DIR}/host"
                         -G "${GENERATOR}" "-DCMAKE_TOOLCHAIN_FILE=${OTHER_TOOLCHAIN}" "-DCMAKE_PREFIX_PATH=${prefix}"
                 RESULT_VARIABLE rc OUTPUT_VARIABLE out ERROR_VARIABLE out)
