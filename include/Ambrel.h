@@ -29,7 +29,12 @@
 #endif
 
 #include <windows.h>
+// mingw-w64's <delayimp.h> has no include guard: a host that included it
+// before this header must not get it twice (with mingw-w64, include it before
+// Ambrel.h or not at all; Visual Studio's may come in any order).
+#if !defined(_DELAY_IMP_VER)
 #include <delayimp.h>
+#endif
 
 #include <cstddef>
 #include <string>
