@@ -82,7 +82,8 @@ if(AMBREL_SHIPPED_RUNTIME_DLLS)
 endif()
 # Signed copies over every installed image when a certificate is given.
 include(${CMAKE_CURRENT_LIST_DIR}/AmbrelSigning.cmake)
-ambrel_sign_on_install(TARGETS Ambrel ambrel_diagnose FILES ${AMBREL_SHIPPED_RUNTIME_DLLS})
+ambrel_sign_on_install(TARGETS Ambrel COMPONENT ambrel_library)
+ambrel_sign_on_install(TARGETS ambrel_diagnose FILES ${AMBREL_SHIPPED_RUNTIME_DLLS})
 # The package's flavour, named in its file name and checked by its CMake
 # package against the host's compiler.
 if(MSVC)
