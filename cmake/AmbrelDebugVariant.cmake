@@ -4,11 +4,15 @@
 # toolchain; installing this tree installs that one's ambrel_library
 # component too (Ambreld.dll, Ambreld.lib, Ambreld.pdb and
 # AmbrelTargets-debug.cmake), so the package holds both configurations.
+# Sets AMBREL_DEBUG_VARIANT_IMAGES, the images it adds, which the package's
+# signing signs with the rest.
 option(AMBREL_DEBUG_VARIANT "MSVC: build and package the Debug variant Ambreld.dll beside Ambrel.dll" ${PROJECT_IS_TOP_LEVEL})
+set(AMBREL_DEBUG_VARIANT_IMAGES "")
 if(NOT MSVC OR NOT AMBREL_DEBUG_VARIANT OR CMAKE_CONFIGURATION_TYPES OR CMAKE_BUILD_TYPE STREQUAL "Debug")
   return()
 endif()
 set(AMBREL_DEBUG_VARIANT_DIR ${PROJECT_BINARY_DIR}/debug-variant)
+set(AMBREL_DEBUG_VARIANT_IMAGES ${AMBREL_DEBUG_VARIANT_DIR}/bin/Ambreld.dll)
 add_custom_command(OUTPUT ${AMBREL_DEBUG_VARIANT_DIR}/CMakeCache.txt
   COMMAND ${CMAKE_COMMAND} -S ${PROJECT_SOURCE_DIR} -B ${AMBREL_DEBUG_VARIANT_DIR} -G ${CMAKE_GENERATOR}
           -DCMAKE_TOOLCHAIN_FILE=${CMAKE_TOOLCHAIN_FILE} -DCMAKE_BUILD_TYPE=Debug

@@ -80,10 +80,6 @@ install(TARGETS ambrel_diagnose RUNTIME DESTINATION ${AMBREL_INSTALL_BINDIR})
 if(AMBREL_SHIPPED_RUNTIME_DLLS)
   install(FILES ${AMBREL_SHIPPED_RUNTIME_DLLS} DESTINATION ${AMBREL_INSTALL_BINDIR})
 endif()
-# Signed copies over every installed image when a certificate is given.
-include(${CMAKE_CURRENT_LIST_DIR}/AmbrelSigning.cmake)
-ambrel_sign_on_install(TARGETS Ambrel COMPONENT ambrel_library)
-ambrel_sign_on_install(TARGETS ambrel_diagnose FILES ${AMBREL_SHIPPED_RUNTIME_DLLS})
 # The package's flavour, named in its file name and checked by its CMake
 # package against the host's compiler.
 if(MSVC)
@@ -131,6 +127,11 @@ install(FILES ${PROJECT_BINARY_DIR}/cmake-package/AmbrelConfig.cmake ${PROJECT_B
 # single-config release tree builds it in a Debug tree of its own
 # (debug-variant/, the library alone) and installs it with its own files.
 include(${CMAKE_CURRENT_LIST_DIR}/AmbrelDebugVariant.cmake)
+
+# Signed copies over every installed image when a certificate is given, the
+# Debug variant's included: after every image's install rule.
+include(${CMAKE_CURRENT_LIST_DIR}/AmbrelSigning.cmake)
+ambrel_sign_on_install(TARGETS Ambrel ambrel_diagnose FILES ${AMBREL_SHIPPED_RUNTIME_DLLS} ${AMBREL_DEBUG_VARIANT_IMAGES})
 
 # cpack: a ZIP of the same tree.
 set(CPACK_GENERATOR ZIP)

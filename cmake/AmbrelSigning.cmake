@@ -46,16 +46,12 @@ else()
   message(STATUS "Code signing: no key given (AMBREL_SIGN_PFX or AMBREL_SIGN_PKCS11_MODULE): install and cpack sign nothing")
 endif()
 
-# ambrel_sign_on_install(TARGETS <target>... FILES <file>... [COMPONENT <component>])
+# ambrel_sign_on_install(TARGETS <target>... FILES <file>...)
 # After the images' install rules (all into bin/): replaces each installed
 # image by a signed copy of the build tree's, when a certificate is given at
-# install time; as part of the images' install component, where they have one.
+# install time.
 function(ambrel_sign_on_install)
-  cmake_parse_arguments(ARG "" "COMPONENT" "TARGETS;FILES" ${ARGN})
-  set(component "")
-  if(ARG_COMPONENT)
-    set(component COMPONENT ${ARG_COMPONENT})
-  endif()
+  cmake_parse_arguments(ARG "" "" "TARGETS;FILES" ${ARGN})
   set(images "")
   foreach(target IN LISTS ARG_TARGETS)
     list(APPEND images "$<TARGET_FILE:${target}>|${AMBREL_INSTALL_BINDIR}/$<TARGET_FILE_NAME:${target}>")
@@ -78,5 +74,5 @@ function(ambrel_sign_on_install)
     set(AMBREL_SIGN_PKCS11_ENGINE \"${AMBREL_SIGN_PKCS11_ENGINE}\")
     set(AMBREL_SIGN_DESCRIPTION \"${PROJECT_NAME} ${PROJECT_VERSION}\")
     include(\"${PROJECT_SOURCE_DIR}/cmake/AmbrelSignImages.cmake\")
-  " ${component})
+  ")
 endfunction()
