@@ -3,8 +3,8 @@
 # instead, made in AMBREL_MSVC_RUNTIME/lib beside the release pieces:
 #   import libraries named after Visual C++'s debug runtime DLLs (msvcp140d,
 #   vcruntime140d, vcruntime140_1d, ucrtbased, ...), made from the release
-#   DLLs' export lists plus the debug-only entry points of ucrtbased that the
-#   STL and the C runtime headers call under _DEBUG;
+#   DLLs' export lists plus the debug-only entry points of ucrtbased and
+#   msvcp140d that the STL and the C runtime headers call under _DEBUG;
 #   ambrel_msvc_runtime_debug.lib and ambrel_msvc_stl_debug.lib: the start-up
 #   unit and the STL sources compiled with /MDd (the STL records the runtime
 #   and iterator level in every object, and the linker refuses a mix).
@@ -17,6 +17,9 @@ set(_rt_debug_names
 # the debug STL and CRT headers reach.
 set(_rt_ucrtbased_extra _CrtDbgReport _CrtDbgReportW _invalid_parameter _malloc_dbg _calloc_dbg _realloc_dbg
     _free_dbg _msize_dbg _CrtSetReportMode _CrtSetReportFile _CrtSetDbgFlag _CrtIsValidHeapPointer)
+# Debug-only exports of msvcp140d.dll the debug STL headers import: the
+# operator new and delete of std::_Crt_new_delete (facets and other CRT blocks).
+set(_rt_msvcp140d_extra "??2_Crt_new_delete@std@@SAPEAX_K@Z" "??3_Crt_new_delete@std@@SAXPEAX@Z")
 foreach(pair IN LISTS _rt_debug_names)
   string(REPLACE "=" ";" pair "${pair}")
   list(GET pair 0 release)
@@ -26,10 +29,15 @@ foreach(pair IN LISTS _rt_debug_names)
     file(READ "${_rt_lib}/${release}.def" def)
     string(REPLACE "LIBRARY ${release}.dll\n" "LIBRARY ${debug}.dll\n" def "${def}")
     if(release STREQUAL "ucrtbase")
-      foreach(extra IN LISTS _rt_ucrtbased_extra)
-        string(APPEND def "  \"${extra}\"\n")
-      endforeach()
+      set(extras ${_rt_ucrtbased_extra})
+    elseif(release STREQUAL "msvcp140")
+      set(extras ${_rt_msvcp140d_extra})
+    else()
+      set(extras "")
     endif()
+    foreach(extra IN LISTS extras)
+      string(APPEND def "  \"${extra}\"\n")
+    endforeach()
     file(WRITE "${_rt_lib}/${debug}.def" "${def}")
     execute_process(COMMAND /usr/bin/llvm-dlltool-16 -m i386:x86-64 -d "${_rt_lib}/${debug}.def" -l "${_rt_lib}/${debug}.lib"
                     RESULT_VARIABLE _rc)
