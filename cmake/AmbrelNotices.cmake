@@ -92,7 +92,8 @@ if(NOT _ambrel_notice_failed AND _ambrel_notice_count GREATER 0)
     set(flavour mingw)
   endif()
   set(contents "Ambrel ${PROJECT_VERSION} (${flavour} package): third-party notices\n\n")
-  string(APPEND contents "Ambrel.dll and ambrel-diagnose.exe are Tavrel's own work. The package also\n"
+  string(APPEND contents "The images Ambrel builds (Ambrel.dll, Ambreld.dll where the package has it,\n"
+    "ambrel-diagnose.exe) are Tavrel's own work. The package also\n"
     "ships, or has linked into those images, the third-party pieces below, each\n"
     "under its own licence; their licence texts follow in full, then the general\n"
     "licences those texts refer to.\n\nContents\n\n")
