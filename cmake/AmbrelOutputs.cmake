@@ -9,7 +9,8 @@
 # a target that names its own output folder keeps it. Each program and DLL is
 # also linked again when a start-up archive the toolchain links into every
 # image changes (AMBREL_LINKED_INTO_EVERY_IMAGE: the MSVC-ABI test build's
-# runtime, remade at configure time and otherwise unseen by the generator).
+# runtime, remade by toolchains/msvc-wine/MakeRuntime.cmake and otherwise
+# unseen by the generator).
 # Call it once, after the last target is defined.
 function(ambrel_place_outputs directory)
   get_property(targets DIRECTORY ${directory} PROPERTY BUILDSYSTEM_TARGETS)

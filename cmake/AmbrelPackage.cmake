@@ -4,7 +4,8 @@
 #   look at a machine,
 #   bin/ the shared C++ runtime DLLs of the mingw-w64 build,
 #   lib/ import library, include/Ambrel.h,
-#   lib/cmake/Ambrel/ package files (find_package(Ambrel CONFIG), Ambrel::Ambrel).
+#   lib/cmake/Ambrel/ package files (find_package(Ambrel CONFIG), Ambrel::Ambrel),
+#   THIRD-PARTY-NOTICES.txt, the licences of what it ships or links in.
 include(CMakePackageConfigHelpers)
 include(${CMAKE_CURRENT_LIST_DIR}/AmbrelDebugInfo.cmake)
 
@@ -60,6 +61,17 @@ if(TARGET ambrel_diagnose_sandboxed)
     "Ambrel support tool, test build (registry sandbox)" ${PROJECT_SOURCE_DIR}/resources/ambrel-diagnose.manifest.in)
 endif()
 
+# The package's flavour, named in its file name and checked by its CMake
+# package against the host's compiler.
+if(MSVC)
+  set(AMBREL_FLAVOUR msvc)
+  set(AMBREL_FLAVOUR_COMPILERS "MSVC|Clang")
+  set(AMBREL_FLAVOUR_TEXT "the MSVC ABI (Microsoft's STL, /MD)")
+else()
+  set(AMBREL_FLAVOUR mingw)
+  set(AMBREL_FLAVOUR_COMPILERS "GNU|Clang")
+  set(AMBREL_FLAVOUR_TEXT "mingw-w64 (GCC 12's libstdc++-6.dll, shipped beside Ambrel.dll)")
+endif()
 set(AMBREL_RUNTIME_NAMES "")
 foreach(runtime_dll IN LISTS AMBREL_RUNTIME_DLLS)
   get_filename_component(runtime_name ${runtime_dll} NAME)
@@ -71,11 +83,18 @@ endforeach()
 # add_subdirectory installs and packs what it chooses, and gets no
 # CPackConfig.cmake of ours.
 if(AMBREL_INSTALL)
+  # Component ambrel_library: the DLL, its import library, its PDB and the
+  # targets file, all a second configuration's tree adds to a package.
   install(TARGETS Ambrel EXPORT AmbrelTargets
-    RUNTIME DESTINATION ${AMBREL_INSTALL_BINDIR}
-    LIBRARY DESTINATION ${AMBREL_INSTALL_BINDIR}
-    ARCHIVE DESTINATION ${AMBREL_INSTALL_LIBDIR})
+    RUNTIME DESTINATION ${AMBREL_INSTALL_BINDIR} COMPONENT ambrel_library
+    LIBRARY DESTINATION ${AMBREL_INSTALL_BINDIR} COMPONENT ambrel_library
+    ARCHIVE DESTINATION ${AMBREL_INSTALL_LIBDIR} COMPONENT ambrel_library)
   install(FILES ${PROJECT_SOURCE_DIR}/include/Ambrel.h DESTINATION ${AMBREL_INSTALL_INCLUDEDIR})
+  # The licence texts of the third-party pieces, at the package's top.
+  include(${CMAKE_CURRENT_LIST_DIR}/AmbrelNotices.cmake)
+  if(AMBREL_NOTICES_FILE)
+    install(FILES ${AMBREL_NOTICES_FILE} DESTINATION .)
+  endif()
   install(TARGETS ambrel_diagnose RUNTIME DESTINATION ${AMBREL_INSTALL_BINDIR})
   # The shared C++ runtime the library and its host share (mingw-w64 only; an
   # MSVC host ships Microsoft's redistributable runtime as it always does), as
@@ -83,18 +102,15 @@ if(AMBREL_INSTALL)
   if(AMBREL_SHIPPED_RUNTIME_DLLS)
     install(FILES ${AMBREL_SHIPPED_RUNTIME_DLLS} DESTINATION ${AMBREL_INSTALL_BINDIR})
   endif()
-  # Signed copies over every installed image when a certificate is given.
-  include(${CMAKE_CURRENT_LIST_DIR}/AmbrelSigning.cmake)
-  ambrel_sign_on_install(TARGETS Ambrel ambrel_diagnose FILES ${AMBREL_SHIPPED_RUNTIME_DLLS})
 
   if(AMBREL_PDB_FILE)
-    install(FILES "${AMBREL_PDB_FILE}" DESTINATION ${AMBREL_INSTALL_BINDIR} OPTIONAL)
+    install(FILES "${AMBREL_PDB_FILE}" DESTINATION ${AMBREL_INSTALL_BINDIR} OPTIONAL COMPONENT ambrel_library)
   endif()
   if(AMBREL_DIAGNOSE_PDB_FILE)
     install(FILES "${AMBREL_DIAGNOSE_PDB_FILE}" DESTINATION ${AMBREL_INSTALL_BINDIR} OPTIONAL)
   endif()
 
-  install(EXPORT AmbrelTargets NAMESPACE Ambrel:: DESTINATION ${AMBREL_INSTALL_CMAKEDIR})
+  install(EXPORT AmbrelTargets NAMESPACE Ambrel:: DESTINATION ${AMBREL_INSTALL_CMAKEDIR} COMPONENT ambrel_library)
   if(NOT MSVC)
     # mingw-w64 hosts: delay-import libraries that __FUnloadDelayLoadedDLL2 can
     # unload from (dlltool's cannot); the package configuration includes it.
@@ -111,6 +127,18 @@ if(AMBREL_INSTALL)
   install(FILES ${PROJECT_BINARY_DIR}/cmake-package/AmbrelConfig.cmake ${PROJECT_BINARY_DIR}/cmake-package/AmbrelConfigVersion.cmake
     DESTINATION ${AMBREL_INSTALL_CMAKEDIR})
 
+  # The MSVC package's Debug variant (Ambreld.dll: /MDd, _DEBUG,
+  # _ITERATOR_DEBUG_LEVEL=2). A multi-config generator (Visual Studio) builds it
+  # as this tree's Debug configuration: install that configuration too. A
+  # single-config release tree builds it in a Debug tree of its own
+  # (debug-variant/, the library alone) and installs it with its own files.
+  include(${CMAKE_CURRENT_LIST_DIR}/AmbrelDebugVariant.cmake)
+
+  # Signed copies over every installed image when a certificate is given, the
+  # Debug variant's included: after every image's install rule.
+  include(${CMAKE_CURRENT_LIST_DIR}/AmbrelSigning.cmake)
+  ambrel_sign_on_install(TARGETS Ambrel ambrel_diagnose FILES ${AMBREL_SHIPPED_RUNTIME_DLLS} ${AMBREL_DEBUG_VARIANT_IMAGES})
+
   # cpack: a ZIP of the same tree.
   set(CPACK_GENERATOR ZIP)
   set(CPACK_PACKAGE_NAME Ambrel)
@@ -118,6 +146,7 @@ if(AMBREL_INSTALL)
   set(CPACK_PACKAGE_VERSION ${PROJECT_VERSION})
   set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "${PROJECT_DESCRIPTION}")
   set(CPACK_SYSTEM_NAME win64)
+  set(CPACK_PACKAGE_FILE_NAME "Ambrel-${PROJECT_VERSION}-win64-${AMBREL_FLAVOUR}")
   set(CPACK_PACKAGE_DIRECTORY ${PROJECT_BINARY_DIR}/package)
   include(CPack)
 endif()

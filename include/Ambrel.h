@@ -22,8 +22,19 @@
 // for GetProcAddress.
 #pragma once
 
+// The exports report failures as C++ exceptions: a host compiled without them
+// (/EHs-, -fno-exceptions) could neither catch them nor unwind through them.
+#if !defined(__cpp_exceptions) && !defined(_CPPUNWIND)
+#error "Ambrel.h: the host is compiled without C++ exceptions; Ambrel.dll's exports throw them: build it with /EHsc (MSVC) or without -fno-exceptions"
+#endif
+
 #include <windows.h>
+// mingw-w64's <delayimp.h> has no include guard: a host that included it
+// before this header must not get it twice (with mingw-w64, include it before
+// Ambrel.h or not at all; Visual Studio's may come in any order).
+#if !defined(_DELAY_IMP_VER)
 #include <delayimp.h>
+#endif
 
 #include <cstddef>
 #include <string>
@@ -36,15 +47,25 @@
 #error "Ambrel.h: the host uses libc++; Ambrel.dll is built with Microsoft's STL (MSVC) or GCC's libstdc++ (mingw-w64)"
 #elif defined(_MSC_VER) && !defined(__GLIBCXX__)
 #if !defined(_DLL)
-#error "Ambrel.h: build the host with the shared C++ runtime (/MD): Ambrel.dll shares its heap and its standard types with the host"
+#error "Ambrel.h: build the host with the shared C++ runtime (/MD, or /MDd in Debug): Ambrel.dll shares its heap and its standard types with the host"
 #endif
-// The package's iterator debug level (0: a release build, which is what the
-// package ships); its CMake package states it for its own build.
+// Which of the package's two DLLs the host links, by the iterator debug level
+// it was built with: 0, Ambrel.dll (/MD); 2, Ambreld.dll (/MDd, _DEBUG). The
+// CMake package states it per configuration; without it, the host's own
+// runtime decides (a Debug host links Ambreld.lib, any other Ambrel.lib).
 #if !defined(AMBREL_ITERATOR_DEBUG_LEVEL)
+#if defined(_DEBUG)
+#define AMBREL_ITERATOR_DEBUG_LEVEL 2
+#else
 #define AMBREL_ITERATOR_DEBUG_LEVEL 0
 #endif
-#if _ITERATOR_DEBUG_LEVEL != AMBREL_ITERATOR_DEBUG_LEVEL
-#error "Ambrel.h: the host's _ITERATOR_DEBUG_LEVEL differs from Ambrel.dll's, so std::wstring's layout differs: a Debug host builds with /MD and _ITERATOR_DEBUG_LEVEL=0 (see README)"
+#endif
+#if AMBREL_ITERATOR_DEBUG_LEVEL == 0 && defined(_DEBUG)
+#error "Ambrel.h: the host builds with the debug runtime (/MDd, _DEBUG) but links the release Ambrel.dll, whose heap and std::wstring differ: link Ambreld.lib (the package's Debug configuration), or build this configuration with /MD"
+#elif AMBREL_ITERATOR_DEBUG_LEVEL == 2 && !defined(_DEBUG)
+#error "Ambrel.h: the host builds with the release runtime (/MD) but links the debug Ambreld.dll, whose heap and std::wstring differ: link Ambrel.lib (the package's Release configurations), or build this configuration with /MDd"
+#elif _ITERATOR_DEBUG_LEVEL != AMBREL_ITERATOR_DEBUG_LEVEL
+#error "Ambrel.h: the host's _ITERATOR_DEBUG_LEVEL differs from the Ambrel DLL it links (Ambrel.dll: 0, Ambreld.dll: 2), so std::wstring's layout differs: leave _ITERATOR_DEBUG_LEVEL at the runtime's default"
 #endif
 #elif defined(__GLIBCXX__)
 #if _GLIBCXX_RELEASE != 12
@@ -232,6 +253,15 @@ class AMBREL_API OSxMisc {
   // Loads and unloads dbghelp.dll on each call: never from two threads at once.
   // dbghelp.dll is loaded by its bare name, so the application's folder is
   // searched first.
+  //
+  // Hazard, the host's own Debug Help session: each call ends with
+  // SymCleanup(GetCurrentProcess()), which tears down every session of the
+  // process under that handle, the host's included (a crash reporter,
+  // std::stacktrace, a profiler that called SymInitialize(GetCurrentProcess(),
+  // ...)); the host's next SymFromAddr then fails with ERROR_INVALID_HANDLE.
+  // Such a host opens its session under a handle of its own (DuplicateHandle of
+  // the process, as Microsoft advises), keeps none open across the call, or
+  // calls SymInitialize again after it.
   static bool GetCallStack(std::wstring& text);
 };
 

@@ -16,6 +16,7 @@
 #include <optional>
 #include <stdexcept>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "Ambrel.h"
@@ -34,6 +35,14 @@ std::string Narrow(const std::wstring& text) {
   std::string out;
   for (const wchar_t c : text) out += c < 0x80 ? static_cast<char>(c) : '?';
   return out;
+}
+
+// The host compiles as C++17 too: no std::wstring::starts_with there.
+bool StartsWith(const std::wstring& text, std::wstring_view prefix) {
+  return text.compare(0, prefix.size(), prefix) == 0;
+}
+bool EndsWith(const std::wstring& text, std::wstring_view suffix) {
+  return text.size() >= suffix.size() && text.compare(text.size() - suffix.size(), suffix.size(), suffix) == 0;
 }
 
 std::vector<std::wstring> Lines(const std::wstring& text) {
@@ -166,15 +175,15 @@ void CallStackStartsAtTheLibraryThenTheHost(bool ambrelPdbExpected) {
         "line 2 is the host function that called GetCallStack");
   if (ambrelPdbExpected) {
     // Named with file and line from the Ambrel.pdb shipped beside the DLL.
-    Check(lines[0].starts_with(L"ambrel! OSxMisc::GetCallStack [") && lines[0].find(L"CallStack.cpp @ ") != std::wstring::npos,
+    Check(StartsWith(lines[0], L"ambrel! OSxMisc::GetCallStack [") && lines[0].find(L"CallStack.cpp @ ") != std::wstring::npos,
           "line 1 is OSxMisc::GetCallStack with CallStack.cpp and a line");
   } else {
-    Check(lines[0].ends_with(L"! _NA_\t[NULL]\t"), "without Ambrel.pdb, the library's frame is _NA_ and [NULL]");
+    Check(EndsWith(lines[0], L"! _NA_\t[NULL]\t"), "without Ambrel.pdb, the library's frame is _NA_ and [NULL]");
   }
   // The host's own frames are named from consumer_host's own PDB.
   bool mainNamed = false;
   for (const auto& frame : FramesOf(stack, L"consumer_host"))
-    mainNamed |= frame.starts_with(L"consumer_host! main [") && frame.find(L"Host.cpp @ ") != std::wstring::npos;
+    mainNamed |= StartsWith(frame, L"consumer_host! main [") && frame.find(L"Host.cpp @ ") != std::wstring::npos;
   Check(mainNamed, "the host's main is named with file and line");
   // `stack` was filled by the library and is freed here by the host.
 }

@@ -15,6 +15,9 @@
 #include "Ambrel.h"
 #include "tests/support/TestSupport.h"
 
+// After <windows.h> (through Ambrel.h): the host-session tests call Debug Help themselves.
+#include <dbghelp.h>
+
 namespace ambrel {
 namespace {
 
@@ -364,6 +367,80 @@ TEST(CallStack, WithoutThePdbEachLineStillNamesItsModule) {
   size_t namedLibraryFrames = 0;
   while (namedLibraryFrames < named.size() && IsModule(named[namedLibraryFrames], L"Ambrel")) ++namedLibraryFrames;
   EXPECT_EQ(libraryFrames, namedLibraryFrames);
+}
+
+// ---- a host's own Debug Help session ----
+
+// The host's side of Debug Help: dbghelp.dll loaded by the host itself (the
+// library's bare-name load then finds the same module) and the three calls a
+// crash reporter makes.
+class HostDebugHelpSession : public ::testing::Test {
+ protected:
+  using SymInitializeWFn = BOOL(WINAPI*)(HANDLE, PCWSTR, BOOL);
+  using SymCleanupFn = BOOL(WINAPI*)(HANDLE);
+  using SymFromAddrWFn = BOOL(WINAPI*)(HANDLE, DWORD64, DWORD64*, SYMBOL_INFOW*);
+
+  void SetUp() override {
+    ASSERT_NE(dbghelp, nullptr);
+    symInitialize = reinterpret_cast<SymInitializeWFn>(::GetProcAddress(dbghelp, "SymInitializeW"));
+    symCleanup = reinterpret_cast<SymCleanupFn>(::GetProcAddress(dbghelp, "SymCleanup"));
+    symFromAddr = reinterpret_cast<SymFromAddrWFn>(::GetProcAddress(dbghelp, "SymFromAddrW"));
+    ASSERT_TRUE(symInitialize && symCleanup && symFromAddr);
+  }
+  void TearDown() override {
+    if (dbghelp != nullptr) ::FreeLibrary(dbghelp);
+  }
+
+  // Names an exported function of kernel32 in the session of process; the
+  // error code of the failure otherwise.
+  DWORD NameKernelFunction(HANDLE process) {
+    const auto address = reinterpret_cast<DWORD64>(::GetProcAddress(::GetModuleHandleW(L"kernel32.dll"), "GetTickCount"));
+    alignas(SYMBOL_INFOW) unsigned char buffer[sizeof(SYMBOL_INFOW) + 2 * 2000] = {};
+    auto* symbol = reinterpret_cast<SYMBOL_INFOW*>(buffer);
+    symbol->SizeOfStruct = sizeof(SYMBOL_INFOW);
+    symbol->MaxNameLen = 2000;
+    DWORD64 displacement = 0;
+    if (!symFromAddr(process, address, &displacement, symbol)) return ::GetLastError();
+    EXPECT_THAT(test::Narrow(symbol->Name), HasSubstr("GetTickCount"));
+    return ERROR_SUCCESS;
+  }
+
+  HMODULE dbghelp = ::LoadLibraryW(L"dbghelp.dll");
+  SymInitializeWFn symInitialize = nullptr;
+  SymCleanupFn symCleanup = nullptr;
+  SymFromAddrWFn symFromAddr = nullptr;
+};
+
+// Each capture ends with SymCleanup(GetCurrentProcess()): a session the host
+// opened under that same handle is torn down with it, and the host's next
+// lookup fails with ERROR_INVALID_HANDLE.
+// The library is loaded before the host's session starts, as a host's
+// imported Ambrel.dll is: a session that predates the library's module does
+// not know it, and the capture's walk then fails at its first frame.
+TEST_F(HostDebugHelpSession, UnderTheProcessHandleIsGoneAfterTheCall) {
+  LibraryCopy library;
+  ASSERT_TRUE(symInitialize(::GetCurrentProcess(), nullptr, TRUE));
+  ASSERT_EQ(NameKernelFunction(::GetCurrentProcess()), static_cast<DWORD>(ERROR_SUCCESS));
+  ASSERT_FALSE(CaptureThrough(library).empty());
+  EXPECT_EQ(NameKernelFunction(::GetCurrentProcess()), static_cast<DWORD>(ERROR_INVALID_HANDLE));
+  // Initialised again after the call, the host's session works as before.
+  ASSERT_TRUE(symInitialize(::GetCurrentProcess(), nullptr, TRUE));
+  EXPECT_EQ(NameKernelFunction(::GetCurrentProcess()), static_cast<DWORD>(ERROR_SUCCESS));
+  symCleanup(::GetCurrentProcess());
+}
+
+// A session under a handle of the host's own (Microsoft's advice for
+// SymInitialize) is not the library's to clean up: it survives the call.
+TEST_F(HostDebugHelpSession, UnderAHandleOfItsOwnSurvivesTheCall) {
+  LibraryCopy library;
+  HANDLE own = nullptr;
+  ASSERT_TRUE(::DuplicateHandle(::GetCurrentProcess(), ::GetCurrentProcess(), ::GetCurrentProcess(), &own, 0, FALSE,
+                                DUPLICATE_SAME_ACCESS));
+  ASSERT_TRUE(symInitialize(own, nullptr, TRUE));
+  ASSERT_FALSE(CaptureThrough(library).empty());
+  EXPECT_EQ(NameKernelFunction(own), static_cast<DWORD>(ERROR_SUCCESS));
+  symCleanup(own);
+  ::CloseHandle(own);
 }
 
 // ---- without the Debug Help library ----

@@ -20,7 +20,7 @@
 #      file, and steps 2 and 4 verify that package;
 #   7. AMBREL_REQUIRE_TIMESTAMP=ON without a time-stamp server fails the install.
 #   -DBUILD_DIR -DWORK_DIR -DCONFIG -DPKI -DOSSLSIGNCODE -DREADOBJ -DPDBUTIL
-#   -DEMULATOR -DTEST_PROGRAM -DRUNTIME_NAMES ('|'-separated)
+#   -DEMULATOR -DTEST_PROGRAM -DRUNTIME_NAMES ('|'-separated) [-DDEBUG_VARIANT=ON: Ambreld.dll, signed too]
 #   -DSOFTHSM_UTIL -DSOFTHSM_MODULE (softhsm2-util and libsofthsm2.so)
 cmake_minimum_required(VERSION 3.25)
 foreach(var BUILD_DIR WORK_DIR CONFIG PKI OSSLSIGNCODE READOBJ PDBUTIL TEST_PROGRAM SOFTHSM_UTIL SOFTHSM_MODULE)
@@ -32,6 +32,9 @@ file(REMOVE_RECURSE "${WORK_DIR}")
 string(REPLACE "|" ";" RUNTIME_NAMES "${RUNTIME_NAMES}")
 # The images with a PDB, and every image the package ships.
 set(pdb_images Ambrel.dll ambrel-diagnose.exe)
+if(DEBUG_VARIANT)
+  list(APPEND pdb_images Ambreld.dll)
+endif()
 set(images ${pdb_images} ${RUNTIME_NAMES})
 set(password ambrel-test-only)
 set(sign_env "AMBREL_SIGN_PFX=${PKI}/package_signing.pfx" "AMBREL_SIGN_PASSWORD=${password}"

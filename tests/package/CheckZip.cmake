@@ -1,6 +1,7 @@
 # cmake -P script run by CTest: makes the ZIP with cpack into a scratch folder
 # of the build tree and checks that it holds the installed layout.
 #   -DBUILD_DIR -DWORK_DIR -DCONFIG -DEXPECTED=<paths inside the package folder, separated by "|">
+#   -DFLAVOUR=<msvc|mingw: the ZIP's name ends with it>
 cmake_minimum_required(VERSION 3.25)
 string(REPLACE "|" ";" EXPECTED "${EXPECTED}")
 file(REMOVE_RECURSE "${WORK_DIR}")
@@ -19,6 +20,10 @@ if(NOT rc EQUAL 0)
   message(FATAL_ERROR "cannot list ${zip}")
 endif()
 message(STATUS "${zip}:\n${listing}")
+get_filename_component(zip_name "${zip}" NAME)
+if(NOT zip_name MATCHES "^Ambrel-[0-9]+\\.[0-9]+\\.[0-9]+-win64-${FLAVOUR}\\.zip$")
+  message(FATAL_ERROR "the ZIP is named ${zip_name}, not Ambrel-<version>-win64-${FLAVOUR}.zip")
+endif()
 string(REPLACE "\n" ";" entries "${listing}")
 get_filename_component(top "${zip}" NAME)
 string(REGEX REPLACE "\\.zip$" "" top "${top}")

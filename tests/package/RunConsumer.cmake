@@ -7,6 +7,11 @@
 #   -DBUILD_DIR -DSOURCE_DIR -DWORK_DIR -DGENERATOR -DTOOLCHAIN_FILE -DCONFIG -DEMULATOR
 #   -DRUNTIME_NAMES=the shared C++ runtime DLLs bin/ must hold ('|'-separated; empty for MSVC)
 #   [-DMSVC_RUNTIME=ON: the images may import Microsoft's redistributable runtime DLLs]
+#   [-DNM=llvm-nm -DMINGW_LIB_DIR=<mingw-w64's import libraries>: check the Debug variant's
+#    runtime imports against Microsoft's export lists]
+#   [-DDEBUG_VARIANT=ON: the package holds Ambreld.dll too, which imports the debug
+#    runtime DLLs; a Debug host is then configured and built against it too (not run:
+#    Wine has no debug runtime)]
 #   [-DREADOBJ=llvm-readobj: also check that the installed DLL names its PDB by file name only,
 #    and what the shipped images import]
 cmake_minimum_required(VERSION 3.25)
@@ -90,6 +95,9 @@ endif()
 # bin/ of the package: the library, the support tool, their PDBs and the
 # shared C++ runtime, nothing else.
 set(expected_bin Ambrel.dll ambrel-diagnose.exe ${RUNTIME_NAMES})
+if(DEBUG_VARIANT)
+  list(APPEND expected_bin Ambreld.dll Ambreld.pdb)
+endif()
 foreach(pdb Ambrel.pdb ambrel-diagnose.pdb)
   if(EXISTS "${prefix}/bin/${pdb}")
     list(APPEND expected_bin ${pdb})
@@ -180,6 +188,73 @@ if(READOBJ)
     endif()
     message(STATUS "${image} imports: ${direct}")
   endforeach()
+endif()
+
+# The Debug variant imports the debug runtime DLLs and none of the release
+# ones, and a Debug host configured and built against the package links it.
+if(DEBUG_VARIANT AND READOBJ)
+  imports_of("${prefix}/bin/Ambreld.dll" debug_imports)
+  message(STATUS "Ambreld.dll imports: ${debug_imports}")
+  foreach(name msvcp140d.dll vcruntime140d.dll ucrtbased.dll)
+    if(NOT name IN_LIST debug_imports)
+      message(FATAL_ERROR "Ambreld.dll does not import ${name}")
+    endif()
+  endforeach()
+  foreach(name IN LISTS debug_imports)
+    if(NOT name IN_LIST system_dlls AND NOT name MATCHES "^(msvcp140d|msvcp140_[12]d|msvcp140d_atomic_wait|vcruntime140d|vcruntime140_1d|ucrtbased)\\.dll$")
+      message(FATAL_ERROR "Ambreld.dll imports ${name}, neither a system DLL nor a debug runtime DLL")
+    endif()
+  endforeach()
+  # The functions it takes from ucrtbased and vcruntime140d are in
+  # Microsoft's export lists of the release DLLs, as mingw-w64's import
+  # libraries carry them, or are the debug CRT's own entry points; mingw-w64
+  # has no list for msvcp140d.
+  if(NM AND MINGW_LIB_DIR)
+    execute_process(COMMAND "${READOBJ}" --coff-imports "${prefix}/bin/Ambreld.dll" OUTPUT_VARIABLE listing)
+    string(REGEX MATCHALL "Import {\n  Name: [^\n]+\n[^}]*}" blocks "${listing}")
+    foreach(pair "ucrtbased.dll=libucrtbase.a" "vcruntime140d.dll=libvcruntime140_app.a")
+      string(REPLACE "=" ";" pair "${pair}")
+      list(GET pair 0 dll)
+      list(GET pair 1 archive)
+      execute_process(COMMAND "${NM}" "${MINGW_LIB_DIR}/${archive}" OUTPUT_VARIABLE symbols ERROR_QUIET)
+      string(REGEX MATCHALL " I __imp_[^\n]+" listed "${symbols}")
+      list(TRANSFORM listed REPLACE "^ I __imp_" "")
+      set(checked 0)
+      foreach(block IN LISTS blocks)
+        if(NOT block MATCHES "Name: ${dll}\n")
+          continue()
+        endif()
+        string(REGEX MATCHALL "Symbol: [^ \n]+" imported "${block}")
+        list(TRANSFORM imported REPLACE "^Symbol: " "")
+        foreach(function IN LISTS imported)
+          if(NOT function IN_LIST listed AND NOT function MATCHES "^(_invalid_parameter|_CrtDbgReportW?|_[a-z]+_dbg)$")
+            message(FATAL_ERROR "Ambreld.dll imports ${function} from ${dll}, in neither Microsoft's list (${archive}) nor the debug CRT's own")
+          endif()
+          math(EXPR checked "${checked} + 1")
+        endforeach()
+      endforeach()
+      message(STATUS "Ambreld.dll: the ${checked} functions it takes from ${dll} are Microsoft's (${archive} or the debug CRT's own)")
+    endforeach()
+  endif()
+  set(debug_build "${WORK_DIR}/build-debug")
+  message(STATUS "== configuring and building the consumer project with CMAKE_BUILD_TYPE=Debug")
+  set(debug_args -S "${SOURCE_DIR}/tests/consumer" -B "${debug_build}" -G "${GENERATOR}"
+      "-DCMAKE_PREFIX_PATH=${prefix}" -DCMAKE_BUILD_TYPE=Debug)
+  if(TOOLCHAIN_FILE)
+    list(APPEND debug_args "-DCMAKE_TOOLCHAIN_FILE=${TOOLCHAIN_FILE}")
+  endif()
+  run(${CMAKE_COMMAND} ${debug_args})
+  run(${CMAKE_COMMAND} --build "${debug_build}" --config Debug)
+  foreach(shipped consumer_host.exe Ambreld.dll Ambreld.pdb)
+    if(NOT EXISTS "${debug_build}/${shipped}")
+      message(FATAL_ERROR "the Debug host's folder lacks ${shipped}")
+    endif()
+  endforeach()
+  imports_of("${debug_build}/consumer_host.exe" host_imports)
+  message(STATUS "the Debug consumer_host.exe imports: ${host_imports}")
+  if(NOT "ambreld.dll" IN_LIST host_imports OR "ambrel.dll" IN_LIST host_imports OR NOT "ucrtbased.dll" IN_LIST host_imports)
+    message(FATAL_ERROR "the Debug host does not link Ambreld.dll and the debug runtime alone")
+  endif()
 endif()
 
 # The host run from a copy of the package's bin/ alone, plus the host itself.

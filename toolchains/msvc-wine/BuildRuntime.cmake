@@ -49,9 +49,10 @@ function(ambrel_msvc_runtime_archive archive flags)
   message(STATUS "msvc-wine: making ${archive}")
   separate_arguments(compile UNIX_COMMAND "${_ambrel_msvc_compile}")
   set(objects "")
+  file(MAKE_DIRECTORY "${_rt_obj}/${archive}")
   foreach(source IN LISTS ARGN)
     get_filename_component(name "${source}" NAME_WE)
-    set(object "${_rt_obj}/${name}.obj")
+    set(object "${_rt_obj}/${archive}/${name}.obj")
     execute_process(COMMAND "${CMAKE_CXX_COMPILER}" ${compile} /nologo /c /std:c++20 /EHsc /MD /O2 /Z7 ${flags}
                             "/Fo${object}" -- "${source}"
                     RESULT_VARIABLE rc ERROR_VARIABLE errors OUTPUT_VARIABLE errors)
@@ -68,18 +69,24 @@ endfunction()
 
 # What the start-up code provides must not call it: no cookie checks, no
 # guard checks, no thread-safe statics of its own.
-ambrel_msvc_runtime_archive(ambrel_msvc_runtime.lib "/GS-;/guard:cf-;/Zc:threadSafeInit-;/W4"
+# (Flags and sources in variables: BuildDebugRuntime.cmake compiles the same
+# with /MDd.)
+set(_rt_startup_flags "/GS-;/guard:cf-;/Zc:threadSafeInit-;/W4")
+set(_rt_startup_sources
   "${AMBREL_MSVC_GLUE}/runtime/Startup.cpp"
   "${AMBREL_MSVC_GLUE}/runtime/StackProbe.cpp"
   "${AMBREL_MSVC_GLUE}/runtime/ProgramEntry.cpp"
   "${AMBREL_MSVC_GLUE}/runtime/WideProgramEntry.cpp"
   "${AMBREL_MSVC_GLUE}/runtime/DefaultDllMain.cpp")
-ambrel_msvc_runtime_archive(ambrel_msvc_stl.lib "/D_ENFORCE_ONLY_CORE_HEADERS;-I${AMBREL_MSVC_STL}/src;/W0"
+set(_rt_stl_flags "/D_ENFORCE_ONLY_CORE_HEADERS;-I${AMBREL_MSVC_STL}/src;/W0")
+set(_rt_stl_sources
   "${AMBREL_MSVC_STL}/src/filesystem.cpp"
   "${AMBREL_MSVC_STL}/src/sharedmutex.cpp"
   "${AMBREL_MSVC_STL}/src/syserror_import_lib.cpp"
   "${AMBREL_MSVC_STL}/src/xcharconv_ryu_tables.cpp"
   "${AMBREL_MSVC_STL}/src/xcharconv_tables_double.cpp"
   "${AMBREL_MSVC_STL}/src/xcharconv_tables_float.cpp")
+ambrel_msvc_runtime_archive(ambrel_msvc_runtime.lib "${_rt_startup_flags}" ${_rt_startup_sources})
+ambrel_msvc_runtime_archive(ambrel_msvc_stl.lib "${_rt_stl_flags}" ${_rt_stl_sources})
 
 ambrel_msvc_runtime_archive(delayimp.lib "/W4" "${AMBREL_MSVC_GLUE}/runtime/DelayLoadHelper.cpp")

@@ -1,6 +1,8 @@
 // Wraps Wine's <stdlib.h>, adding what the Universal CRT's header has and
 // Wine's lacks: quick_exit, at_quick_exit, _wgetenv_s, _wputenv_s,
-// _set_abort_behavior; and
+// _set_abort_behavior; the C++ overloads of abs and div for long and long
+// long (the STL's <cstdlib> counts on them, and without them a call such as
+// std::abs(long) is ambiguous under /permissive-); and
 // atexit and _onexit as the module's own functions (the start-up unit has
 // them, as MSVC's static runtime does), not imports. Test build only.
 #pragma once
@@ -24,5 +26,18 @@ static __inline int __cdecl at_quick_exit(void(__cdecl* function)(void)) { retur
 _ACRTIMP errno_t __cdecl _wgetenv_s(size_t*, wchar_t*, size_t, const wchar_t*);
 _ACRTIMP errno_t __cdecl _wputenv_s(const wchar_t*, const wchar_t*);
 #ifdef __cplusplus
+}
+#endif
+
+#ifdef __cplusplus
+extern "C++" {
+inline long __cdecl abs(long const value) noexcept { return labs(value); }
+inline long long __cdecl abs(long long const value) noexcept { return llabs(value); }
+inline ldiv_t __cdecl div(long const numerator, long const denominator) noexcept {
+  return ldiv(numerator, denominator);
+}
+inline lldiv_t __cdecl div(long long const numerator, long long const denominator) noexcept {
+  return lldiv(numerator, denominator);
+}
 }
 #endif

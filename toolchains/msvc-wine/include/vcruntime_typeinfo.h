@@ -40,6 +40,12 @@ class type_info {
   [[nodiscard]] bool operator==(const type_info& other) const noexcept {
     return __std_type_info_compare(&_Data, &other._Data) == 0;
   }
+#if !_HAS_CXX20
+  // Before C++20 no != is rewritten from ==: <any> and hosts compare with it.
+  [[nodiscard]] bool operator!=(const type_info& other) const noexcept {
+    return __std_type_info_compare(&_Data, &other._Data) != 0;
+  }
+#endif
   [[nodiscard]] bool before(const type_info& other) const noexcept {
     return __std_type_info_compare(&_Data, &other._Data) < 0;
   }
