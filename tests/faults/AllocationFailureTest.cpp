@@ -56,7 +56,11 @@ bool FailThisOne() {
   if (!g_budget.armed) return false;
   if (++g_budget.count != g_budget.failAt) return false;
   g_budget.failed = true;
-  g_failedAtFrames = ::RtlCaptureStackBackTrace(1, 24, g_failedAt, nullptr);
+  // Looked up, since not every SDK's headers declare it.
+  using CaptureFunction = USHORT(WINAPI*)(ULONG, ULONG, PVOID*, PULONG);
+  static const auto capture = reinterpret_cast<CaptureFunction>(
+      reinterpret_cast<void*>(::GetProcAddress(::GetModuleHandleW(L"kernel32.dll"), "RtlCaptureStackBackTrace")));
+  g_failedAtFrames = capture ? capture(1, 24, g_failedAt, nullptr) : 0;
   return true;
 }
 
@@ -104,6 +108,7 @@ std::vector<HeapImporter> HeapImporters() {
 class AllocationPatches {
  public:
   AllocationPatches() {
+    patches_.reserve(16);
     for (const HeapImporter& importer : HeapImporters()) {
       Add(importer, "malloc", reinterpret_cast<void*>(&FailingMalloc), reinterpret_cast<void**>(&g_malloc));
       Add(importer, "realloc", reinterpret_cast<void*>(&FailingRealloc), reinterpret_cast<void**>(&g_realloc));
@@ -115,8 +120,11 @@ class AllocationPatches {
  private:
   void Add(const HeapImporter& importer, const char* function, void* replacement, void** original) {
     try {
-      patches_.push_back(std::make_unique<ImportPatch>(importer.module, importer.dll, function, replacement));
-      if (*original == nullptr) *original = patches_.back()->original();
+      // The original is kept before anything allocates again: this very
+      // program's allocations may already go through the patched slot.
+      auto patch = std::make_unique<ImportPatch>(importer.module, importer.dll, function, replacement);
+      if (*original == nullptr) *original = patch->original();
+      patches_.push_back(std::move(patch));  // room reserved: no allocation here
     } catch (const std::runtime_error&) {
       // A module that does not import this one allocates through the others.
     }
