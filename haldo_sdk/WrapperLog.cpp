@@ -34,11 +34,16 @@ std::wstring OneBytePerCharacter(std::wstring_view text) {
 
 // Append, text mode, shared with other processes. A failed open leaves the
 // stream failed and every write a no-op, which is what silent logging wants.
+// The line is made whole before the file is opened: memory running out while
+// it is made leaves the file as it was, never a line without its end.
 void AppendToLog(const std::wstring& path, std::wstring_view first, std::wstring_view second = {},
                  std::wstring_view third = {}, std::wstring_view fourth = {}) {
+  std::wstring line;
+  line.reserve(first.size() + second.size() + third.size() + fourth.size());
+  line.append(first).append(second).append(third).append(fourth);
+  line = OneBytePerCharacter(line);
   std::wofstream file(std::filesystem::path(path), std::ios::out | std::ios::app);
-  file << OneBytePerCharacter(first) << OneBytePerCharacter(second) << OneBytePerCharacter(third)
-       << OneBytePerCharacter(fourth) << std::endl;
+  file << line << std::endl;
 }
 
 }  // namespace

@@ -17,6 +17,10 @@ std::ostringstream NewSessionMessage() {
   std::ostringstream text;
   // A host's global locale could group digits; the codes must read as plain decimal.
   text.imbue(std::locale::classic());
+  // A stream keeps an exception raised inside a write to itself (running out
+  // of memory) and only marks itself bad; the message would then go out cut
+  // short. Rethrown instead, as every other allocation of the session is.
+  text.exceptions(std::ios::badbit);
   return text;
 }
 

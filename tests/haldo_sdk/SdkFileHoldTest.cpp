@@ -51,6 +51,21 @@ TEST_F(SdkFileHoldTest, OverwriteRenameAndDeleteFailWhileTheCheckRuns) {
   EXPECT_EQ(wrapper_.Uninitialize(), 0);
 }
 
+TEST_F(SdkFileHoldTest, TheHoldLastsWhileTheLoaderLoadsTheFile) {
+  const std::wstring dll = CopyOf(StandInKind::Signed);
+  SetSdkLocation(dll);
+  sandbox_.sdk().ProbeHoldAtLoad();
+  EXPECT_EQ(wrapper_.Initialize("QEL", "2026", "neutral"), 0);
+  // The DLL's entry point runs inside LoadLibraryW: the hold is still there.
+  EXPECT_EQ(sandbox_.sdk().HoldAtLoad(), kRefused);
+  EXPECT_EQ(wrapper_.Uninitialize(), 0);
+  // Control: with nobody holding it, the same open succeeds at load.
+  const HMODULE module = ::LoadLibraryW(dll.c_str());
+  ASSERT_NE(module, nullptr);
+  EXPECT_EQ(sandbox_.sdk().HoldAtLoad(), "opened");
+  ::FreeLibrary(module);
+}
+
 TEST_F(SdkFileHoldTest, TheHoldIsGoneAfterARejectedCheck) {
   const std::wstring dll = CopyOf(StandInKind::Unsigned);
   SetSdkLocation(dll);

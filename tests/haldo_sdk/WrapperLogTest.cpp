@@ -159,5 +159,13 @@ TEST_F(WrapperLogTest, CharactersBeyondOneByteBecomeQuestionMarksAndTheLineStays
                                            "[INFO] HALDOAPIWrapperImpl::caf?", "[INFO] HALDOAPIWrapperImpl::next"));
 }
 
+TEST_F(WrapperLogTest, EveryCharacterUpToU00FFIsItsOwnByteAndU0100IsTheFirstQuestionMark) {
+  // The edges of what a line keeps as its byte: U+0080 and U+00FF are written
+  // as 0x80 and 0xFF, U+0100 already as '?'.
+  WriteWrapperLogLine(L"[INFO] Load: HALDO SDK path = \x7F\x80\xA0\xFF\x100\xFFFF|");
+  EXPECT_THAT(sandbox_.log().Messages(),
+              ElementsAre(kLogSeparator, "[INFO] Load: HALDO SDK path = \x7F\x80\xA0\xFF?" "?|"));
+}
+
 }  // namespace
 }  // namespace ambrel::test

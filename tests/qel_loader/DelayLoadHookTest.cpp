@@ -230,6 +230,19 @@ TEST_F(DelayLoadHookChild, DllOnlyInTheSharedFolderLoadsWithItsDependencyAndTheR
   EXPECT_EQ(Run(L"control", sandbox.sharedDir())["control"], InSharedPath(L"ambrel_dlloose.dll"));
 }
 
+TEST_F(DelayLoadHookChild, DllBesideTheLibraryFindsItsDependencyOnlyInTheSharedFolder) {
+  // The registered folder is searched for the dependencies of a DLL loaded
+  // from the library's folder too: neither its own folder nor System32 has
+  // ambrel_dldep.dll.
+  Beside(L"ambrel_dlchain.dll");
+  InShared(L"ambrel_dldep.dll");
+  InShared(L"ambrel_dlloose.dll");
+  auto out = Run(L"chain");
+  EXPECT_EQ(out["chain"], Expected(host.libraryDir(), L"ambrel_dlchain.dll"));
+  EXPECT_EQ(out["chain dependency"], InSharedPath(L"ambrel_dldep.dll"));
+  EXPECT_EQ(out["after"], "error 126") << "the shared folder is still registered";
+}
+
 // ---- unloading at shutdown with the documented code
 
 #if defined(AMBREL_TEST_UNLOADABLE_HOST)

@@ -92,6 +92,13 @@ std::vector<std::pair<std::string, long>> StandInSdk::HandleCounts() const {
   return counts;
 }
 
+void StandInSdk::ProbeHoldAtLoad() {
+  config_["HoldProbe"] = Narrow(dir_ / L"hold.txt");
+  WriteConfig();
+}
+
+std::string StandInSdk::HoldAtLoad() const { return ReadFileBytes(dir_ / L"hold.txt"); }
+
 void StandInSdk::WriteConfig() const {
   std::string text;
   for (const auto& [key, value] : config_) text += key + "=" + value + "\n";

@@ -79,6 +79,12 @@ class StandInSdk {
   // when they are entered; HandleCounts() reads them back, in call order.
   void CountHandles();
   std::vector<std::pair<std::string, long>> HandleCounts() const;
+  // Has the DLL's entry point, while the loader loads it, try to open its own
+  // file for deletion (which every sharing mode but a reader-only hold
+  // allows); HoldAtLoad() then reads back "opened", or the Windows error as
+  // a number ("" when the DLL has not been loaded since).
+  void ProbeHoldAtLoad();
+  std::string HoldAtLoad() const;
 
   // The calls so far, in order; the loading lines only when asked for.
   std::vector<std::string> Calls(bool withLoading = false) const;

@@ -6,7 +6,10 @@
 //                              returns, 0 when absent), "SessionId=<text>" and
 //                              "FailAttach=1" (the DLL refuses to load) and
 //                              "HandleRecord=<file>" (Initialize and LockDirectory
-//                              append "<export>\t<handles this process holds>");
+//                              append "<export>\t<handles this process holds>") and
+//                              "HoldProbe=<file>" (the entry point tries to open
+//                              its own file for deletion and writes "opened" or
+//                              the error there);
 //   AMBREL_STANDIN_SDK_RECORD  every call is appended, one line each, fields
 //                              separated by tabs (see StandInSdk.h on the test side).
 // Defining STANDIN_OMIT_<Export> leaves that export out.
@@ -103,8 +106,27 @@ void __freeres() noexcept;
 
 extern "C" {
 
-BOOL WINAPI DllMain(HINSTANCE, DWORD reason, LPVOID) {
+// Whether the file this DLL is loaded from can be opened for deletion while
+// the loader loads it: refused only while someone holds it open sharing it
+// with readers alone.
+void ProbeHold(HINSTANCE self) {
+  const std::string path = ConfigValue("HoldProbe", "");
+  if (path.empty()) return;
+  wchar_t file[MAX_PATH] = {};
+  ::GetModuleFileNameW(self, file, MAX_PATH);
+  HANDLE handle = ::CreateFileW(file, DELETE, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
+                                OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
+  const std::string result = handle != INVALID_HANDLE_VALUE ? "opened" : std::to_string(::GetLastError());
+  if (handle != INVALID_HANDLE_VALUE) ::CloseHandle(handle);
+  if (FILE* out = std::fopen(path.c_str(), "wb")) {
+    std::fputs(result.c_str(), out);
+    std::fclose(out);
+  }
+}
+
+BOOL WINAPI DllMain(HINSTANCE self, DWORD reason, LPVOID) {
   if (reason == DLL_PROCESS_ATTACH) {
+    ProbeHold(self);
     if (ConfigValue("FailAttach", "0") == "1") {
       Record("AttachRefused");
       return FALSE;
