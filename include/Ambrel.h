@@ -36,7 +36,8 @@
 #error "Ambrel.h: the host uses libc++; Ambrel.dll is built with Microsoft's STL (MSVC) or GCC's libstdc++ (mingw-w64)"
 #elif defined(_MSC_VER) && !defined(__GLIBCXX__)
 #if !defined(_DLL)
-#error "Ambrel.h: build the host with the shared C++ runtime (/MD): Ambrel.dll shares its heap and its standard types with the host"
+#error \
+    "Ambrel.h: build the host with the shared C++ runtime (/MD): Ambrel.dll shares its heap and its standard types with the host"
 #endif
 // The package's iterator debug level (0: a release build, which is what the
 // package ships); its CMake package states it for its own build.
@@ -44,11 +45,13 @@
 #define AMBREL_ITERATOR_DEBUG_LEVEL 0
 #endif
 #if _ITERATOR_DEBUG_LEVEL != AMBREL_ITERATOR_DEBUG_LEVEL
-#error "Ambrel.h: the host's _ITERATOR_DEBUG_LEVEL differs from Ambrel.dll's, so std::wstring's layout differs: a Debug host builds with /MD and _ITERATOR_DEBUG_LEVEL=0 (see README)"
+#error \
+    "Ambrel.h: the host's _ITERATOR_DEBUG_LEVEL differs from Ambrel.dll's, so std::wstring's layout differs: a Debug host builds with /MD and _ITERATOR_DEBUG_LEVEL=0 (see README)"
 #endif
 #elif defined(__GLIBCXX__)
 #if _GLIBCXX_RELEASE != 12
-#error "Ambrel.h: the host uses another libstdc++ release than Ambrel.dll's (GCC 12's libstdc++-6.dll, shipped beside it)"
+#error \
+    "Ambrel.h: the host uses another libstdc++ release than Ambrel.dll's (GCC 12's libstdc++-6.dll, shipped beside it)"
 #endif
 #if !_GLIBCXX_USE_CXX11_ABI
 #error "Ambrel.h: the host uses libstdc++'s old string ABI (_GLIBCXX_USE_CXX11_ABI=0); Ambrel.dll uses the C++11 one"
