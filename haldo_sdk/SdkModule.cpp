@@ -28,7 +28,7 @@ SdkLoadCheck CheckSdkLoad(const std::wstring& knownPath, SignatureSteps* signatu
   // folder, no access, a writer already there) everything goes on as before:
   // the check and the load decide.
   check.hold = HoldAgainstChanges(check.path);
-  check.signature = InspectSignature(check.path, signatureSteps);
+  check.signature.emplace(InspectSignature(check.path, signatureSteps));
   if (!check.signature->passed()) check.refusal = kWrapperSignatureRejected;
   return check;
 }

@@ -73,7 +73,7 @@ SignatureFindings InspectSignature(const std::wstring& path, SignatureSteps* ste
   if (steps) steps->VerifyingNext(path);
   findings.trust = TrustStatus(path, steps);
   if (findings.trust != 0) return findings;
-  findings.publisher = SearchPublisher(path, kSdkPublisher);
+  findings.publisher.emplace(SearchPublisher(path, kSdkPublisher));
   return findings;
 }
 
