@@ -165,13 +165,15 @@ bool ReadText(HKEY key, const wchar_t* name, wchar_t (&buffer)[261]) {
 
 bool FloorLocate(std::wstring& location) {
   HKEY key = nullptr;
-  if (::RegOpenKeyExW(HKEY_LOCAL_MACHINE, kSharedComponentsKey.c_str(), 0, KEY_READ, &key) != ERROR_SUCCESS) return false;
+  if (::RegOpenKeyExW(HKEY_LOCAL_MACHINE, kSharedComponentsKey.c_str(), 0, KEY_READ, &key) != ERROR_SUCCESS)
+    return false;
   DWORD enabled = 0, size = sizeof enabled;
   ::RegQueryValueExW(key, L"EnablePathOverride", nullptr, nullptr, reinterpret_cast<BYTE*>(&enabled), &size);
   ::RegCloseKey(key);
   if (enabled == 1) return false;  // not this benchmark's registry
 
-  if (::RegOpenKeyExW(HKEY_LOCAL_MACHINE, kSharedComponentsKey.c_str(), 0, KEY_READ, &key) != ERROR_SUCCESS) return false;
+  if (::RegOpenKeyExW(HKEY_LOCAL_MACHINE, kSharedComponentsKey.c_str(), 0, KEY_READ, &key) != ERROR_SUCCESS)
+    return false;
   wchar_t installPath[261], version[261];
   bool found = ReadText(key, L"InstallPath", installPath) &&
                ::GetFileAttributesW(installPath) != INVALID_FILE_ATTRIBUTES && ReadText(key, L"Version", version);
@@ -219,8 +221,7 @@ bool FloorCycle(const std::wstring& expectedLocation) {
   const int ended = Export<SdkUninitialize>(sdk, "Uninitialize")(sessionId.c_str());
   const bool freed = ::FreeLibrary(sdk) != FALSE;
   AppendRecord(logPath, "[INFO] HALDOAPIWrapperImpl::Initialize: HALDO SDK unloaded successfully");
-  return started == 0 && located && location == expectedLocation && locked == 0 && unlocked == 0 && ended == 0 &&
-         freed;
+  return started == 0 && located && location == expectedLocation && locked == 0 && unlocked == 0 && ended == 0 && freed;
 }
 
 // Private bytes left behind by `count` runs of `operation`, after one run to warm up.

@@ -52,9 +52,10 @@ void PrintGrowth(int count) {
     floorGrowth += PrivateBytes() - before;
     floorHeap += HeapBytesInUse() - heapBefore;
   }
-  std::printf("%d calls each: library private bytes %+lld, heap in use %+lld, %d failed; "
-              "floor private bytes %+lld, heap in use %+lld, %d failed\n",
-              count, libraryGrowth, libraryHeap, libraryFailures, floorGrowth, floorHeap, floorFailures);
+  std::printf(
+      "%d calls each: library private bytes %+lld, heap in use %+lld, %d failed; "
+      "floor private bytes %+lld, heap in use %+lld, %d failed\n",
+      count, libraryGrowth, libraryHeap, libraryFailures, floorGrowth, floorHeap, floorFailures);
 }
 
 int main(int argc, char** argv) {
@@ -109,8 +110,9 @@ int main(int argc, char** argv) {
   const HMODULE dll = ::LoadLibraryW((ambrel::test::TestBinDirectory() + L"\\Ambrel.dll").c_str());
   Require(dll != nullptr, "Ambrel.dll beside the benchmark did not load");
   const auto exported = reinterpret_cast<GetCallStackFn>(::GetProcAddress(
-      dll, AMBREL_EXPORT_NAME("?GetCallStack@OSxMisc@@SA_NAEAV?$basic_string@_WU?$char_traits@_W@std@@V?$allocator@_W@2@@std@@@Z",
-                              "_ZN7OSxMisc12GetCallStackERNSt7__cxx1112basic_stringIwSt11char_traitsIwESaIwEEE")));
+      dll, AMBREL_EXPORT_NAME(
+               "?GetCallStack@OSxMisc@@SA_NAEAV?$basic_string@_WU?$char_traits@_W@std@@V?$allocator@_W@2@@std@@@Z",
+               "_ZN7OSxMisc12GetCallStackERNSt7__cxx1112basic_stringIwSt11char_traitsIwESaIwEEE")));
   Require(exported != nullptr, "Ambrel.dll exports no GetCallStack");
   std::wstring dllText;
   Require(exported(dllText), "GetCallStack of Ambrel.dll failed");

@@ -68,17 +68,14 @@ int main(int argc, char** argv) {
     ::FreeLibrary(module);
   };
   const Comparison c = Compare(
-      rounds, kBatch,
-      [&] { allSucceeded &= HookLoadAndFree(); },
-      plainLoad);
+      rounds, kBatch, [&] { allSucceeded &= HookLoadAndFree(); }, plainLoad);
   Print("DelayLoadHook (folder cached)", c, 1.10);
 
   // The same hook against a floor that also registers and removes the shared
   // folder around the load, as the hook must: what is left is the hook's own work.
   const std::wstring& shared = DelayLoadSharedDllPath();
   const Comparison registered = Compare(
-      rounds, kBatch,
-      [&] { allSucceeded &= HookLoadAndFree(); },
+      rounds, kBatch, [&] { allSucceeded &= HookLoadAndFree(); },
       [&] {
         const DLL_DIRECTORY_COOKIE cookie = ::AddDllDirectory(shared.c_str());
         const HMODULE module = ::LoadLibraryExW(probeFile.c_str(), nullptr, kHookLoadFlags);
@@ -89,7 +86,8 @@ int main(int argc, char** argv) {
   Print("DelayLoadHook vs load + registration", registered, 1.10);
 
   // The first comparison once more: shows whether the times drifted during the run.
-  const Comparison again = Compare(rounds, kBatch, [&] { allSucceeded &= HookLoadAndFree(); }, plainLoad);
+  const Comparison again = Compare(
+      rounds, kBatch, [&] { allSucceeded &= HookLoadAndFree(); }, plainLoad);
   Print("DelayLoadHook (folder cached, again)", again, 1.10);
   Require(allSucceeded, "a timed load failed");
   Require(::GetModuleHandleA(kProbe) == nullptr, "the probe DLL stayed loaded");

@@ -22,9 +22,7 @@ std::wstring GetModuleFilePath(HMODULE module) {
   return {buffer.data(), length < MAX_PATH ? length : MAX_PATH - 1};
 }
 
-std::wstring ParentPathOf(const std::wstring& path) {
-  return std::filesystem::path(path).parent_path().wstring();
-}
+std::wstring ParentPathOf(const std::wstring& path) { return std::filesystem::path(path).parent_path().wstring(); }
 
 std::wstring GetThisModuleDirectory() { return ParentPathOf(GetModuleFilePath(GetThisModuleHandle())); }
 

@@ -9,13 +9,13 @@
 #if defined(_MSC_VER)
 // Compiler-specific (MSVC, clang-cl): the linker's /EXPORT:entry=internal.
 // NOLINTNEXTLINE(cppcoreguidelines-macro-usage): a linker directive, which no function can emit
-#define AMBREL_PLAIN_EXPORT(plain, msvcName, itaniumName) \
-  __pragma(comment(linker, "/EXPORT:" #plain "=" msvcName))
+#define AMBREL_PLAIN_EXPORT(plain, msvcName, itaniumName) __pragma(comment(linker, "/EXPORT:" #plain "=" msvcName))
 #else
 // Compiler-specific (clang and GCC for mingw): an assembler alias, exported
 // through the object's linker directives, which GNU ld and lld both read.
 // NOLINTNEXTLINE(cppcoreguidelines-macro-usage): an assembler alias, which no function can emit
-#define AMBREL_PLAIN_EXPORT(plain, msvcName, itaniumName)                   \
-  __asm__(".globl " #plain "\n.set " #plain ", " itaniumName "\n"          \
+#define AMBREL_PLAIN_EXPORT(plain, msvcName, itaniumName)    \
+  __asm__(".globl " #plain "\n.set " #plain ", " itaniumName \
+          "\n"                                               \
           ".section .drectve\n.ascii \" -export:" #plain "\"\n.text\n")
 #endif

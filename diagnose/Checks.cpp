@@ -38,7 +38,10 @@ bool CheckLibrary(std::vector<Check>& report, const std::wstring& library) {
   std::error_code ec;
   const bool found = PathExists(library, ec);
   const bool development = IsDevelopmentModulePath(library);
-  Add(report, "library", development ? Verdict::Info : found ? Verdict::Ok : Verdict::Warn,
+  Add(report, "library",
+      development ? Verdict::Info
+      : found     ? Verdict::Ok
+                  : Verdict::Warn,
       Quoted(library) + (found ? " found" : " not found") +
           (development ? "; a development build (drive R:): the bootstrap only sets the marker"
                        : "; not a development build"))
@@ -64,7 +67,8 @@ void CheckEdition(std::vector<Check>& report, const std::wstring& library) {
 bool CheckMarker(std::vector<Check>& report) {
   const std::optional<std::wstring> marker = ReadEnvironmentVariable(kBypassMarker);
   Add(report, "marker", marker ? Verdict::Info : Verdict::Ok,
-      marker ? U8(kBypassMarker) + " = " + Quoted(*marker) + ": the session is bypassed" : U8(kBypassMarker) + " absent")
+      marker ? U8(kBypassMarker) + " = " + Quoted(*marker) + ": the session is bypassed"
+             : U8(kBypassMarker) + " absent")
       .fields = {{"variable", U8(kBypassMarker)}, {"present", marker.has_value()}, {"value", Text(marker)}};
   return marker.has_value();
 }
@@ -90,9 +94,8 @@ Conclusion Conclude(bool development, bool marked, const SdkFindings& sdk, const
   } else if (!located.preparation || !located.preparation->possible()) {
     conclusion.text = "InitializeQel would return false: PATH is not set";
   } else {
-    const std::string lockNote = sdk.firstProblem.empty()
-                                     ? "the installer would lock it while the process is prepared"
-                                     : "the installer would not lock it: " + sdk.firstProblem;
+    const std::string lockNote = sdk.firstProblem.empty() ? "the installer would lock it while the process is prepared"
+                                                          : "the installer would not lock it: " + sdk.firstProblem;
     conclusion.initializeQel = true;
     conclusion.location = U8(located.folder);
     conclusion.text = "InitializeQel would return true with " + Quoted(located.folder) + "; " + lockNote;

@@ -21,7 +21,7 @@ using Value = std::variant<std::nullptr_t, bool, std::int64_t, std::string>;
 struct Check {
   std::string id;  // stable: the JSON "id" and the text line's second column
   Verdict verdict = Verdict::Info;
-  std::string text;  // the evidence in words
+  std::string text;                                   // the evidence in words
   std::vector<std::pair<std::string, Value>> fields;  // the evidence, for tools
 };
 

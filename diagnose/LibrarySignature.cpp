@@ -64,8 +64,8 @@ Check CheckLibrarySignature(const std::wstring& library) {
     check.text = "not signed (WinVerifyTrust " + hex + ")";
   } else {
     check.verdict = Verdict::Warn;
-    check.text = "signed by \"" + WideToUtf8(signer) + "\", but the signature does not verify (WinVerifyTrust " +
-                 hex + ")";
+    check.text =
+        "signed by \"" + WideToUtf8(signer) + "\", but the signature does not verify (WinVerifyTrust " + hex + ")";
   }
   check.fields = {{"status", std::int64_t{status}},
                   {"statusHex", hex},

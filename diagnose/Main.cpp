@@ -85,8 +85,7 @@ int wmain(int argc, wchar_t** argv) {
   try {
     ambrel::diagnose::Diagnosis diagnosis = ambrel::diagnose::Diagnose(library);
     if (withSdk) diagnosis.sdkSession = ambrel::diagnose::RunSdkSession();
-    const std::string report =
-        json ? ambrel::diagnose::FormatJson(diagnosis) : ambrel::diagnose::FormatText(diagnosis);
+    const std::string report = json ? ambrel::diagnose::FormatJson(diagnosis) : ambrel::diagnose::FormatText(diagnosis);
     std::cout << report.c_str() << std::flush;  // C text: it ends at a NUL
     return ambrel::diagnose::ExitCodeOf(diagnosis);
   } catch (const std::exception& error) {

@@ -93,7 +93,8 @@ void RenderSelfUpdateLock(std::vector<Check>& report, const SelfUpdateLock& lock
            std::to_string(kWrapperSelfUpdateRunning) + ")";
   } else if (lock.present) {
     verdict = Verdict::Info;
-    text = pid ? "stale: process " + lock.content + " is not running; ignored" : "stale: holds no bare process id; ignored";
+    text = pid ? "stale: process " + lock.content + " is not running; ignored"
+               : "stale: holds no bare process id; ignored";
   }
   Add(report, "sdk.selfUpdateLock", verdict, text).fields = {
       {"file", U8(lock.file.native())},
@@ -185,7 +186,9 @@ std::string RenderExports(std::vector<Check>& report, const std::wstring& file) 
   for (const SdkEntryPoint& entry : kSdkEntryPoints) {
     const bool present = names && names->count(entry.name) > 0;
     Add(report, std::string("sdk.export.") + entry.name, present ? Verdict::Ok : Verdict::Warn,
-        !names ? "the file is not a readable DLL" : present ? "exported" : "not exported")
+        !names    ? "the file is not a readable DLL"
+        : present ? "exported"
+                  : "not exported")
         .fields = {{"present", present}};
     if (!names && problem.empty()) problem = "the SDK file is not a readable DLL";
     if (!present && entry.lockNeedsIt && problem.empty())

@@ -26,12 +26,16 @@ std::string CheckSdkMachine(std::vector<Check>& report, const std::wstring& file
   const std::optional<WORD> machine = ReadImageMachine(file);
   const WORD host = ThisProcessMachine();
   if (!machine) {
-    report.push_back(Check{"sdk.machine", Verdict::Warn, "the file is not a readable PE image",
-                           {{"machine", nullptr}, {"hostMachine", std::string(MachineName(host))}, {"loadable", false}}});
+    report.push_back(
+        Check{"sdk.machine",
+              Verdict::Warn,
+              "the file is not a readable PE image",
+              {{"machine", nullptr}, {"hostMachine", std::string(MachineName(host))}, {"loadable", false}}});
     return "the SDK file is not a readable DLL";
   }
   const bool loadable = *machine == host;
-  Check check{"sdk.machine", loadable ? Verdict::Ok : Verdict::Warn,
+  Check check{"sdk.machine",
+              loadable ? Verdict::Ok : Verdict::Warn,
               loadable ? Described(*machine) + ", as the host"
                        : Described(*machine) + ": LoadLibraryW in an " + MachineName(host) +
                              " host refuses it (error 193, ERROR_BAD_EXE_FORMAT)",

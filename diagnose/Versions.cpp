@@ -9,12 +9,12 @@
 namespace ambrel::diagnose {
 namespace {
 
-constexpr DWORD kHalf = 16;      // a version DWORD holds two 16-bit parts
+constexpr DWORD kHalf = 16;  // a version DWORD holds two 16-bit parts
 constexpr DWORD kPart = 0xFFFF;
 
 std::string Parts(DWORD high, DWORD low) {
-  return std::to_string(high >> kHalf) + "." + std::to_string(high & kPart) + "." + std::to_string(low >> kHalf) +
-         "." + std::to_string(low & kPart);
+  return std::to_string(high >> kHalf) + "." + std::to_string(high & kPart) + "." + std::to_string(low >> kHalf) + "." +
+         std::to_string(low & kPart);
 }
 
 }  // namespace

@@ -206,8 +206,13 @@ int main(int argc, char** argv) {
   std::printf("Ambrel sample host\n");
   try {
     RegistrySandbox registry;
-    std::printf("  registry sandbox: HKLM and HKCU redirected to HKCU\\%s\n", Narrow(registry.ScratchKeyPath()).c_str());
-    EnvGuard env{L"PATH", kMarker, L"QEL_PATH_2026", L"LOCALAPPDATA", L"AMBREL_STANDIN_SDK_RECORD",
+    std::printf("  registry sandbox: HKLM and HKCU redirected to HKCU\\%s\n",
+                Narrow(registry.ScratchKeyPath()).c_str());
+    EnvGuard env{L"PATH",
+                 kMarker,
+                 L"QEL_PATH_2026",
+                 L"LOCALAPPDATA",
+                 L"AMBREL_STANDIN_SDK_RECORD",
                  L"AMBREL_STANDIN_SDK_CONFIG"};
     env.Unset(kMarker);
     ScratchDir shared;

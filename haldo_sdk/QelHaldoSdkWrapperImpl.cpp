@@ -58,7 +58,7 @@ int QelHaldoSdkWrapperImpl::Initialize(const std::string& plc, const std::string
     return ambrel::kWrapperArgumentMissing;
   }
   ambrel::LogWrapperInfo("Initialize: plc = \"" + plc + "\", release = \"" + release + "\", language = \"" + language +
-                 "\"");
+                         "\"");
 
   int loadCode = ambrel::kWrapperSdkNotLoaded;
   if (!ambrel::LoadSdk(loadCode)) {
@@ -83,7 +83,8 @@ int QelHaldoSdkWrapperImpl::Initialize(const std::string& plc, const std::string
     state.sessionId = id;
   }
 
-  if (const auto releaseMemory = ambrel::BindSdkExport<ambrel::SdkReleaseMemoryFunction>(state, ambrel::kSdkReleaseMemoryExport)) {
+  if (const auto releaseMemory =
+          ambrel::BindSdkExport<ambrel::SdkReleaseMemoryFunction>(state, ambrel::kSdkReleaseMemoryExport)) {
     releaseMemory(state.sessionId.c_str(), &returnedId);
   } else {
     ambrel::LogWrapperError("ReleaseMemory: Failed to obtain ReleaseMemoryFunc handle!");
@@ -107,7 +108,8 @@ int QelHaldoSdkWrapperImpl::Uninitialize() {
     ambrel::LogWrapperError("Uninitialize: Not initialized!");
     return ambrel::kWrapperNotInitialized;
   }
-  const auto uninitialize = ambrel::BindSdkExport<ambrel::SdkUninitializeFunction>(state, ambrel::kSdkUninitializeExport);
+  const auto uninitialize =
+      ambrel::BindSdkExport<ambrel::SdkUninitializeFunction>(state, ambrel::kSdkUninitializeExport);
   if (!uninitialize) {
     ambrel::LogWrapperError("Uninitialize: Failed to obtain UninitializeFunc handle!");
     return ambrel::kWrapperExportMissing;

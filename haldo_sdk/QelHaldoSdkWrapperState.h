@@ -19,10 +19,10 @@ struct QelHaldoSdkWrapperState {
   QelHaldoSdkWrapperState(QelHaldoSdkWrapperState&&) = delete;
   QelHaldoSdkWrapperState& operator=(QelHaldoSdkWrapperState&&) = delete;
 
-  UniqueModule module;       // empty while the SDK is not loaded
-  std::wstring dllPath;      // found once, then kept for the life of the process
-  std::wstring logPath;      // empty until the log is first opened
-  std::string sessionId;     // non-empty exactly while a session is held
+  UniqueModule module;    // empty while the SDK is not loaded
+  std::wstring dllPath;   // found once, then kept for the life of the process
+  std::wstring logPath;   // empty until the log is first opened
+  std::string sessionId;  // non-empty exactly while a session is held
 };
 
 // Constructed on first use, destroyed at unload.

@@ -34,15 +34,14 @@ SdkLocationRead ReadSdkLocationValue(wchar_t** value) {
   DWORD offered = kRegistryQueryStep;
   DWORD size = offered;
   auto query = [&] {
-    return ::RegQueryValueExW(key.get(), kSdkLocationValue, nullptr, nullptr, static_cast<BYTE*>(buffer.get()),
-                              &size);
+    return ::RegQueryValueExW(key.get(), kSdkLocationValue, nullptr, nullptr, static_cast<BYTE*>(buffer.get()), &size);
   };
   LSTATUS status = query();
   while (status == ERROR_MORE_DATA) {
     offered += kRegistryQueryStep;
     void* larger = std::realloc(buffer.get(), offered + sizeof(wchar_t));  // NOLINT(cppcoreguidelines-no-malloc)
     if (!larger) return SdkLocationRead::BufferNotEnlarged;  // the owners free the old buffer and close the key
-    (void)buffer.release();                                 // realloc has taken over the old block
+    (void)buffer.release();                                  // realloc has taken over the old block
     buffer.reset(larger);
     size = offered;
     status = query();
@@ -59,15 +58,10 @@ void LogLocationReadFailure(SdkLocationRead read) {
     case SdkLocationRead::NoBuffer:
       LogWrapperError("ReadStringFromRegistry: Failed to allocate memory for buffer to read registry!");
       break;
-    case SdkLocationRead::KeyNotOpened:
-      LogWrapperError("ReadStringFromRegistry: RegOpenKeyEx failed!");
-      break;
-    case SdkLocationRead::ValueNotRead:
-      LogWrapperError("ReadStringFromRegistry: RegQueryValueEx failed!");
-      break;
+    case SdkLocationRead::KeyNotOpened: LogWrapperError("ReadStringFromRegistry: RegOpenKeyEx failed!"); break;
+    case SdkLocationRead::ValueNotRead: LogWrapperError("ReadStringFromRegistry: RegQueryValueEx failed!"); break;
     case SdkLocationRead::BufferNotEnlarged:
-    case SdkLocationRead::Read:
-      break;
+    case SdkLocationRead::Read: break;
   }
 }
 

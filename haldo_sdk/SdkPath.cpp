@@ -44,16 +44,10 @@ std::wstring GetDllPath(const SdkPathLookup& lookup) {
       LogLocationReadFailure(lookup.read);  // ReadStringFromRegistry's own line first, as it has always come
       LogWrapperError("GetDllPath: Failed to read registry!");
       return {};
-    case SdkPathLookup::Outcome::Empty:
-      return {};
-    case SdkPathLookup::Outcome::ExpansionFailed:
-      LogWrapperError("GetDllPath: Failed to expand dll path!");
-      return {};
-    case SdkPathLookup::Outcome::Missing:
-      LogWrapperError("GetDllPath: expanded Dll Path does not exist!");
-      return {};
-    case SdkPathLookup::Outcome::Found:
-      return lookup.expanded;
+    case SdkPathLookup::Outcome::Empty: return {};
+    case SdkPathLookup::Outcome::ExpansionFailed: LogWrapperError("GetDllPath: Failed to expand dll path!"); return {};
+    case SdkPathLookup::Outcome::Missing: LogWrapperError("GetDllPath: expanded Dll Path does not exist!"); return {};
+    case SdkPathLookup::Outcome::Found: return lookup.expanded;
   }
   return {};  // GCOVR_EXCL_LINE every outcome is handled above
 }

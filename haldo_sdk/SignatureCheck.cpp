@@ -91,8 +91,7 @@ void LogPublisherSearch(const PublisherSearch& search) {
     case PublisherSearch::Outcome::NotFound:
       WriteWrapperLogLine(L"[ERROR] CertFindCertificateInStore returned ERROR: " + std::to_wstring(search.error));
       break;
-    case PublisherSearch::Outcome::Found:
-      break;
+    case PublisherSearch::Outcome::Found: break;
   }
 }
 

@@ -25,7 +25,8 @@
 // The exports report failures as C++ exceptions: a host compiled without them
 // (/EHs-, -fno-exceptions) could neither catch them nor unwind through them.
 #if !defined(__cpp_exceptions) && !defined(_CPPUNWIND)
-#error "Ambrel.h: the host is compiled without C++ exceptions; Ambrel.dll's exports throw them: build it with /EHsc (MSVC) or without -fno-exceptions"
+#error \
+    "Ambrel.h: the host is compiled without C++ exceptions; Ambrel.dll's exports throw them: build it with /EHsc (MSVC) or without -fno-exceptions"
 #endif
 
 #include <windows.h>
@@ -47,7 +48,8 @@
 #error "Ambrel.h: the host uses libc++; Ambrel.dll is built with Microsoft's STL (MSVC) or GCC's libstdc++ (mingw-w64)"
 #elif defined(_MSC_VER) && !defined(__GLIBCXX__)
 #if !defined(_DLL)
-#error "Ambrel.h: build the host with the shared C++ runtime (/MD, or /MDd in Debug): Ambrel.dll shares its heap and its standard types with the host"
+#error \
+    "Ambrel.h: build the host with the shared C++ runtime (/MD, or /MDd in Debug): Ambrel.dll shares its heap and its standard types with the host"
 #endif
 // Which of the package's two DLLs the host links, by the iterator debug level
 // it was built with: 0, Ambrel.dll (/MD); 2, Ambreld.dll (/MDd, _DEBUG). The
@@ -61,15 +63,19 @@
 #endif
 #endif
 #if AMBREL_ITERATOR_DEBUG_LEVEL == 0 && defined(_DEBUG)
-#error "Ambrel.h: the host builds with the debug runtime (/MDd, _DEBUG) but links the release Ambrel.dll, whose heap and std::wstring differ: link Ambreld.lib (the package's Debug configuration), or build this configuration with /MD"
+#error \
+    "Ambrel.h: the host builds with the debug runtime (/MDd, _DEBUG) but links the release Ambrel.dll, whose heap and std::wstring differ: link Ambreld.lib (the package's Debug configuration), or build this configuration with /MD"
 #elif AMBREL_ITERATOR_DEBUG_LEVEL == 2 && !defined(_DEBUG)
-#error "Ambrel.h: the host builds with the release runtime (/MD) but links the debug Ambreld.dll, whose heap and std::wstring differ: link Ambrel.lib (the package's Release configurations), or build this configuration with /MDd"
+#error \
+    "Ambrel.h: the host builds with the release runtime (/MD) but links the debug Ambreld.dll, whose heap and std::wstring differ: link Ambrel.lib (the package's Release configurations), or build this configuration with /MDd"
 #elif _ITERATOR_DEBUG_LEVEL != AMBREL_ITERATOR_DEBUG_LEVEL
-#error "Ambrel.h: the host's _ITERATOR_DEBUG_LEVEL differs from the Ambrel DLL it links (Ambrel.dll: 0, Ambreld.dll: 2), so std::wstring's layout differs: leave _ITERATOR_DEBUG_LEVEL at the runtime's default"
+#error \
+    "Ambrel.h: the host's _ITERATOR_DEBUG_LEVEL differs from the Ambrel DLL it links (Ambrel.dll: 0, Ambreld.dll: 2), so std::wstring's layout differs: leave _ITERATOR_DEBUG_LEVEL at the runtime's default"
 #endif
 #elif defined(__GLIBCXX__)
 #if _GLIBCXX_RELEASE != 12
-#error "Ambrel.h: the host uses another libstdc++ release than Ambrel.dll's (GCC 12's libstdc++-6.dll, shipped beside it)"
+#error \
+    "Ambrel.h: the host uses another libstdc++ release than Ambrel.dll's (GCC 12's libstdc++-6.dll, shipped beside it)"
 #endif
 #if !_GLIBCXX_USE_CXX11_ABI
 #error "Ambrel.h: the host uses libstdc++'s old string ABI (_GLIBCXX_USE_CXX11_ABI=0); Ambrel.dll uses the C++11 one"

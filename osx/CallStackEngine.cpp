@@ -82,8 +82,8 @@ bool CallStackEngine::WalkFrom(CONTEXT& context, std::wstring& scratch) {
   frame.AddrStack.Offset = context.Rsp;
   frame.AddrStack.Mode = AddrModeFlat;
   const auto step = [&] {
-    return stackWalk64_(IMAGE_FILE_MACHINE_AMD64, process, thread, &frame, &context, nullptr,
-                        symFunctionTableAccess64_, symGetModuleBase64_, nullptr) != FALSE;
+    return stackWalk64_(IMAGE_FILE_MACHINE_AMD64, process, thread, &frame, &context, nullptr, symFunctionTableAccess64_,
+                        symGetModuleBase64_, nullptr) != FALSE;
   };
 
   if (step()) {
@@ -106,7 +106,9 @@ bool CallStackEngine::WalkFrom(CONTEXT& context, std::wstring& scratch) {
 
 // Reached only when the walk itself throws (out of memory while the text
 // grows), which no test can bring about inside an exception filter.
-void CallStackEngine::KeepError(std::exception_ptr error) noexcept { pendingError_ = std::move(error); }  // GCOVR_EXCL_LINE
+void CallStackEngine::KeepError(std::exception_ptr error) noexcept {
+  pendingError_ = std::move(error);
+}  // GCOVR_EXCL_LINE
 
 void CallStackEngine::RethrowError() {
   if (pendingError_) std::rethrow_exception(std::exchange(pendingError_, nullptr));  // GCOVR_EXCL_LINE
@@ -141,7 +143,8 @@ void CallStackEngine::AppendFrameLine(HANDLE process, DWORD64 pc) {
   DWORD lineDisplacement = 0;
   if (symGetLineFromAddrW64_(process, pc, &lineDisplacement, &line) && line.FileName) {
     // "[file @ line]" in a buffer of kSourceLineChars characters.
-    std::wstring source = L"[" + std::wstring(line.FileName) + L" @ " + std::to_wstring(static_cast<int>(line.LineNumber)) + L"]";
+    std::wstring source =
+        L"[" + std::wstring(line.FileName) + L" @ " + std::to_wstring(static_cast<int>(line.LineNumber)) + L"]";
     if (source.size() > kSourceLineChars - 1) source.resize(kSourceLineChars - 1);
     text_ += source;
   } else {

@@ -46,8 +46,7 @@ EnvironmentCopy CopyEnvironmentBlock(const wchar_t* block) {
 #else
   // Compiler-specific (mingw-w64): its runtime keeps the handler itself and
   // its memcpy_s does not call it.
-  if (auto* const handler = _get_invalid_parameter_handler())
-    handler(nullptr, nullptr, nullptr, 0, 0);
+  if (auto* const handler = _get_invalid_parameter_handler()) handler(nullptr, nullptr, nullptr, 0, 0);
 #endif
   return copy;
 }

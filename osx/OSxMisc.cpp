@@ -113,7 +113,8 @@ void OSxMisc::Uint16ToWchar(wchar_t* destination, const unsigned short* source, 
 // Compiler-specific (MSVC): export the second name at the first one's address,
 // and resolve calls from inside the library to it.
 #pragma comment(linker, "/EXPORT:?WcharToUint16@OSxMisc@@SAXPEAGPEB_W_K@Z=?Uint16ToWchar@OSxMisc@@SAXPEA_WPEBG_K@Z")
-#pragma comment(linker, "/ALTERNATENAME:?WcharToUint16@OSxMisc@@SAXPEAGPEB_W_K@Z=?Uint16ToWchar@OSxMisc@@SAXPEA_WPEBG_K@Z")
+#pragma comment( \
+        linker, "/ALTERNATENAME:?WcharToUint16@OSxMisc@@SAXPEAGPEB_W_K@Z=?Uint16ToWchar@OSxMisc@@SAXPEA_WPEBG_K@Z")
 #else
 // Compiler-specific (clang and GCC for mingw): define the second name as an
 // assembler alias of the first, and export it through the object's linker

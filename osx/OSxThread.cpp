@@ -34,7 +34,7 @@ LONG CALLBACK ContinueAfterThreadName(EXCEPTION_POINTERS* pointers) {
 void OSxThread::SetThreadName(const char* name, unsigned long threadId) {
   // Type, name (not copied), thread id zero-extended, flags.
   const std::array<ULONG_PTR, kRecordWords> record = {kThreadNameRecordType, reinterpret_cast<ULONG_PTR>(name),
-                                           static_cast<ULONG_PTR>(static_cast<DWORD>(threadId)), 0};
+                                                      static_cast<ULONG_PTR>(static_cast<DWORD>(threadId)), 0};
 #if defined(__clang__) || defined(_MSC_VER)
   // Compiler-specific: structured exception handling (MSVC; clang with
   // -fms-extensions). Without a debugger the exception ends here.

@@ -39,8 +39,7 @@ std::wstring ReadShortcutTarget(const ShellLinkFactory& createLink, const wchar_
   return target;
 }
 
-bool RewriteShortcutTarget(const ShellLinkFactory& createLink, const wchar_t* shortcutFile,
-                           const wchar_t* newTarget) {
+bool RewriteShortcutTarget(const ShellLinkFactory& createLink, const wchar_t* shortcutFile, const wchar_t* newTarget) {
   ComPtr<IShellLinkW> link;
   HRESULT result = createLink(link.put());
   if (FAILED(result) || !link) return SUCCEEDED(result);

@@ -26,7 +26,6 @@ std::wstring ReadShortcutTarget(const ShellLinkFactory& createLink, const wchar_
 // Loads the shortcut, sets its target and saves it in place. False when
 // creation, Load or Save fails; true otherwise, including when the link has no
 // IPersistFile or refuses the new target (then nothing is written).
-bool RewriteShortcutTarget(const ShellLinkFactory& createLink, const wchar_t* shortcutFile,
-                           const wchar_t* newTarget);
+bool RewriteShortcutTarget(const ShellLinkFactory& createLink, const wchar_t* shortcutFile, const wchar_t* newTarget);
 
 }  // namespace ambrel

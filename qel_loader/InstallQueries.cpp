@@ -71,7 +71,6 @@ bool QelLoadHelper::IsQELInstalled() {
   if (QuerySharedComponentsText(key.get(), L"InstallPath", installPath) != ERROR_SUCCESS) return false;
   if (!PathExists(installPath)) return false;
   std::wstring version;
-  if (QuerySharedComponentsText(key.get(), L"Version", version) != ERROR_SUCCESS || version.empty())
-    return false;
+  if (QuerySharedComponentsText(key.get(), L"Version", version) != ERROR_SUCCESS || version.empty()) return false;
   return PathExists(JoinPath(installPath, version));
 }

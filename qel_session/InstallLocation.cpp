@@ -32,16 +32,12 @@ QelStatus InstallEntryLookup::status() const noexcept {
   switch (stop) {
     case Stop::KeyNotOpened:
     case Stop::InstallPathNotRead:
-    case Stop::VersionNotRead:
-      return RegistryReadFailed;
+    case Stop::VersionNotRead: return RegistryReadFailed;
     case Stop::InstallPathMissing:
-    case Stop::VersionFolderMissing:
-      return PathNotFound;
-    case Stop::VersionEmpty:
-      return VersionEmpty;
+    case Stop::VersionFolderMissing: return PathNotFound;
+    case Stop::VersionEmpty: return VersionEmpty;
     case Stop::InstallPathOnly:
-    case Stop::Found:
-      return Success;
+    case Stop::Found: return Success;
   }
   return RegistryReadFailed;  // GCOVR_EXCL_LINE every Stop is handled above
 }

@@ -81,8 +81,8 @@ struct InstallEntryLookup {
   // closed, except on the keepsKeyOpen() paths: there the record hands it
   // back open, and the caller decides (the session leaks it).
   UniqueRegKey key;
-  std::wstring installPath;  // read when stop is past InstallPathNotRead
-  std::wstring version;      // read when stop is past VersionNotRead
+  std::wstring installPath;    // read when stop is past InstallPathNotRead
+  std::wstring version;        // read when stop is past VersionNotRead
   std::wstring versionFolder;  // InstallPath + "\" + Version, when tested
   std::error_code error;       // the failed existence test's error (cleared for a plain "no")
   // The folder the session takes as its install location, when this lookup names one.

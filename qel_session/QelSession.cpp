@@ -58,28 +58,19 @@ class SessionMessages final : public ambrel::InstallLocationSteps {
   void InstallEntryStopped(const ambrel::InstallEntryLookup& lookup) override {
     using Stop = ambrel::InstallEntryLookup::Stop;
     switch (lookup.stop) {
-      case Stop::KeyNotOpened:
-        DeliverText("FATAL", "Failed to open registry key");
-        break;
-      case Stop::InstallPathNotRead:
-        DeliverText("FATAL", "Failed to read InstallPath registry entry");
-        break;
+      case Stop::KeyNotOpened: DeliverText("FATAL", "Failed to open registry key"); break;
+      case Stop::InstallPathNotRead: DeliverText("FATAL", "Failed to read InstallPath registry entry"); break;
       case Stop::InstallPathMissing:
         DeliverMissingPath("The Install Location Path is Incorrect", lookup.installPath, lookup.error);
         break;
-      case Stop::VersionNotRead:
-        DeliverText("FATAL", "Failed to read Version from registry entry");
-        break;
-      case Stop::VersionEmpty:
-        DeliverText("FATAL", "Entry for Version in Registry is Empty.");
-        break;
+      case Stop::VersionNotRead: DeliverText("FATAL", "Failed to read Version from registry entry"); break;
+      case Stop::VersionEmpty: DeliverText("FATAL", "Entry for Version in Registry is Empty."); break;
       case Stop::VersionFolderMissing:
         // Names only the Version text, not the folder that was tested.
         DeliverMissingPath("The Version for the Install Path Does Not Exist.", lookup.version, lookup.error);
         break;
       case Stop::InstallPathOnly:  // the override already named the folder; InstallPath stands in
-      case Stop::Found:
-        break;
+      case Stop::Found: break;
     }
   }
 };
@@ -169,7 +160,8 @@ QelStatus QelSession::Uninitialize() {
 QelStatus QelSession::GetPathOverride(const std::wstring& keyRelease) {
   // customRegistryKey does not apply to the override switch.
   SessionMessages messages;
-  return Take(ambrel::LookUpPathOverride(registryRoot, ambrel::SharedComponentsKeyPath(keyRelease), release, &messages));
+  return Take(
+      ambrel::LookUpPathOverride(registryRoot, ambrel::SharedComponentsKeyPath(keyRelease), release, &messages));
 }
 
 QelStatus QelSession::ReadInstallLocation(const std::wstring& keyRelease) {

@@ -32,6 +32,4 @@ void DeliverSessionMessage(const char* level, const std::ostringstream& text) {
 
 }  // namespace ambrel
 
-QelSessionLogSink SetQelSessionLogSink(QelSessionLogSink sink) {
-  return std::exchange(ambrel::SessionLogSink, sink);
-}
+QelSessionLogSink SetQelSessionLogSink(QelSessionLogSink sink) { return std::exchange(ambrel::SessionLogSink, sink); }

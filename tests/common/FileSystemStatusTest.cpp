@@ -31,10 +31,10 @@ TEST(PathStatus, ExistingFileAndDirectory) {
 TEST(PathStatus, MissingPathsAreAPlainNo) {
   ScratchDir dir;
   const std::wstring cases[] = {
-      dir / L"absent.txt",              // file not found
-      dir / L"absent\\child.txt",       // path not found
-      dir / L"bad<name>.txt",           // invalid name
-      L"",                              // nothing at all
+      dir / L"absent.txt",         // file not found
+      dir / L"absent\\child.txt",  // path not found
+      dir / L"bad<name>.txt",      // invalid name
+      L"",                         // nothing at all
   };
   for (const auto& path : cases) {
     std::error_code ec = MakeWindowsError(5);

@@ -10,7 +10,9 @@ namespace {
 TEST(TextConvert, Utf8RoundTripKeepsNonAsciiText) {
   const std::wstring text = L"C:\\Gr\u00fc\u00dfe\\\u65e5\u672c\\\U0001F600";
   const std::string utf8 = WideToUtf8(text);
-  EXPECT_EQ(utf8, "C:\\Gr\xC3\xBC\xC3\x9F" "e\\\xE6\x97\xA5\xE6\x9C\xAC\\\xF0\x9F\x98\x80");
+  EXPECT_EQ(utf8,
+            "C:\\Gr\xC3\xBC\xC3\x9F"
+            "e\\\xE6\x97\xA5\xE6\x9C\xAC\\\xF0\x9F\x98\x80");
   EXPECT_EQ(Utf8ToWide(utf8), text);
 }
 

@@ -85,8 +85,8 @@ class ScopedVariable {
 class ScratchFolder {
  public:
   ScratchFolder() {
-    path_ = std::filesystem::temp_directory_path() /
-            (L"ambrel-consumer-" + std::to_wstring(::GetCurrentProcessId()) + L"-" + std::to_wstring(::GetTickCount64()));
+    path_ = std::filesystem::temp_directory_path() / (L"ambrel-consumer-" + std::to_wstring(::GetCurrentProcessId()) +
+                                                      L"-" + std::to_wstring(::GetTickCount64()));
     std::filesystem::create_directories(path_);
   }
   ~ScratchFolder() {
@@ -169,13 +169,13 @@ void CallStackStartsAtTheLibraryThenTheHost(bool ambrelPdbExpected) {
   const auto lines = Lines(stack);
   Check(lines.size() >= 3, "the stack has at least three frames");
   if (lines.size() < 3) return;
-  Check(InModule(lines[0], L"Ambrel") && FramesOf(stack, L"Ambrel").size() == 1,
-        "line 1 is the library's only frame");
+  Check(InModule(lines[0], L"Ambrel") && FramesOf(stack, L"Ambrel").size() == 1, "line 1 is the library's only frame");
   Check(InModule(lines[1], L"consumer_host") && lines[1].find(L"CaptureFromHost [") != std::wstring::npos,
         "line 2 is the host function that called GetCallStack");
   if (ambrelPdbExpected) {
     // Named with file and line from the Ambrel.pdb shipped beside the DLL.
-    Check(StartsWith(lines[0], L"ambrel! OSxMisc::GetCallStack [") && lines[0].find(L"CallStack.cpp @ ") != std::wstring::npos,
+    Check(StartsWith(lines[0], L"ambrel! OSxMisc::GetCallStack [") &&
+              lines[0].find(L"CallStack.cpp @ ") != std::wstring::npos,
           "line 1 is OSxMisc::GetCallStack with CallStack.cpp and a line");
   } else {
     Check(EndsWith(lines[0], L"! _NA_\t[NULL]\t"), "without Ambrel.pdb, the library's frame is _NA_ and [NULL]");
@@ -199,7 +199,7 @@ class FakeLinkFactory final : public IClassFactory {
     *out = (iid == IID_IUnknown || iid == IID_IClassFactory) ? static_cast<IClassFactory*>(this) : nullptr;
     return *out ? S_OK : E_NOINTERFACE;
   }
-  ULONG STDMETHODCALLTYPE AddRef() override { return 2; }   // lives on the host's stack
+  ULONG STDMETHODCALLTYPE AddRef() override { return 2; }  // lives on the host's stack
   ULONG STDMETHODCALLTYPE Release() override { return 1; }
   HRESULT STDMETHODCALLTYPE CreateInstance(IUnknown* outer, REFIID iid, void** out) override {
     if (outer) return CLASS_E_NOAGGREGATION;
@@ -229,7 +229,10 @@ void ShortcutsAcrossTheBoundary(const ScratchFolder& scratch) {
   // A target long enough that the string lives on the heap, not inline.
   const std::wstring target = (scratch.path() / L"a target folder with a long name\\program.exe").wstring();
   std::filesystem::create_directories(std::filesystem::path(target).parent_path());
-  { std::FILE* file = _wfopen(target.c_str(), L"wb"); if (file) std::fclose(file); }
+  {
+    std::FILE* file = _wfopen(target.c_str(), L"wb");
+    if (file) std::fclose(file);
+  }
   const std::wstring shortcut = (scratch.path() / L"program.lnk").wstring();
   Check(SaveShortcut(shortcut, target), "the host saves a shortcut with the shell");
   {
@@ -352,7 +355,8 @@ void FileSystemErrorsReachTheHost(const ScratchFolder& scratch) {
     } catch (const std::filesystem::filesystem_error& error) {
       lookupWhat = error.what();
     }
-    Check(lookupWhat.find("exists") != std::string::npos, "GetSharedDllPath: the same filesystem_error reaches the host");
+    Check(lookupWhat.find("exists") != std::string::npos,
+          "GetSharedDllPath: the same filesystem_error reaches the host");
     std::printf("      what(): %s\n", lookupWhat.c_str());
     DelayLoadInfo info = {};
     info.cb = sizeof(info);
@@ -378,7 +382,8 @@ void FileSystemErrorsReachTheHost(const ScratchFolder& scratch) {
       thrown = error.what();
     }
     SetQelSessionLogSink(&HostSink);
-    Check(thrown == "the host's sink refuses", "InitializeQel: an exception of the host's sink reaches the host unchanged");
+    Check(thrown == "the host's sink refuses",
+          "InitializeQel: an exception of the host's sink reaches the host unchanged");
     if (thrown) std::printf("      what(): %s\n", thrown->c_str());
   }
   Check(OSxFolder::GetSharedDllPath()[0] == L'\0', "nothing was recorded");

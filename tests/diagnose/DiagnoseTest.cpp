@@ -51,66 +51,110 @@ std::string Pid() { return std::to_string(::GetCurrentProcessId()); }
 
 const std::vector<Row>& Rows() {
   static const std::vector<Row> rows = {
-      {"Healthy", [](SdkSandbox&) {}, 0,
-       {"ok    library.version          ambrel-diagnose " AMBREL_VERSION_TEXT " judges with the code of Ambrel " AMBREL_VERSION_TEXT,
-        "info  library.signature        not signed (WinVerifyTrust 0x800B0100)", "ok    marker", "ok    sdk.selfUpdateLock", "ok    sdk.location", "ok    sdk.file", "ok    sdk.signature",
-        "ok    sdk.publisher", "ok    sdk.machine              x64 (0x8664), as the host",
-        "ok    sdk.export.Initialize", "ok    sdk.export.ReleaseMemory",
-        "ok    sdk.export.Uninitialize", "ok    sdk.export.LockDirectory", "ok    sdk.export.UnLockDirectory",
-        "ok    registry.key", "ok    registry.override", "ok    registry.installPath", "ok    registry.version",
-        "ok    location", "ok    path", "ok    result                   InitializeQel would return true with"},
+      {"Healthy",
+       [](SdkSandbox&) {},
+       0,
+       {"ok    library.version          ambrel-diagnose " AMBREL_VERSION_TEXT
+        " judges with the code of Ambrel " AMBREL_VERSION_TEXT,
+        "info  library.signature        not signed (WinVerifyTrust 0x800B0100)",
+        "ok    marker",
+        "ok    sdk.selfUpdateLock",
+        "ok    sdk.location",
+        "ok    sdk.file",
+        "ok    sdk.signature",
+        "ok    sdk.publisher",
+        "ok    sdk.machine              x64 (0x8664), as the host",
+        "ok    sdk.export.Initialize",
+        "ok    sdk.export.ReleaseMemory",
+        "ok    sdk.export.Uninitialize",
+        "ok    sdk.export.LockDirectory",
+        "ok    sdk.export.UnLockDirectory",
+        "ok    registry.key",
+        "ok    registry.override",
+        "ok    registry.installPath",
+        "ok    registry.version",
+        "ok    location",
+        "ok    path",
+        "ok    result                   InitializeQel would return true with"},
        {"\"initializeQel\": true", "\"sdkLock\": true", "\"exitCode\": 0",
-        "{\"id\": \"sdk.signature\", \"verdict\": \"ok\"", "\"status\": 0, \"statusHex\": \"0x00000000\", \"verified\": true",
+        "{\"id\": \"sdk.signature\", \"verdict\": \"ok\"",
+        "\"status\": 0, \"statusHex\": \"0x00000000\", \"verified\": true",
         "{\"id\": \"library.signature\", \"verdict\": \"info\", \"text\": \"not signed (WinVerifyTrust 0x800B0100)\", "
         "\"evidence\": {\"status\": -2146762496, \"statusHex\": \"0x800B0100\", \"verified\": false, \"signer\": null}}"}},
-      {"NoRegistryEntry", [](SdkSandbox&) { RegistrySandbox::DeleteKey(HKEY_LOCAL_MACHINE, kSharedComponentsKey); }, 1,
+      {"NoRegistryEntry",
+       [](SdkSandbox&) { RegistrySandbox::DeleteKey(HKEY_LOCAL_MACHINE, kSharedComponentsKey); },
+       1,
        {"fail  registry.key", "skip  registry.installPath", "skip  location",
         "fail  result                   InitializeQel would return false: the shared-components entry"},
        {"\"initializeQel\": false", "\"exitCode\": 1", "{\"id\": \"registry.key\", \"verdict\": \"fail\"",
         "\"present\": false"}},
-      {"VersionFolderMissing", [](SdkSandbox&) { SdkSandbox::SetVersion(L"2026.9"); }, 1,
-       {"ok    registry.installPath", "fail  registry.version", "fail  result                   InitializeQel would return false: the version folder"},
+      {"VersionFolderMissing",
+       [](SdkSandbox&) { SdkSandbox::SetVersion(L"2026.9"); },
+       1,
+       {"ok    registry.installPath", "fail  registry.version",
+        "fail  result                   InitializeQel would return false: the version folder"},
        {"\"initializeQel\": false", "{\"id\": \"registry.version\", \"verdict\": \"fail\"", "\"value\": \"2026.9\""}},
       {"OverrideWithoutVariable",
-       [](SdkSandbox&) { RegistrySandbox::SetDword(HKEY_LOCAL_MACHINE, kSharedComponentsKey, L"EnablePathOverride", 1); }, 0,
+       [](SdkSandbox&) {
+         RegistrySandbox::SetDword(HKEY_LOCAL_MACHINE, kSharedComponentsKey, L"EnablePathOverride", 1);
+       },
+       0,
        {"warn  registry.override", "ok    registry.version", "ok    location", "ok    result"},
-       {"\"initializeQel\": true", "\"enablePathOverride\": 1, \"variable\": \"QEL_PATH_2026\", \"variableValue\": null"}},
-      {"SdkPathMissing", [](SdkSandbox& s) { SetSdkLocation(s.scratch() / L"gone\\StandInSdk.dll"); }, 0,
+       {"\"initializeQel\": true",
+        "\"enablePathOverride\": 1, \"variable\": \"QEL_PATH_2026\", \"variableValue\": null"}},
+      {"SdkPathMissing",
+       [](SdkSandbox& s) { SetSdkLocation(s.scratch() / L"gone\\StandInSdk.dll"); },
+       0,
        {"ok    sdk.location", "warn  sdk.file", "skip  sdk.signature", "skip  sdk.export.Initialize",
         "ok    result                   InitializeQel would return true with"},
        {"\"initializeQel\": true", "\"sdkLock\": false", "{\"id\": \"sdk.file\", \"verdict\": \"warn\"",
         "the installer would not lock it: the SDK file"}},
-      {"StaleLockFile", [](SdkSandbox& s) { s.programData().WriteLock(Pid() + "\r\n"); }, 0,
+      {"StaleLockFile",
+       [](SdkSandbox& s) { s.programData().WriteLock(Pid() + "\r\n"); },
+       0,
        {"info  sdk.selfUpdateLock", "ok    result"},
        {"\"present\": true", "\"processId\": null, \"running\": false", "\"sdkLock\": true"}},
-      {"LiveLockFile", [](SdkSandbox& s) { s.programData().WriteLock(Pid()); }, 0,
+      {"LiveLockFile",
+       [](SdkSandbox& s) { s.programData().WriteLock(Pid()); },
+       0,
        {"warn  sdk.selfUpdateLock       process " + Pid() + " is running", "ok    result"},
        {"\"processId\": " + Pid() + ", \"running\": true", "\"sdkLock\": false", "the installer is updating itself"}},
-      {"UnsignedSdk", [](SdkSandbox&) { SetSdkLocation(StandInKind::Unsigned); }, 0,
+      {"UnsignedSdk",
+       [](SdkSandbox&) { SetSdkLocation(StandInKind::Unsigned); },
+       0,
        {"ok    sdk.file", "warn  sdk.signature", "skip  sdk.publisher", "ok    sdk.export.Initialize", "ok    result"},
        {"{\"id\": \"sdk.signature\", \"verdict\": \"warn\"", "\"verified\": false", "\"sdkLock\": false"}},
-      {"TamperedSdk", [](SdkSandbox&) { SetSdkLocation(StandInKind::Tampered); }, 0,
+      {"TamperedSdk",
+       [](SdkSandbox&) { SetSdkLocation(StandInKind::Tampered); },
+       0,
        {"warn  sdk.signature", "skip  sdk.publisher", "ok    result"},
        {"\"verified\": false", "\"sdkLock\": false"}},
-      {"OtherPublisherSdk", [](SdkSandbox&) { SetSdkLocation(StandInKind::OtherPublisher); }, 0,
+      {"OtherPublisherSdk",
+       [](SdkSandbox&) { SetSdkLocation(StandInKind::OtherPublisher); },
+       0,
        {"ok    sdk.signature", "warn  sdk.publisher", "ok    result"},
        {"\"publisher\": \"Tavrel, Inc\", \"found\": false, \"error\": 2148081668", "\"sdkLock\": false"}},
-      {"MissingExport", [](SdkSandbox&) { SetSdkLocation(StandInKind::NoLockDirectory); }, 0,
+      {"MissingExport",
+       [](SdkSandbox&) { SetSdkLocation(StandInKind::NoLockDirectory); },
+       0,
        {"ok    sdk.publisher", "ok    sdk.export.Initialize", "warn  sdk.export.LockDirectory",
         "ok    sdk.export.UnLockDirectory", "ok    result"},
        {"{\"id\": \"sdk.export.LockDirectory\", \"verdict\": \"warn\", \"text\": \"not exported\", \"evidence\": {\"present\": false}}",
         "\"sdkLock\": false", "does not export LockDirectory"}},
       // Every check of the wrapper passes; the 64-bit host's LoadLibraryW then refuses it (193).
-      {"ThirtyTwoBitSdk", [](SdkSandbox&) { SetSdkLocation(StandInKind::ThirtyTwoBit); }, 0,
+      {"ThirtyTwoBitSdk",
+       [](SdkSandbox&) { SetSdkLocation(StandInKind::ThirtyTwoBit); },
+       0,
        {"ok    sdk.signature", "ok    sdk.publisher",
         "warn  sdk.machine              x86 (0x014C): LoadLibraryW in an x64 host refuses it (error 193",
-        "ok    sdk.export.Initialize",
-        "ok    result                   InitializeQel would return true with"},
+        "ok    sdk.export.Initialize", "ok    result                   InitializeQel would return true with"},
        {"{\"id\": \"sdk.machine\", \"verdict\": \"warn\"",
         "\"machine\": \"x86\", \"machineCode\": 332, \"hostMachine\": \"x64\", \"loadable\": false",
         "\"sdkLock\": false",
         "the installer would not lock it: the SDK file is an x86 DLL, which LoadLibraryW in an x64 host refuses (error 193)"}},
-      {"MarkerAlreadySet", [](SdkSandbox& s) { s.env().Set(kMarker, L"1"); }, 0,
+      {"MarkerAlreadySet",
+       [](SdkSandbox& s) { s.env().Set(kMarker, L"1"); },
+       0,
        {"info  marker", "ok    result                   InitializeQel would return true without the installer"},
        {"\"variable\": \"QEL_INITIALIZE_BYPASSED\", \"present\": true, \"value\": \"1\"", "\"initializeQel\": true"}},
       // "C:" and "." make "C:\.", an existing folder one character too short.
@@ -120,10 +164,12 @@ const std::vector<Row>& Rows() {
          SdkSandbox::SetVersion(L".");
        },
        1,
-       {"ok    registry.version", "fail  location                 \"C:\\.\" is too short",
-        "skip  path", "fail  result                   InitializeQel would return false: the registry's folder \"C:\\.\""},
+       {"ok    registry.version", "fail  location                 \"C:\\.\" is too short", "skip  path",
+        "fail  result                   InitializeQel would return false: the registry's folder \"C:\\.\""},
        {"\"initializeQel\": false", "\"sdkLock\": false", "\"location\": null"}},
-      {"TooShortFromTheOverride", [](SdkSandbox& s) { s.OverrideLocation(L"C:\\x"); }, 1,
+      {"TooShortFromTheOverride",
+       [](SdkSandbox& s) { s.OverrideLocation(L"C:\\x"); },
+       1,
        {"info  registry.override", "skip  registry.installPath", "skip  registry.version", "fail  location",
         "fail  result                   InitializeQel would return false: QEL_PATH_2026 = \"C:\\x\" is too short"},
        {"\"initializeQel\": false", "\"variableValue\": \"C:\\\\x\""}},
@@ -140,7 +186,8 @@ TEST_P(DiagnoseRow, TextAndJsonGiveTheVerdicts) {
 
   const ProcessResult text = RunDiagnose(sandbox);
   EXPECT_EQ(text.exitCode, row.exitCode) << text.output;
-  for (const std::string& line : row.lines) EXPECT_TRUE(HasLineStarting(text.output, line)) << line << "\n" << text.output;
+  for (const std::string& line : row.lines)
+    EXPECT_TRUE(HasLineStarting(text.output, line)) << line << "\n" << text.output;
 
   const ProcessResult json = RunDiagnose(sandbox, L"--json");
   EXPECT_EQ(json.exitCode, row.exitCode) << json.output;
@@ -235,11 +282,30 @@ TEST(Diagnose, ChecksComeInTheBootstrapsOrder) {
     const auto start = line.find_first_not_of(' ', 6);
     ids.push_back(line.substr(start, line.find(' ', start) - start));
   }
-  const std::vector<std::string> expected = {
-      "library", "library.version", "library.signature", "edition", "marker", "sdk.selfUpdateLock", "sdk.location", "sdk.expanded", "sdk.file",
-      "sdk.signature", "sdk.publisher", "sdk.machine", "sdk.export.Initialize", "sdk.export.ReleaseMemory",
-      "sdk.export.Uninitialize", "sdk.export.LockDirectory", "sdk.export.UnLockDirectory", "registry.key",
-      "registry.override", "registry.installPath", "registry.version", "location", "path", "result"};
+  const std::vector<std::string> expected = {"library",
+                                             "library.version",
+                                             "library.signature",
+                                             "edition",
+                                             "marker",
+                                             "sdk.selfUpdateLock",
+                                             "sdk.location",
+                                             "sdk.expanded",
+                                             "sdk.file",
+                                             "sdk.signature",
+                                             "sdk.publisher",
+                                             "sdk.machine",
+                                             "sdk.export.Initialize",
+                                             "sdk.export.ReleaseMemory",
+                                             "sdk.export.Uninitialize",
+                                             "sdk.export.LockDirectory",
+                                             "sdk.export.UnLockDirectory",
+                                             "registry.key",
+                                             "registry.override",
+                                             "registry.installPath",
+                                             "registry.version",
+                                             "location",
+                                             "path",
+                                             "result"};
   EXPECT_EQ(ids, expected) << result.output;
 }
 
@@ -251,17 +317,18 @@ TEST(Diagnose, ReportsWhetherTheLibraryIsSignedAndByWhom) {
   const std::wstring signedDll = L"--library \"" + StandInSdkPath(StandInKind::Signed) + L"\"";
   const ProcessResult text = RunDiagnose(sandbox, signedDll);
   EXPECT_EQ(text.exitCode, 0u) << text.output;
-  EXPECT_TRUE(HasLineStarting(text.output, "ok    library.signature        signed by \"" + signer + "\" (WinVerifyTrust 0)"))
+  EXPECT_TRUE(
+      HasLineStarting(text.output, "ok    library.signature        signed by \"" + signer + "\" (WinVerifyTrust 0)"))
       << text.output;
   const ProcessResult json = RunDiagnose(sandbox, signedDll + L" --json");
   EXPECT_EQ(json.exitCode, 0u) << json.output;
-  EXPECT_NE(json.output.find("\"status\": 0, \"statusHex\": \"0x00000000\", \"verified\": true, \"signer\": \"CN=Tavrel "
-                             "Test Code Signing, O=\\\"Tavrel, Inc\\\"\"}"),
-            std::string::npos)
+  EXPECT_NE(
+      json.output.find("\"status\": 0, \"statusHex\": \"0x00000000\", \"verified\": true, \"signer\": \"CN=Tavrel "
+                       "Test Code Signing, O=\\\"Tavrel, Inc\\\"\"}"),
+      std::string::npos)
       << json.output;
 
-  const ProcessResult tampered =
-      RunDiagnose(sandbox, L"--library \"" + StandInSdkPath(StandInKind::Tampered) + L"\"");
+  const ProcessResult tampered = RunDiagnose(sandbox, L"--library \"" + StandInSdkPath(StandInKind::Tampered) + L"\"");
   EXPECT_EQ(tampered.exitCode, 0u) << tampered.output;
   EXPECT_TRUE(HasLineStarting(tampered.output, "warn  library.signature        signed by \"" + signer +
                                                    "\", but the signature does not verify (WinVerifyTrust 0x80096010)"))
@@ -276,8 +343,8 @@ TEST(Diagnose, WithSdkRunsOneSessionAndReportsItsCodes) {
   const std::string lockPath = Narrow(sandbox.sharedDir()) + "\\";
   EXPECT_TRUE(HasLineStarting(result.output, "sdk      Initialize(QEL, 2026, neutral) -> 0")) << result.output;
   EXPECT_TRUE(HasLineStarting(result.output, "sdk      LockDirectory(" + lockPath + ") -> 0")) << result.output;
-  EXPECT_TRUE(HasLineStarting(result.output, "session  LockInstallLocation -> 0, location \"" +
-                                                 Narrow(sandbox.sharedDir()) + "\""))
+  EXPECT_TRUE(HasLineStarting(result.output,
+                              "session  LockInstallLocation -> 0, location \"" + Narrow(sandbox.sharedDir()) + "\""))
       << result.output;
   EXPECT_TRUE(HasLineStarting(result.output, "sdk      Uninitialize() -> 0")) << result.output;
   EXPECT_EQ(sandbox.SdkCalls(), kWholeSession);
@@ -310,9 +377,9 @@ TEST(Diagnose, SaysWhenTheJudgedLibraryIsAnotherVersion) {
   SdkSandbox sandbox(SdkSandbox::Contents::Installed);
   const std::wstring other = L"--library \"" + TestBinDirectory() + L"\\other_version\\Ambrel.dll\"";
   const ProcessResult text = RunDiagnose(sandbox, other);
-  EXPECT_TRUE(HasLineStarting(text.output, "warn  library.version          versions differ: ambrel-diagnose " AMBREL_VERSION_TEXT
-                                           " judges with the code of Ambrel " AMBREL_VERSION_TEXT
-                                           ", but the judged Ambrel.dll is 9.8.7.6"))
+  EXPECT_TRUE(HasLineStarting(
+      text.output, "warn  library.version          versions differ: ambrel-diagnose " AMBREL_VERSION_TEXT
+                   " judges with the code of Ambrel " AMBREL_VERSION_TEXT ", but the judged Ambrel.dll is 9.8.7.6"))
       << text.output;
   const ProcessResult json = RunDiagnose(sandbox, other + L" --json");
   EXPECT_NE(json.output.find("\"toolVersion\": \"" AMBREL_VERSION_TEXT "\""), std::string::npos) << json.output;

@@ -97,7 +97,8 @@ std::vector<HeapImporter> HeapImporters() {
 #if defined(_MSC_VER)
   // The library's objects are in this program; operator new is linked in and
   // calls the universal runtime's malloc.
-  return {{::GetModuleHandleW(nullptr), "api-ms-win-crt-heap-l1-1-0.dll"}, {::GetModuleHandleW(nullptr), "ucrtbase.dll"}};
+  return {{::GetModuleHandleW(nullptr), "api-ms-win-crt-heap-l1-1-0.dll"},
+          {::GetModuleHandleW(nullptr), "ucrtbase.dll"}};
 #else
   // This program's own malloc calls (the library's objects are linked in) and
   // libstdc++'s, where operator new and the out-of-line string code allocate.
@@ -157,14 +158,10 @@ enum class Outcome { Completed, BadAlloc, FailureSwallowed, OtherException };
 
 const char* Name(Outcome outcome) {
   switch (outcome) {
-    case Outcome::Completed:
-      return "completed";
-    case Outcome::BadAlloc:
-      return "std::bad_alloc";
-    case Outcome::FailureSwallowed:
-      return "failure swallowed";
-    case Outcome::OtherException:
-      return "another exception";
+    case Outcome::Completed: return "completed";
+    case Outcome::BadAlloc: return "std::bad_alloc";
+    case Outcome::FailureSwallowed: return "failure swallowed";
+    case Outcome::OtherException: return "another exception";
   }
   return "?";
 }
@@ -174,7 +171,7 @@ struct Row {
   long tried = 0;
   long badAlloc = 0;
   long swallowed = 0;
-  long handled = 0;  // handled as the design says, the call completed
+  long handled = 0;         // handled as the design says, the call completed
   long afterLastWrite = 0;  // std::bad_alloc once the bootstrap was complete
 };
 std::vector<Row>& Table() {

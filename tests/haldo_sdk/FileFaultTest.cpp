@@ -70,8 +70,9 @@ TEST_F(LogFaultTest, ReadOnlyFileChangesNoResult) {
     seed << "before\r\n";
   }
   ASSERT_TRUE(::SetFileAttributesW(sandbox_.log().LogFile().c_str(), FILE_ATTRIBUTE_READONLY));
-  const bool refused = !UniqueFileHandle(::CreateFileW(sandbox_.log().LogFile().c_str(), FILE_APPEND_DATA, FILE_SHARE_READ,
-                                                       nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr));
+  const bool refused =
+      !UniqueFileHandle(::CreateFileW(sandbox_.log().LogFile().c_str(), FILE_APPEND_DATA, FILE_SHARE_READ, nullptr,
+                                      OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr));
   RecordProperty("read_only_file_refused_by_the_system", refused ? "yes" : "no");
   EXPECT_EQ(Conversation(wrapper_), kAllSucceed);
   const std::string after = ReadFileBytes(sandbox_.log().LogFile());
@@ -87,7 +88,8 @@ TEST_F(LogFaultTest, FolderInPlaceOfTheFileWritesNothingAndChangesNoResult) {
   SetSdkLocation(StandInKind::Signed);
   ASSERT_TRUE(::CreateDirectoryW(sandbox_.log().LogFile().c_str(), nullptr));
   EXPECT_EQ(Conversation(wrapper_), kAllSucceed);
-  EXPECT_EQ(::GetFileAttributesW(sandbox_.log().LogFile().c_str()) & FILE_ATTRIBUTE_DIRECTORY, FILE_ATTRIBUTE_DIRECTORY);
+  EXPECT_EQ(::GetFileAttributesW(sandbox_.log().LogFile().c_str()) & FILE_ATTRIBUTE_DIRECTORY,
+            FILE_ATTRIBUTE_DIRECTORY);
   EXPECT_EQ(WrapperState().logPath, sandbox_.log().LogFile());
   ::RemoveDirectoryW(sandbox_.log().LogFile().c_str());
 }
@@ -129,8 +131,8 @@ std::string OwnProcessId() { return std::to_string(::GetCurrentProcessId()); }
 TEST_F(LockFaultTest, LockHeldOpenWithoutSharingDoesNotBlock) {
   SetSdkLocation(StandInKind::Signed);
   sandbox_.programData().WriteLock(OwnProcessId());
-  UniqueFileHandle held(::CreateFileW(sandbox_.programData().LockFile().c_str(), GENERIC_READ, 0, nullptr, OPEN_EXISTING,
-                                      FILE_ATTRIBUTE_NORMAL, nullptr));
+  UniqueFileHandle held(::CreateFileW(sandbox_.programData().LockFile().c_str(), GENERIC_READ, 0, nullptr,
+                                      OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr));
   ASSERT_TRUE(held);
   EXPECT_EQ(wrapper_.Initialize("QEL", "2026", "neutral"), 0);
   EXPECT_THAT(sandbox_.log().Messages(), ElementsAreArray(SuccessfulInitializeLines(SdkPath(StandInKind::Signed))));
@@ -171,10 +173,12 @@ struct LockRow {
 const LockRow kLockRows[] = {
     {"OwnIdBare", [] { return OwnProcessId(); }, 8},  // the control: this blocks
     {"OwnIdPaddedTo20Digits", [] { return std::string(20 - OwnProcessId().size(), '0') + OwnProcessId(); }, 0},
-    {"OwnIdPlusMultipleOf2To32", [] {
+    {"OwnIdPlusMultipleOf2To32",
+     [] {
        const std::uint64_t value = (std::uint64_t{2328306437} << 32) + ::GetCurrentProcessId();
        return std::to_string(value);
-     }, 0},
+     },
+     0},
     {"LargestUnsigned64", [] { return std::string("18446744073709551615"); }, 0},
     {"PastUnsigned64", [] { return std::string("99999999999999999999"); }, 0},
 };

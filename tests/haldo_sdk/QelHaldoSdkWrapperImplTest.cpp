@@ -42,8 +42,8 @@ TEST_F(WrapperInitializeTest, SuccessfulInitializeWritesTheFullSequence) {
   EXPECT_THAT(sandbox_.log().Messages(), ElementsAreArray(SuccessfulInitializeLines(SdkPath(StandInKind::Signed))));
   // The session-id slot is null when the SDK gets it, and the memory it handed
   // out goes back to it through ReleaseMemory.
-  EXPECT_THAT(sandbox_.sdk().Calls(), ElementsAre("Initialize\tQEL\t2026\tneutral\tnull\t0",
-                                        "ReleaseMemory\tstandin-session\thanded-out"));
+  EXPECT_THAT(sandbox_.sdk().Calls(),
+              ElementsAre("Initialize\tQEL\t2026\tneutral\tnull\t0", "ReleaseMemory\tstandin-session\thanded-out"));
 }
 
 TEST_F(WrapperInitializeTest, EveryRecordCarriesATimestampOfTheDocumentedShape) {
@@ -60,8 +60,10 @@ TEST_F(WrapperInitializeTest, TheSessionIdIsTheOneTheSdkReturned) {
   sandbox_.sdk().SetSessionId("3f2a-77");
   ASSERT_EQ(wrapper_.Initialize("QEL", "2026", "neutral"), 0);
   EXPECT_EQ(WrapperState().sessionId, "3f2a-77");
-  EXPECT_THAT(sandbox_.log().Messages(), ElementsAreArray(SuccessfulInitializeLines(SdkPath(StandInKind::Signed), "3f2a-77")));
-  EXPECT_THAT(sandbox_.sdk().Calls(), ElementsAre("Initialize\tQEL\t2026\tneutral\tnull\t0", "ReleaseMemory\t3f2a-77\thanded-out"));
+  EXPECT_THAT(sandbox_.log().Messages(),
+              ElementsAreArray(SuccessfulInitializeLines(SdkPath(StandInKind::Signed), "3f2a-77")));
+  EXPECT_THAT(sandbox_.sdk().Calls(),
+              ElementsAre("Initialize\tQEL\t2026\tneutral\tnull\t0", "ReleaseMemory\t3f2a-77\thanded-out"));
 }
 
 TEST_F(WrapperInitializeTest, EmptyLanguageIsAccepted) {
@@ -70,7 +72,8 @@ TEST_F(WrapperInitializeTest, EmptyLanguageIsAccepted) {
   const auto messages = sandbox_.log().Messages();
   ASSERT_GE(messages.size(), 2u);
   EXPECT_EQ(messages[1], "[INFO] HALDOAPIWrapperImpl::Initialize: plc = \"QEL\", release = \"2026\", language = \"\"");
-  EXPECT_THAT(sandbox_.sdk().Calls(), ElementsAre("Initialize\tQEL\t2026\t\tnull\t0", "ReleaseMemory\tstandin-session\thanded-out"));
+  EXPECT_THAT(sandbox_.sdk().Calls(),
+              ElementsAre("Initialize\tQEL\t2026\t\tnull\t0", "ReleaseMemory\tstandin-session\thanded-out"));
 }
 
 TEST_F(WrapperInitializeTest, EmptyReleaseReturns5WithTheSeparatorAndOneErrorLine) {
@@ -118,9 +121,9 @@ TEST_F(WrapperInitializeTest, SdkInitializeFailingWith12StillReleasesMemoryWithA
   sandbox_.sdk().SetResult("Initialize", 12);
   EXPECT_EQ(wrapper_.Initialize("QEL", "2026", "neutral"), 12);
   EXPECT_FALSE(wrapper_.IsInitialized());
-  EXPECT_THAT(sandbox_.log().Messages(), ElementsAre(kLogSeparator, kArgsLine,
-                                           "[INFO] Load: HALDO SDK path = " + SdkPath(StandInKind::Signed),
-                                           kLoadedLine));
+  EXPECT_THAT(sandbox_.log().Messages(),
+              ElementsAre(kLogSeparator, kArgsLine, "[INFO] Load: HALDO SDK path = " + SdkPath(StandInKind::Signed),
+                          kLoadedLine));
   // The slot was null going in, and the SDK wrote nothing, so null comes back.
   EXPECT_THAT(sandbox_.sdk().Calls(), ElementsAre("Initialize\tQEL\t2026\tneutral\tnull\t12", "ReleaseMemory\t\tnull"));
   EXPECT_NE(WrapperState().module.get(), nullptr);  // stays loaded
@@ -134,11 +137,12 @@ TEST_F(WrapperInitializeTest, AfterAFailedSdkInitializeTheNextOneSkipsLoading) {
   sandbox_.sdk().ClearCalls();
   sandbox_.sdk().SetResult("Initialize", 0);
   EXPECT_EQ(wrapper_.Initialize("QEL", "2026", "neutral"), 0);
-  EXPECT_THAT(sandbox_.log().Messages(), ElementsAre(kLogSeparator, kArgsLine, kLoadedLine,
-                                           "[INFO] HALDOAPIWrapperImpl::Initialize: session id = standin-session"));
+  EXPECT_THAT(sandbox_.log().Messages(),
+              ElementsAre(kLogSeparator, kArgsLine, kLoadedLine,
+                          "[INFO] HALDOAPIWrapperImpl::Initialize: session id = standin-session"));
   // No second load: no attach, only the two calls.
-  EXPECT_THAT(sandbox_.sdk().Calls(true), ElementsAre("Initialize\tQEL\t2026\tneutral\tnull\t0",
-                                            "ReleaseMemory\tstandin-session\thanded-out"));
+  EXPECT_THAT(sandbox_.sdk().Calls(true),
+              ElementsAre("Initialize\tQEL\t2026\tneutral\tnull\t0", "ReleaseMemory\tstandin-session\thanded-out"));
 }
 
 TEST_F(WrapperInitializeTest, LoadFailureReturnsTheLoadCodeWithTheTrailingBlankLine) {
@@ -153,9 +157,10 @@ TEST_F(WrapperInitializeTest, LoadFailureReturnsTheLoadCodeWithTheTrailingBlankL
 TEST_F(WrapperInitializeTest, MissingInitializeExportReturns4WithoutReleasingMemory) {
   SetSdkLocation(StandInKind::NoInitialize);
   EXPECT_EQ(wrapper_.Initialize("QEL", "2026", "neutral"), 4);
-  EXPECT_THAT(sandbox_.log().Messages(),
-              ElementsAre(kLogSeparator, kArgsLine, "[INFO] Load: HALDO SDK path = " + SdkPath(StandInKind::NoInitialize),
-                          kLoadedLine, "[ERROR] HALDOAPIWrapperImpl::Initialize: Failed to obtain InitializeFunc handle!"));
+  EXPECT_THAT(
+      sandbox_.log().Messages(),
+      ElementsAre(kLogSeparator, kArgsLine, "[INFO] Load: HALDO SDK path = " + SdkPath(StandInKind::NoInitialize),
+                  kLoadedLine, "[ERROR] HALDOAPIWrapperImpl::Initialize: Failed to obtain InitializeFunc handle!"));
   EXPECT_THAT(sandbox_.sdk().Calls(), IsEmpty());
   EXPECT_NE(WrapperState().module.get(), nullptr);
 }
@@ -165,8 +170,9 @@ TEST_F(WrapperInitializeTest, MissingReleaseMemoryExportIsLoggedAndTheSdkResultS
   EXPECT_EQ(wrapper_.Initialize("QEL", "2026", "neutral"), 0);
   EXPECT_TRUE(wrapper_.IsInitialized());
   EXPECT_THAT(sandbox_.log().Messages(),
-              ElementsAreArray(Concat(SuccessfulInitializeLines(SdkPath(StandInKind::NoReleaseMemory)),
-                                      {"[ERROR] HALDOAPIWrapperImpl::ReleaseMemory: Failed to obtain ReleaseMemoryFunc handle!"})));
+              ElementsAreArray(
+                  Concat(SuccessfulInitializeLines(SdkPath(StandInKind::NoReleaseMemory)),
+                         {"[ERROR] HALDOAPIWrapperImpl::ReleaseMemory: Failed to obtain ReleaseMemoryFunc handle!"})));
   EXPECT_THAT(sandbox_.sdk().Calls(), ElementsAre("Initialize\tQEL\t2026\tneutral\tnull\t0"));
 }
 
@@ -184,9 +190,9 @@ TEST_F(WrapperInitializeTest, TwoAttemptsWriteTwoSeparatorsAndAThirdAfterSuccess
   EXPECT_EQ(wrapper_.Initialize("QEL", "", "neutral"), 5);
   EXPECT_EQ(wrapper_.Initialize("QEL", "2026", "neutral"), 0);
   EXPECT_EQ(wrapper_.Initialize("QEL", "2026", "neutral"), 2);
-  const auto expected = Concat(
-      {kLogSeparator, "[ERROR] HALDOAPIWrapperImpl::Initialize: Either \"plc\" or \"release\" argument absent!"},
-      SuccessfulInitializeLines(SdkPath(StandInKind::Signed)));
+  const auto expected =
+      Concat({kLogSeparator, "[ERROR] HALDOAPIWrapperImpl::Initialize: Either \"plc\" or \"release\" argument absent!"},
+             SuccessfulInitializeLines(SdkPath(StandInKind::Signed)));
   EXPECT_THAT(sandbox_.log().Messages(), ElementsAreArray(expected));
 }
 
@@ -215,7 +221,7 @@ TEST_F(WrapperInstanceTest, CreateInstanceSharesTheOneState) {
   EXPECT_TRUE(wrapper_.IsInitialized());
   EXPECT_EQ(WrapperState().module.get(), module);
   EXPECT_THAT(sandbox_.sdk().Calls(true), ElementsAre("Attach", "Initialize\tQEL\t2026\tneutral\tnull\t0",
-                                            "ReleaseMemory\tstandin-session\thanded-out"));
+                                                      "ReleaseMemory\tstandin-session\thanded-out"));
 }
 
 TEST_F(WrapperInstanceTest, CallsThroughTheInterfaceReachTheImplementation) {
@@ -227,10 +233,10 @@ TEST_F(WrapperInstanceTest, CallsThroughTheInterfaceReachTheImplementation) {
   EXPECT_EQ(wrapper->UnLockDirectory("C:\\Qel"), 0);
   EXPECT_EQ(wrapper->Uninitialize(), 0);
   EXPECT_FALSE(wrapper->IsInitialized());
-  EXPECT_THAT(sandbox_.sdk().Calls(), ElementsAre("Initialize\tQEL\t2026\tneutral\tnull\t0",
-                                        "ReleaseMemory\tstandin-session\thanded-out",
-                                        "LockDirectory\tstandin-session\tC:\\Qel\t0",
-                                        "UnLockDirectory\tstandin-session\tC:\\Qel\t0", "Uninitialize\tstandin-session\t0"));
+  EXPECT_THAT(sandbox_.sdk().Calls(),
+              ElementsAre("Initialize\tQEL\t2026\tneutral\tnull\t0", "ReleaseMemory\tstandin-session\thanded-out",
+                          "LockDirectory\tstandin-session\tC:\\Qel\t0", "UnLockDirectory\tstandin-session\tC:\\Qel\t0",
+                          "Uninitialize\tstandin-session\t0"));
 }
 
 // ---- LockDirectory / UnLockDirectory
@@ -240,22 +246,25 @@ using WrapperLockTest = WrapperTest;
 TEST_F(WrapperLockTest, LockBeforeInitializeReturns4AfterASeparator) {
   EXPECT_EQ(wrapper_.LockDirectory("C:\\Qel\\2026"), 4);
   EXPECT_THAT(sandbox_.log().Messages(),
-              ElementsAre(kLogSeparator, "[ERROR] HALDOAPIWrapperImpl::LockDirectory: Failed to obtain LockDirectoryFunc handle!"));
+              ElementsAre(kLogSeparator,
+                          "[ERROR] HALDOAPIWrapperImpl::LockDirectory: Failed to obtain LockDirectoryFunc handle!"));
 }
 
 TEST_F(WrapperLockTest, UnLockBeforeInitializeReturns4AfterASeparator) {
   EXPECT_EQ(wrapper_.UnLockDirectory("C:\\Qel\\2026"), 4);
-  EXPECT_THAT(sandbox_.log().Messages(),
-              ElementsAre(kLogSeparator,
-                          "[ERROR] HALDOAPIWrapperImpl::UnLockDirectory: Failed to obtain UnLockDirectoryFunc handle!"));
+  EXPECT_THAT(
+      sandbox_.log().Messages(),
+      ElementsAre(kLogSeparator,
+                  "[ERROR] HALDOAPIWrapperImpl::UnLockDirectory: Failed to obtain UnLockDirectoryFunc handle!"));
 }
 
 TEST_F(WrapperLockTest, EmptyDirectoryReturns5) {
   EXPECT_EQ(wrapper_.LockDirectory(""), 5);
   EXPECT_EQ(wrapper_.UnLockDirectory(""), 5);
-  EXPECT_THAT(sandbox_.log().Messages(),
-              ElementsAre(kLogSeparator, "[ERROR] HALDOAPIWrapperImpl::LockDirectory: Argument \"directoryToLock \" is empty!",
-                          "[ERROR] HALDOAPIWrapperImpl::UnLockDirectory: Argument \"directoryToLock \" is empty!"));
+  EXPECT_THAT(
+      sandbox_.log().Messages(),
+      ElementsAre(kLogSeparator, "[ERROR] HALDOAPIWrapperImpl::LockDirectory: Argument \"directoryToLock \" is empty!",
+                  "[ERROR] HALDOAPIWrapperImpl::UnLockDirectory: Argument \"directoryToLock \" is empty!"));
 }
 
 TEST_F(WrapperLockTest, EmptyDirectoryWithASessionReturns5WithoutCallingTheSdk) {
@@ -279,9 +288,10 @@ TEST_F(WrapperLockTest, SuccessfulLockAndUnlockPassTheSessionAndLogNothing) {
   EXPECT_EQ(wrapper_.LockDirectory("C:\\Program Files\\Tavrel\\Qel\\2026"), 0);
   EXPECT_EQ(wrapper_.UnLockDirectory("C:\\Program Files\\Tavrel\\Qel\\2026"), 0);
   EXPECT_EQ(wrapper_.LockDirectory("C:\\Program Files\\Tavrel\\Qel\\2026"), 0);
-  EXPECT_THAT(sandbox_.sdk().Calls(), ElementsAre("LockDirectory\tstandin-session\tC:\\Program Files\\Tavrel\\Qel\\2026\t0",
-                                        "UnLockDirectory\tstandin-session\tC:\\Program Files\\Tavrel\\Qel\\2026\t0",
-                                        "LockDirectory\tstandin-session\tC:\\Program Files\\Tavrel\\Qel\\2026\t0"));
+  EXPECT_THAT(sandbox_.sdk().Calls(),
+              ElementsAre("LockDirectory\tstandin-session\tC:\\Program Files\\Tavrel\\Qel\\2026\t0",
+                          "UnLockDirectory\tstandin-session\tC:\\Program Files\\Tavrel\\Qel\\2026\t0",
+                          "LockDirectory\tstandin-session\tC:\\Program Files\\Tavrel\\Qel\\2026\t0"));
   EXPECT_EQ(sandbox_.log().Lines(), before);
 }
 
@@ -335,7 +345,8 @@ TEST_F(WrapperLockTest, MissingLockExportReturns4AndTheOtherStillWorks) {
     ASSERT_EQ(wrapper_.Initialize("QEL", "2026", "neutral"), 0);
     EXPECT_EQ(wrapper_.LockDirectory("C:\\Qel"), c.lockResult);
     EXPECT_EQ(wrapper_.UnLockDirectory("C:\\Qel"), c.unlockResult);
-    EXPECT_THAT(sandbox_.log().Messages(), ElementsAreArray(Concat(SuccessfulInitializeLines(SdkPath(c.kind)), {c.line})));
+    EXPECT_THAT(sandbox_.log().Messages(),
+                ElementsAreArray(Concat(SuccessfulInitializeLines(SdkPath(c.kind)), {c.line})));
   }
 }
 
@@ -345,7 +356,8 @@ using WrapperUninitializeTest = WrapperTest;
 
 TEST_F(WrapperUninitializeTest, BeforeAnyInitializeReturns7AfterASeparator) {
   EXPECT_EQ(wrapper_.Uninitialize(), 7);
-  EXPECT_THAT(sandbox_.log().Messages(), ElementsAre(kLogSeparator, "[ERROR] HALDOAPIWrapperImpl::Uninitialize: Not initialized!"));
+  EXPECT_THAT(sandbox_.log().Messages(),
+              ElementsAre(kLogSeparator, "[ERROR] HALDOAPIWrapperImpl::Uninitialize: Not initialized!"));
 }
 
 TEST_F(WrapperUninitializeTest, SuccessEndsTheSessionAndUnloadsTheSdk) {
@@ -356,9 +368,9 @@ TEST_F(WrapperUninitializeTest, SuccessEndsTheSessionAndUnloadsTheSdk) {
   EXPECT_EQ(WrapperState().module.get(), nullptr);
   EXPECT_THAT(sandbox_.log().Messages(),
               ElementsAreArray(Concat(SuccessfulInitializeLines(SdkPath(StandInKind::Signed)), {kUnloadedLine})));
-  EXPECT_THAT(sandbox_.sdk().Calls(true), ElementsAre("Attach", "Initialize\tQEL\t2026\tneutral\tnull\t0",
-                                            "ReleaseMemory\tstandin-session\thanded-out",
-                                            "Uninitialize\tstandin-session\t0", "Detach"));
+  EXPECT_THAT(sandbox_.sdk().Calls(true),
+              ElementsAre("Attach", "Initialize\tQEL\t2026\tneutral\tnull\t0",
+                          "ReleaseMemory\tstandin-session\thanded-out", "Uninitialize\tstandin-session\t0", "Detach"));
   EXPECT_EQ(wrapper_.Uninitialize(), 7);
 }
 
@@ -372,9 +384,9 @@ TEST_F(WrapperUninitializeTest, SdkFailureKeepsTheSessionButUnloads) {
   const auto messages = sandbox_.log().Messages();
   ASSERT_FALSE(messages.empty());
   EXPECT_EQ(messages.back(), kUnloadedLine);
-  EXPECT_THAT(sandbox_.sdk().Calls(true), ElementsAre("Attach", "Initialize\tQEL\t2026\tneutral\tnull\t0",
-                                            "ReleaseMemory\tstandin-session\thanded-out",
-                                            "Uninitialize\tstandin-session\t21", "Detach"));
+  EXPECT_THAT(sandbox_.sdk().Calls(true),
+              ElementsAre("Attach", "Initialize\tQEL\t2026\tneutral\tnull\t0",
+                          "ReleaseMemory\tstandin-session\thanded-out", "Uninitialize\tstandin-session\t21", "Detach"));
   // Still "initialised" but not loaded: Initialize answers 2, Lock finds no module.
   const auto before = sandbox_.log().Lines();
   EXPECT_EQ(wrapper_.Initialize("QEL", "2026", "neutral"), 2);
@@ -398,7 +410,7 @@ TEST_F(WrapperUninitializeTest, MissingExportReturns4AndKeepsModuleAndSession) {
   EXPECT_EQ(sandbox_.log().Messages().back(),
             "[ERROR] HALDOAPIWrapperImpl::Uninitialize: Failed to obtain UninitializeFunc handle!");
   EXPECT_THAT(sandbox_.sdk().Calls(true), ElementsAre("Attach", "Initialize\tQEL\t2026\tneutral\tnull\t0",
-                                            "ReleaseMemory\tstandin-session\thanded-out"));
+                                                      "ReleaseMemory\tstandin-session\thanded-out"));
 }
 
 // A loaded module never fails to unload, so the library's FreeLibrary is

@@ -120,8 +120,8 @@ TEST_F(SdkFileHoldTest, HeldFileRefusesWritersAndKeepsReaders) {
   const std::wstring dll = CopyOf(StandInKind::Signed);
   UniqueFileHandle hold = HoldAgainstChanges(dll);
   ASSERT_TRUE(hold.valid());
-  const UniqueFileHandle reader(
-      ::CreateFileW(dll.c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr));
+  const UniqueFileHandle reader(::CreateFileW(dll.c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING,
+                                              FILE_ATTRIBUTE_NORMAL, nullptr));
   EXPECT_TRUE(reader.valid());
   const UniqueFileHandle writer(::CreateFileW(dll.c_str(), GENERIC_WRITE,
                                               FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,

@@ -121,8 +121,12 @@ std::vector<std::string> Expected(Outcome outcome, const std::string& path) {
               "[INFO] HALDOAPIWrapperImpl::Initialize: HALDO SDK loaded successfully",
               "[INFO] HALDOAPIWrapperImpl::Initialize: session id = standin-session"};
     case Outcome::ReadFails:
-      return {kLogSeparator, kArgs, "[ERROR] HALDOAPIWrapperImpl::ReadStringFromRegistry: RegQueryValueEx failed!",
-              "[ERROR] HALDOAPIWrapperImpl::GetDllPath: Failed to read registry!", kPathEmpty, kLoadFailed};
+      return {kLogSeparator,
+              kArgs,
+              "[ERROR] HALDOAPIWrapperImpl::ReadStringFromRegistry: RegQueryValueEx failed!",
+              "[ERROR] HALDOAPIWrapperImpl::GetDllPath: Failed to read registry!",
+              kPathEmpty,
+              kLoadFailed};
     case Outcome::Empty: return {kLogSeparator, kArgs, kPathEmpty, kLoadFailed};
     case Outcome::NotThere: return {kLogSeparator, kArgs, kNotThere, kPathEmpty, kLoadFailed};
   }
@@ -139,27 +143,20 @@ TEST_P(SdkLocationMatrix, Initialize) {
   if (loads) EXPECT_EQ(wrapper_.Uninitialize(), 0);
 }
 
-INSTANTIATE_TEST_SUITE_P(Values, SdkLocationMatrix,
-                         ::testing::Values(LocationRow{"Missing", Outcome::ReadFails},
-                                           LocationRow{"Empty", Outcome::Empty},
-                                           LocationRow{"EmptyWithoutNul", Outcome::Empty},
-                                           LocationRow{"Dword", Outcome::NotThere},
-                                           LocationRow{"BinaryText", Outcome::Loads},
-                                           LocationRow{"ExpandSz", Outcome::Loads},
-                                           LocationRow{"MultiSz", Outcome::Loads},
-                                           LocationRow{"WithoutNul", Outcome::Loads},
-                                           LocationRow{"Chars127", Outcome::Loads},
-                                           LocationRow{"Chars128", Outcome::Loads},
-                                           LocationRow{"Chars128WithoutNul", Outcome::Loads},
-                                           LocationRow{"Chars129WithoutNul", Outcome::Loads},
-                                           LocationRow{"Chars1000Value", Outcome::NotThere},
-                                           LocationRow{"Expanded259", Outcome::Loads},
-                                           LocationRow{"Expanded260", Outcome::NotThere},
-                                           LocationRow{"NonAscii", Outcome::Loads},
-                                           LocationRow{"Semicolon", Outcome::Loads},
-                                           LocationRow{"UndefinedVariable", Outcome::NotThere},
-                                           LocationRow{"DefinedVariable", Outcome::Loads}),
-                         [](const auto& info) { return std::string(info.param.name); });
+INSTANTIATE_TEST_SUITE_P(
+    Values, SdkLocationMatrix,
+    ::testing::Values(LocationRow{"Missing", Outcome::ReadFails}, LocationRow{"Empty", Outcome::Empty},
+                      LocationRow{"EmptyWithoutNul", Outcome::Empty}, LocationRow{"Dword", Outcome::NotThere},
+                      LocationRow{"BinaryText", Outcome::Loads}, LocationRow{"ExpandSz", Outcome::Loads},
+                      LocationRow{"MultiSz", Outcome::Loads}, LocationRow{"WithoutNul", Outcome::Loads},
+                      LocationRow{"Chars127", Outcome::Loads}, LocationRow{"Chars128", Outcome::Loads},
+                      LocationRow{"Chars128WithoutNul", Outcome::Loads},
+                      LocationRow{"Chars129WithoutNul", Outcome::Loads},
+                      LocationRow{"Chars1000Value", Outcome::NotThere}, LocationRow{"Expanded259", Outcome::Loads},
+                      LocationRow{"Expanded260", Outcome::NotThere}, LocationRow{"NonAscii", Outcome::Loads},
+                      LocationRow{"Semicolon", Outcome::Loads}, LocationRow{"UndefinedVariable", Outcome::NotThere},
+                      LocationRow{"DefinedVariable", Outcome::Loads}),
+    [](const auto& info) { return std::string(info.param.name); });
 
 }  // namespace
 }  // namespace ambrel::test

@@ -215,9 +215,10 @@ TEST_F(RegistryReadTest, MissingKey) {
 TEST_F(RegistryReadTest, MissingValue) {
   RegistrySandbox::CreateKey(HKEY_LOCAL_MACHINE, kHaldoKey);
   EXPECT_EQ(wrapper_.Initialize("QEL", "2026", "neutral"), 3);
-  EXPECT_THAT(sandbox_.log().Messages(),
-              ElementsAreArray(FailedLoad({"[ERROR] HALDOAPIWrapperImpl::ReadStringFromRegistry: RegQueryValueEx failed!",
-                                           kReadFailedLine, kPathEmptyLine})));
+  EXPECT_THAT(
+      sandbox_.log().Messages(),
+      ElementsAreArray(FailedLoad({"[ERROR] HALDOAPIWrapperImpl::ReadStringFromRegistry: RegQueryValueEx failed!",
+                                   kReadFailedLine, kPathEmptyLine})));
 }
 
 TEST_F(RegistryReadTest, EmptyValue) {
@@ -299,7 +300,8 @@ TEST_F(DllPathTest, ProgramFilesReferenceIsExpandedBeforeTheExistenceTest) {
   SetSdkLocation(L"%ProgramFiles%\\Tavrel\\HALDO SDK\\StandInSdk.dll", REG_EXPAND_SZ);
   EXPECT_EQ(wrapper_.Initialize("QEL", "2026", "neutral"), 0);
   EXPECT_EQ(WrapperState().dllPath, folder + L"\\StandInSdk.dll");
-  EXPECT_THAT(sandbox_.log().Messages(), ElementsAreArray(SuccessfulInitializeLines(Path(folder + L"\\StandInSdk.dll"))));
+  EXPECT_THAT(sandbox_.log().Messages(),
+              ElementsAreArray(SuccessfulInitializeLines(Path(folder + L"\\StandInSdk.dll"))));
 }
 
 TEST_F(DllPathTest, MissingExpandedPath) {
@@ -365,11 +367,11 @@ TEST_F(LoadTest, SignatureRejectedReturns9) {
   SetSdkLocation(StandInKind::Unsigned);
   EXPECT_EQ(wrapper_.Initialize("QEL", "2026", "neutral"), 9);
   const std::string path = SdkPath(StandInKind::Unsigned);
-  EXPECT_THAT(sandbox_.log().Messages(),
-              ElementsAreArray(FailedLoad({"[INFO] Load: HALDO SDK path = " + path,
-                                           "[ERROR] WinVerifyTrust returned status: -2146762496",
-                                           "[ERROR] VerifyCertificate failed!",
-                                           "[ERROR] IsSignatureValid: Signature invalid at path = " + path})));
+  EXPECT_THAT(
+      sandbox_.log().Messages(),
+      ElementsAreArray(FailedLoad(
+          {"[INFO] Load: HALDO SDK path = " + path, "[ERROR] WinVerifyTrust returned status: -2146762496",
+           "[ERROR] VerifyCertificate failed!", "[ERROR] IsSignatureValid: Signature invalid at path = " + path})));
   EXPECT_EQ(WrapperState().module.get(), nullptr);
   EXPECT_THAT(sandbox_.sdk().Calls(true), IsEmpty());
 }
@@ -379,8 +381,9 @@ TEST_F(LoadTest, LoadLibraryFailureReturns3) {
   sandbox_.sdk().SetRefuseLoad(true);
   EXPECT_EQ(wrapper_.Initialize("QEL", "2026", "neutral"), 3);
   const std::string path = SdkPath(StandInKind::Signed);
-  EXPECT_THAT(sandbox_.log().Messages(), ElementsAreArray(FailedLoad({"[INFO] Load: HALDO SDK path = " + path,
-                                                            "[ERROR] Load: LoadLibraryW failed to load " + path})));
+  EXPECT_THAT(sandbox_.log().Messages(),
+              ElementsAreArray(FailedLoad(
+                  {"[INFO] Load: HALDO SDK path = " + path, "[ERROR] Load: LoadLibraryW failed to load " + path})));
   EXPECT_EQ(WrapperState().module.get(), nullptr);
   // The loader tells a DLL that refused to attach that it is detached again.
   EXPECT_THAT(sandbox_.sdk().Calls(true), ElementsAre("AttachRefused", "Detach"));
@@ -478,9 +481,10 @@ TEST_F(SelfUpdateTest, AlreadyLoadedSdkLoadsEvenWithTheLockPresent) {
   sandbox_.sdk().SetResult("Initialize", 0);
   sandbox_.log().Clear();
   EXPECT_EQ(wrapper_.Initialize("QEL", "2026", "neutral"), 0);
-  EXPECT_THAT(sandbox_.log().Messages(),
-              ElementsAre(kLogSeparator, kArgsLine, "[INFO] HALDOAPIWrapperImpl::Initialize: HALDO SDK loaded successfully",
-                          "[INFO] HALDOAPIWrapperImpl::Initialize: session id = standin-session"));
+  EXPECT_THAT(
+      sandbox_.log().Messages(),
+      ElementsAre(kLogSeparator, kArgsLine, "[INFO] HALDOAPIWrapperImpl::Initialize: HALDO SDK loaded successfully",
+                  "[INFO] HALDOAPIWrapperImpl::Initialize: session id = standin-session"));
 }
 
 TEST_F(SelfUpdateTest, TheLockIsCheckedOnEveryLoad) {

@@ -65,26 +65,51 @@ std::vector<MissingRow> MissingRows() {
   return {
       // No session: the lock calls still reach the loaded SDK, with an empty id.
       {StandInKind::NoInitialize,
-       {4, 0, 0, 7, false, true,
+       {4,
+        0,
+        0,
+        7,
+        false,
+        true,
         {kLoaded, "[ERROR] HALDOAPIWrapperImpl::Initialize: Failed to obtain InitializeFunc handle!", kNotInitialized},
         {"LockDirectory\t\t" + kDirectory + "\t0", "UnLockDirectory\t\t" + kDirectory + "\t0"}}},
       {StandInKind::NoReleaseMemory,
-       {0, 0, 0, 0, false, false,
+       {0,
+        0,
+        0,
+        0,
+        false,
+        false,
         {kLoaded, IdLine(kId), "[ERROR] HALDOAPIWrapperImpl::ReleaseMemory: Failed to obtain ReleaseMemoryFunc handle!",
          kUnloaded},
         {init, lock, unlock, "Uninitialize\t" + kId + "\t0"}}},
       // The module stays loaded and the session held.
       {StandInKind::NoUninitialize,
-       {0, 0, 0, 4, true, true,
+       {0,
+        0,
+        0,
+        4,
+        true,
+        true,
         {kLoaded, IdLine(kId), "[ERROR] HALDOAPIWrapperImpl::Uninitialize: Failed to obtain UninitializeFunc handle!"},
         {init, release, lock, unlock}}},
       {StandInKind::NoLockDirectory,
-       {0, 4, 0, 0, false, false,
+       {0,
+        4,
+        0,
+        0,
+        false,
+        false,
         {kLoaded, IdLine(kId), "[ERROR] HALDOAPIWrapperImpl::LockDirectory: Failed to obtain LockDirectoryFunc handle!",
          kUnloaded},
         {init, release, unlock, "Uninitialize\t" + kId + "\t0"}}},
       {StandInKind::NoUnLockDirectory,
-       {0, 0, 4, 0, false, false,
+       {0,
+        0,
+        4,
+        0,
+        false,
+        false,
         {kLoaded, IdLine(kId),
          "[ERROR] HALDOAPIWrapperImpl::UnLockDirectory: Failed to obtain UnLockDirectoryFunc handle!", kUnloaded},
         {init, release, lock, "Uninitialize\t" + kId + "\t0"}}},
@@ -119,7 +144,12 @@ Outcome ExpectedFor(const CodeRow& row) {
   if (row.exportName == "Initialize") {
     // Passed through; no session, so ReleaseMemory gets an empty id and the
     // null slot, and the locks go out with an empty id.
-    return {v, 0, 0, 7, false, true,
+    return {v,
+            0,
+            0,
+            7,
+            false,
+            true,
             {kLoaded, kNotInitialized},
             {"Initialize\tQEL\t2026\tneutral\tnull\t" + Code(v), "ReleaseMemory\t\tnull",
              "LockDirectory\t\t" + kDirectory + "\t0", "UnLockDirectory\t\t" + kDirectory + "\t0"}};
@@ -128,19 +158,34 @@ Outcome ExpectedFor(const CodeRow& row) {
     return {0, 0, 0, 0, false, false, {kLoaded, IdLine(kId), kUnloaded}, {init, release, lock, unlock, uninit}};
   }
   if (row.exportName == "LockDirectory") {
-    return {0, v, 0, 0, false, false,
+    return {0,
+            v,
+            0,
+            0,
+            false,
+            false,
             {kLoaded, IdLine(kId), "[ERROR] HALDOAPIWrapperImpl::LockDirectory: API returned error code " + Code(v),
              kUnloaded},
             {init, release, "LockDirectory\t" + kId + "\t" + kDirectory + "\t" + Code(v), unlock, uninit}};
   }
   if (row.exportName == "UnLockDirectory") {
-    return {0, 0, v, 0, false, false,
+    return {0,
+            0,
+            v,
+            0,
+            false,
+            false,
             {kLoaded, IdLine(kId), "[ERROR] HALDOAPIWrapperImpl::UnLockDirectory: API returned error code " + Code(v),
              kUnloaded},
             {init, release, lock, "UnLockDirectory\t" + kId + "\t" + kDirectory + "\t" + Code(v), uninit}};
   }
   // Uninitialize: passed through, the session kept, the SDK unloaded all the same.
-  return {0, 0, 0, v, true, false,
+  return {0,
+          0,
+          0,
+          v,
+          true,
+          false,
           {kLoaded, IdLine(kId), kUnloaded},
           {init, release, lock, unlock, "Uninitialize\t" + kId + "\t" + Code(v)}};
 }
@@ -177,7 +222,12 @@ TEST_F(SessionIdSizeTest, EmptyIdIsASuccessThatHoldsNoSession) {
   SetSdkLocation(StandInKind::Signed);
   sandbox_.sdk().SetSessionId("");
   RunConversation(wrapper_, sandbox_.log(), sandbox_.sdk(), SdkPath(StandInKind::Signed),
-                  {0, 0, 0, 7, false, true,
+                  {0,
+                   0,
+                   0,
+                   7,
+                   false,
+                   true,
                    {kLoaded, IdLine(""), kNotInitialized},
                    {"Initialize\tQEL\t2026\tneutral\tnull\t0", "ReleaseMemory\t\thanded-out",
                     "LockDirectory\t\t" + kDirectory + "\t0", "UnLockDirectory\t\t" + kDirectory + "\t0"}});
@@ -191,7 +241,12 @@ TEST_F(SessionIdSizeTest, IdOf64KiBIsKeptWhole) {
   for (size_t i = 0; i < id.size(); i += 97) id[i] = static_cast<char>('0' + (i / 97) % 10);
   sandbox_.sdk().SetSessionId(id);
   RunConversation(wrapper_, sandbox_.log(), sandbox_.sdk(), SdkPath(StandInKind::Signed),
-                  {0, 0, 0, 0, false, false,
+                  {0,
+                   0,
+                   0,
+                   0,
+                   false,
+                   false,
                    {kLoaded, IdLine(id), kUnloaded},
                    {"Initialize\tQEL\t2026\tneutral\tnull\t0", "ReleaseMemory\t" + id + "\thanded-out",
                     "LockDirectory\t" + id + "\t" + kDirectory + "\t0",
@@ -207,8 +262,9 @@ TEST_F(SessionIdSizeTest, NonAsciiIdBytesAreLoggedAsQuestionMarks) {
   ASSERT_EQ(wrapper_.Initialize("QEL", "2026", "neutral"), 0);
   EXPECT_EQ(WrapperState().sessionId, id);
   // The literal is split so the compiler sees no trigraph in it.
-  EXPECT_THAT(sandbox_.log().Messages(),
-              ElementsAreArray(SuccessfulInitializeLines(SdkPath(StandInKind::Signed), "caf?" "?-?")));
+  EXPECT_THAT(sandbox_.log().Messages(), ElementsAreArray(SuccessfulInitializeLines(SdkPath(StandInKind::Signed),
+                                                                                    "caf?"
+                                                                                    "?-?")));
   EXPECT_EQ(wrapper_.Uninitialize(), 0);
 }
 

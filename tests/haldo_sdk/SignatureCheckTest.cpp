@@ -31,13 +31,19 @@ std::ostream& operator<<(std::ostream& out, const SignatureRow& row) { return ou
 
 const SignatureRow kRows[] = {
     {"Signed", StandInKind::Signed, 0, {}},
-    {"Unsigned", StandInKind::Unsigned, 9,
+    {"Unsigned",
+     StandInKind::Unsigned,
+     9,
      {"[ERROR] WinVerifyTrust returned status: -2146762496", "[ERROR] VerifyCertificate failed!",
       "[ERROR] IsSignatureValid: Signature invalid at path = <path>"}},
-    {"Tampered", StandInKind::Tampered, 9,
+    {"Tampered",
+     StandInKind::Tampered,
+     9,
      {"[ERROR] WinVerifyTrust returned status: -2146869232", "[ERROR] VerifyCertificate failed!",
       "[ERROR] IsSignatureValid: Signature invalid at path = <path>"}},
-    {"OtherPublisher", StandInKind::OtherPublisher, 9,
+    {"OtherPublisher",
+     StandInKind::OtherPublisher,
+     9,
      {"[ERROR] CertFindCertificateInStore returned ERROR: 2148081668",
       "[ERROR] IsSignatureValid: Signature invalid at path = <path>"}},
     {"OtherLetterCase", StandInKind::OtherCase, 0, {}},
@@ -110,8 +116,9 @@ TEST_F(PublisherStageTest, WholeCheckOfAnEmptyPathPassesSilently) {
 TEST_F(PublisherStageTest, WholeCheckOfAnUnsignedFileSkipsThePublisherStage) {
   EXPECT_FALSE(VerifyCertificate(StandInSdkPath(StandInKind::Unsigned)));
   // No "CryptQueryObject returned false!" line: the publisher stage did not run.
-  EXPECT_THAT(sandbox_.log().Messages(), ElementsAre(kLogSeparator, "[ERROR] WinVerifyTrust returned status: -2146762496",
-                                           "[ERROR] VerifyCertificate failed!"));
+  EXPECT_THAT(sandbox_.log().Messages(),
+              ElementsAre(kLogSeparator, "[ERROR] WinVerifyTrust returned status: -2146762496",
+                          "[ERROR] VerifyCertificate failed!"));
 }
 
 TEST_F(PublisherStageTest, WholeCheckOfTheMakersFilePassesSilently) {

@@ -104,19 +104,18 @@ void WriteSettings(HWND window, const GUID* action, const WINTRUST_DATA* data) {
                 static_cast<unsigned long>(action->Data1), action->Data2, action->Data3, action->Data4[0],
                 action->Data4[1], action->Data4[2], action->Data4[3], action->Data4[4], action->Data4[5],
                 action->Data4[6], action->Data4[7]);
-  std::string text = "window=" + Address(window) + "\naction=" + guid + "\ndata=" + Address(data) +
-                     "\ncbStruct=" + std::to_string(data->cbStruct) +
-                     "\npPolicyCallbackData=" + Address(data->pPolicyCallbackData) +
-                     "\npSIPClientData=" + Address(data->pSIPClientData) + "\ndwUIChoice=" + std::to_string(data->dwUIChoice) +
-                     "\nfdwRevocationChecks=" + std::to_string(data->fdwRevocationChecks) +
-                     "\ndwUnionChoice=" + std::to_string(data->dwUnionChoice) +
-                     "\ndwStateAction=" + std::to_string(data->dwStateAction) +
-                     "\npwszURLReference=" + Address(data->pwszURLReference) +
-                     "\ndwProvFlags=" + std::to_string(data->dwProvFlags) +
-                     "\ndwUIContext=" + std::to_string(data->dwUIContext);
+  std::string text =
+      "window=" + Address(window) + "\naction=" + guid + "\ndata=" + Address(data) +
+      "\ncbStruct=" + std::to_string(data->cbStruct) + "\npPolicyCallbackData=" + Address(data->pPolicyCallbackData) +
+      "\npSIPClientData=" + Address(data->pSIPClientData) + "\ndwUIChoice=" + std::to_string(data->dwUIChoice) +
+      "\nfdwRevocationChecks=" + std::to_string(data->fdwRevocationChecks) +
+      "\ndwUnionChoice=" + std::to_string(data->dwUnionChoice) +
+      "\ndwStateAction=" + std::to_string(data->dwStateAction) +
+      "\npwszURLReference=" + Address(data->pwszURLReference) + "\ndwProvFlags=" + std::to_string(data->dwProvFlags) +
+      "\ndwUIContext=" + std::to_string(data->dwUIContext);
   if (data->dwUnionChoice == WTD_CHOICE_FILE && data->pFile) {
-    text += "\nfile.cbStruct=" + std::to_string(data->pFile->cbStruct) + "\nfile.path=" +
-            Narrow(data->pFile->pcwszFilePath) + "\nfile.hFile=" + Address(data->pFile->hFile) +
+    text += "\nfile.cbStruct=" + std::to_string(data->pFile->cbStruct) +
+            "\nfile.path=" + Narrow(data->pFile->pcwszFilePath) + "\nfile.hFile=" + Address(data->pFile->hFile) +
             "\nfile.pgKnownSubject=" + Address(data->pFile->pgKnownSubject);
   }
   text += "\n\n";
@@ -161,8 +160,7 @@ BOOL WINAPI StandInCryptQueryObject(DWORD, const void*, DWORD, DWORD, DWORD, DWO
   return TRUE;
 }
 
-PCCERT_CONTEXT WINAPI StandInCertFindCertificateInStore(HCERTSTORE, DWORD, DWORD, DWORD, const void*,
-                                                        PCCERT_CONTEXT) {
+PCCERT_CONTEXT WINAPI StandInCertFindCertificateInStore(HCERTSTORE, DWORD, DWORD, DWORD, const void*, PCCERT_CONTEXT) {
   Record("CertFindCertificateInStore");
   if (Variable(L"AMBREL_TRUST_STANDIN_SIGNATURE") == L"other") {
     ::SetLastError(static_cast<DWORD>(CRYPT_E_NOT_FOUND));

@@ -23,7 +23,8 @@ using WrapperLogTest = WrapperTest;
 
 TEST_F(WrapperLogTest, FirstUninitializeWritesASeparatorThenOneErrorRecord) {
   EXPECT_EQ(wrapper_.Uninitialize(), 7);
-  EXPECT_THAT(sandbox_.log().Messages(), ElementsAre(kLogSeparator, "[ERROR] HALDOAPIWrapperImpl::Uninitialize: Not initialized!"));
+  EXPECT_THAT(sandbox_.log().Messages(),
+              ElementsAre(kLogSeparator, "[ERROR] HALDOAPIWrapperImpl::Uninitialize: Not initialized!"));
 }
 
 TEST_F(WrapperLogTest, LinesEndWithCarriageReturnLineFeedOneBytePerCharacter) {
@@ -53,8 +54,9 @@ TEST_F(WrapperLogTest, TheThreeEntriesWriteTheirPrefixes) {
   LogWrapperInfo("Info text");
   LogWrapperError("Error text");
   WriteWrapperLogLine(L"[INFO] Load: own prefix");
-  EXPECT_THAT(sandbox_.log().Messages(), ElementsAre(kLogSeparator, "[INFO] HALDOAPIWrapperImpl::Info text",
-                                           "[ERROR] HALDOAPIWrapperImpl::Error text", "[INFO] Load: own prefix"));
+  EXPECT_THAT(sandbox_.log().Messages(),
+              ElementsAre(kLogSeparator, "[INFO] HALDOAPIWrapperImpl::Info text",
+                          "[ERROR] HALDOAPIWrapperImpl::Error text", "[INFO] Load: own prefix"));
 }
 
 TEST_F(WrapperLogTest, OpenStepRecomputesThePathAndWritesASeparator) {
@@ -74,7 +76,7 @@ TEST_F(WrapperLogTest, ExistingContentIsKept) {
   }
   EXPECT_EQ(wrapper_.Uninitialize(), 7);
   EXPECT_THAT(sandbox_.log().Messages(), ElementsAre("<bad timestamp> earlier line", kLogSeparator,
-                                           "[ERROR] HALDOAPIWrapperImpl::Uninitialize: Not initialized!"));
+                                                     "[ERROR] HALDOAPIWrapperImpl::Uninitialize: Not initialized!"));
 }
 
 TEST_F(WrapperLogTest, LinesAreWrittenWhileAnotherProcessHoldsTheFileOpen) {
@@ -85,15 +87,15 @@ TEST_F(WrapperLogTest, LinesAreWrittenWhileAnotherProcessHoldsTheFileOpen) {
   ASSERT_NE(other, INVALID_HANDLE_VALUE);
   LogWrapperInfo("second");
   ::CloseHandle(other);
-  EXPECT_THAT(sandbox_.log().Messages(), ElementsAre(kLogSeparator, "[INFO] HALDOAPIWrapperImpl::first",
-                                           "[INFO] HALDOAPIWrapperImpl::second"));
+  EXPECT_THAT(sandbox_.log().Messages(),
+              ElementsAre(kLogSeparator, "[INFO] HALDOAPIWrapperImpl::first", "[INFO] HALDOAPIWrapperImpl::second"));
 }
 
 TEST_F(WrapperLogTest, NoFileIsKeptOpenBetweenLines) {
   LogWrapperInfo("line");
   // An exclusive open succeeds only when nobody else holds the file.
-  const HANDLE exclusive =
-      ::CreateFileW(sandbox_.log().LogFile().c_str(), GENERIC_READ | GENERIC_WRITE, 0, nullptr, OPEN_EXISTING, 0, nullptr);
+  const HANDLE exclusive = ::CreateFileW(sandbox_.log().LogFile().c_str(), GENERIC_READ | GENERIC_WRITE, 0, nullptr,
+                                         OPEN_EXISTING, 0, nullptr);
   EXPECT_NE(exclusive, INVALID_HANDLE_VALUE);
   if (exclusive != INVALID_HANDLE_VALUE) ::CloseHandle(exclusive);
 }
@@ -108,9 +110,9 @@ TEST_F(WrapperLogTest, MissingLogFolderWritesNothingAndChangesNoResult) {
   EXPECT_FALSE(bare.LogExists());
   EXPECT_EQ(::GetFileAttributesW((bare.localAppData() + L"\\Tavrel").c_str()), INVALID_FILE_ATTRIBUTES);
   EXPECT_FALSE(sandbox_.log().LogExists());  // nor anywhere else
-  EXPECT_THAT(sandbox_.sdk().Calls(), ElementsAre("Initialize\tQEL\t2026\tneutral\tnull\t0",
-                                        "ReleaseMemory\tstandin-session\thanded-out",
-                                        "LockDirectory\tstandin-session\tC:\\Qel\t0", "Uninitialize\tstandin-session\t0"));
+  EXPECT_THAT(sandbox_.sdk().Calls(),
+              ElementsAre("Initialize\tQEL\t2026\tneutral\tnull\t0", "ReleaseMemory\tstandin-session\thanded-out",
+                          "LockDirectory\tstandin-session\tC:\\Qel\t0", "Uninitialize\tstandin-session\t0"));
 }
 
 TEST_F(WrapperLogTest, UnsetLocalAppDataChangesNoResult) {
@@ -131,7 +133,8 @@ TEST_F(WrapperLogTest, ChangedLocalAppDataTakesEffectAtTheNextInitialize) {
   // Until the next Initialize, lines still go to the first log.
   EXPECT_EQ(wrapper_.Uninitialize(), 0);
   EXPECT_FALSE(second.LogExists());
-  EXPECT_EQ(sandbox_.log().Messages().back(), "[INFO] HALDOAPIWrapperImpl::Initialize: HALDO SDK unloaded successfully");
+  EXPECT_EQ(sandbox_.log().Messages().back(),
+            "[INFO] HALDOAPIWrapperImpl::Initialize: HALDO SDK unloaded successfully");
   ASSERT_EQ(wrapper_.Initialize("QEL", "2026", "neutral"), 0);
   EXPECT_THAT(second.Messages(), ElementsAreArray(SuccessfulInitializeLines(SdkPath(StandInKind::Signed))));
 }
@@ -155,16 +158,18 @@ TEST_F(WrapperLogTest, CharactersBeyondOneByteBecomeQuestionMarksAndTheLineStays
   WriteWrapperLogLine(L"[INFO] Load: HALDO SDK path = C:\\Jos\u00e9\\\u0416\\sdk.dll");
   LogWrapperInfo("caf\xE9");
   LogWrapperInfo("next");
-  EXPECT_THAT(sandbox_.log().Messages(), ElementsAre(kLogSeparator, "[INFO] Load: HALDO SDK path = C:\\Jos\xE9\\?\\sdk.dll",
-                                           "[INFO] HALDOAPIWrapperImpl::caf?", "[INFO] HALDOAPIWrapperImpl::next"));
+  EXPECT_THAT(sandbox_.log().Messages(),
+              ElementsAre(kLogSeparator, "[INFO] Load: HALDO SDK path = C:\\Jos\xE9\\?\\sdk.dll",
+                          "[INFO] HALDOAPIWrapperImpl::caf?", "[INFO] HALDOAPIWrapperImpl::next"));
 }
 
 TEST_F(WrapperLogTest, EveryCharacterUpToU00FFIsItsOwnByteAndU0100IsTheFirstQuestionMark) {
   // The edges of what a line keeps as its byte: U+0080 and U+00FF are written
   // as 0x80 and 0xFF, U+0100 already as '?'.
   WriteWrapperLogLine(L"[INFO] Load: HALDO SDK path = \x7F\x80\xA0\xFF\x100\xFFFF|");
-  EXPECT_THAT(sandbox_.log().Messages(),
-              ElementsAre(kLogSeparator, "[INFO] Load: HALDO SDK path = \x7F\x80\xA0\xFF?" "?|"));
+  EXPECT_THAT(sandbox_.log().Messages(), ElementsAre(kLogSeparator,
+                                                     "[INFO] Load: HALDO SDK path = \x7F\x80\xA0\xFF?"
+                                                     "?|"));
 }
 
 }  // namespace

@@ -21,8 +21,8 @@ class WrapperTest : public ::testing::Test {
   static std::string Path(const std::wstring& path) { return Narrow(path); }
   static std::string SdkPath(StandInKind kind) { return Narrow(StandInSdkPath(kind)); }
 
-  static std::vector<std::string> SuccessfulInitializeLines(const std::string& dllPath,
-                                                            const std::string& sessionId = StandInSdk::kDefaultSessionId) {
+  static std::vector<std::string> SuccessfulInitializeLines(
+      const std::string& dllPath, const std::string& sessionId = StandInSdk::kDefaultSessionId) {
     return SuccessfulInitializeLog(dllPath, sessionId);
   }
 

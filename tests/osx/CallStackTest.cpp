@@ -21,14 +21,14 @@
 namespace ambrel {
 namespace {
 
-using ::testing::HasSubstr;
 using test::EnvGuard;
 using test::LibraryCopy;
+using ::testing::HasSubstr;
 
 using GetCallStackFn = bool (*)(std::wstring&);
-const char* const kGetCallStackExport =
-    AMBREL_EXPORT_NAME("?GetCallStack@OSxMisc@@SA_NAEAV?$basic_string@_WU?$char_traits@_W@std@@V?$allocator@_W@2@@std@@@Z",
-                       "_ZN7OSxMisc12GetCallStackERNSt7__cxx1112basic_stringIwSt11char_traitsIwESaIwEEE");
+const char* const kGetCallStackExport = AMBREL_EXPORT_NAME(
+    "?GetCallStack@OSxMisc@@SA_NAEAV?$basic_string@_WU?$char_traits@_W@std@@V?$allocator@_W@2@@std@@@Z",
+    "_ZN7OSxMisc12GetCallStackERNSt7__cxx1112basic_stringIwSt11char_traitsIwESaIwEEE");
 
 // Set in the environment of the test process that runs with dbghelp.dll disabled.
 const wchar_t kDbghelpDisabledFlag[] = L"AMBREL_TEST_DBGHELP_DISABLED";
@@ -112,8 +112,8 @@ TEST_F(SymbolSearchPath, EmptyValuesInTheInheritedBlockAreLeftOut) {
   env.Set(L"_NT_SYMBOL_PATH", L"");
   env.Set(L"_NT_ALTERNATE_SYMBOL_PATH", L"");
   env.Set(kPrintSearchPathFlag, L"1");
-  const test::ProcessResult child = test::RunProcess(
-      test::TestBinDirectory() + L"\\test_callstack.exe", L"--gtest_filter=SearchPathChild.Print");
+  const test::ProcessResult child =
+      test::RunProcess(test::TestBinDirectory() + L"\\test_callstack.exe", L"--gtest_filter=SearchPathChild.Print");
   ASSERT_EQ(child.exitCode, 0u) << child.output;
   EXPECT_THAT(child.output, HasSubstr("empty values seen: 2"));
   const size_t root = child.output.find("SYSTEMROOT: <");
@@ -126,7 +126,8 @@ TEST_F(SymbolSearchPath, EmptyValuesInTheInheritedBlockAreLeftOut) {
 
 // Runs only as the child of the test above.
 TEST(SearchPathChild, Print) {
-  if (!EnvGuard::Get(kPrintSearchPathFlag)) GTEST_SKIP() << "runs as a child of EmptyValuesInTheInheritedBlockAreLeftOut";
+  if (!EnvGuard::Get(kPrintSearchPathFlag))
+    GTEST_SKIP() << "runs as a child of EmptyValuesInTheInheritedBlockAreLeftOut";
   int emptyValues = 0;
   for (const wchar_t* name : {L"_NT_SYMBOL_PATH", L"_NT_ALTERNATE_SYMBOL_PATH"}) {
     size_t required = 0;
@@ -174,13 +175,16 @@ void ExpectWellFormed(const std::wstring& text) {
     EXPECT_EQ(line.back(), L'\t');
     const bool hasModule = line.find(L"! ") != std::wstring::npos || line.starts_with(L"_NA_\t");
     EXPECT_TRUE(hasModule);
-    const bool hasSource = line.ends_with(L"[NULL]\t") || (line.find(L" @ ") != std::wstring::npos && line.ends_with(L"]\t"));
+    const bool hasSource =
+        line.ends_with(L"[NULL]\t") || (line.find(L" @ ") != std::wstring::npos && line.ends_with(L"]\t"));
     EXPECT_TRUE(hasSource);
   }
 }
 
 // The capture routine: the export itself owns the first frame.
-bool NamesCaptureRoutine(const std::wstring& line) { return line.find(L"! OSxMisc::GetCallStack ") != std::wstring::npos; }
+bool NamesCaptureRoutine(const std::wstring& line) {
+  return line.find(L"! OSxMisc::GetCallStack ") != std::wstring::npos;
+}
 
 // Lines of osx/CallStack.cpp, as the source reads now, where the first frame
 // may stand: the capture in OSxMisc::GetCallStack. Compiler-specific: MSVC
@@ -336,8 +340,7 @@ TEST(CallStack, CallsFromDifferentDepthsShareTheirOuterFrames) {
   // One more frame (the helper) on the nested stack; the frames outside this
   // test's body are the same.
   ASSERT_EQ(nestedLines.size(), directLines.size() + 1);
-  for (size_t i = 1; i <= 3; ++i)
-    EXPECT_EQ(nestedLines[nestedLines.size() - i], directLines[directLines.size() - i]);
+  for (size_t i = 1; i <= 3; ++i) EXPECT_EQ(nestedLines[nestedLines.size() - i], directLines[directLines.size() - i]);
 }
 
 TEST(CallStack, WithoutThePdbEachLineStillNamesItsModule) {
@@ -394,7 +397,8 @@ class HostDebugHelpSession : public ::testing::Test {
   // Names an exported function of kernel32 in the session of process; the
   // error code of the failure otherwise.
   DWORD NameKernelFunction(HANDLE process) {
-    const auto address = reinterpret_cast<DWORD64>(::GetProcAddress(::GetModuleHandleW(L"kernel32.dll"), "GetTickCount"));
+    const auto address =
+        reinterpret_cast<DWORD64>(::GetProcAddress(::GetModuleHandleW(L"kernel32.dll"), "GetTickCount"));
     alignas(SYMBOL_INFOW) unsigned char buffer[sizeof(SYMBOL_INFOW) + 2 * 2000] = {};
     auto* symbol = reinterpret_cast<SYMBOL_INFOW*>(buffer);
     symbol->SizeOfStruct = sizeof(SYMBOL_INFOW);

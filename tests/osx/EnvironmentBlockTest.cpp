@@ -17,7 +17,7 @@ using test::LibraryCopy;
 
 TEST(EnvironmentBlockLength, CountsEveryStringAndTheFinalNul) {
   EXPECT_EQ(EnvironmentBlockLength(L"A=1\0BB=22\0"), 11u);  // the literal adds the final NUL
-  EXPECT_EQ(EnvironmentBlockLength(L"\0"), 2u);           // empty block: the first string always counts
+  EXPECT_EQ(EnvironmentBlockLength(L"\0"), 2u);             // empty block: the first string always counts
   EXPECT_EQ(EnvironmentBlockLength(L"=C:=C:\\\0"), 9u);
 }
 

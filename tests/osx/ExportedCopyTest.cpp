@@ -77,8 +77,9 @@ TEST(ExportedUint16Copy, TheCalledRoutinesAreTheDllsExports) {
   for (const void* code : {reinterpret_cast<const void*>(&OSxMisc::Uint16ToWchar),
                            reinterpret_cast<const void*>(&OSxMisc::WcharToUint16)}) {
     HMODULE owner = nullptr;
-    ASSERT_TRUE(::GetModuleHandleExW(GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS | GET_MODULE_HANDLE_EX_FLAG_UNCHANGED_REFCOUNT,
-                                     static_cast<LPCWSTR>(code), &owner));
+    ASSERT_TRUE(
+        ::GetModuleHandleExW(GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS | GET_MODULE_HANDLE_EX_FLAG_UNCHANGED_REFCOUNT,
+                             static_cast<LPCWSTR>(code), &owner));
     EXPECT_EQ(owner, library);
   }
 }

@@ -100,17 +100,17 @@ TEST_P(CutFirstOccurrenceTest, Cases) {
       << test::Narrow(GetParam().path) << " minus " << test::Narrow(GetParam().text);
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Cases, CutFirstOccurrenceTest,
-    ::testing::Values(CutCase{L"X;C:\\AB;Y", L"C:\\A", L"X;Y"},        // rest of the entry goes too
-                      CutCase{L"X;C:\\A", L"C:\\A", L"X;"},            // last entry keeps the ';' before it
-                      CutCase{L"C:\\A;Y", L"C:\\A", L"Y"},
-                      CutCase{L"C:\\A;X;C:\\A", L"C:\\A", L"X;C:\\A"},  // first occurrence only
-                      CutCase{L"X;c:\\a;Y", L"C:\\A", std::nullopt},   // case matters
-                      CutCase{L"First;Second", L"", L"Second"},        // empty text is found at 0
-                      CutCase{L"A;B", L"A;B;C", std::nullopt},         // longer than PATH
-                      CutCase{L"X;Y", L"Z", std::nullopt},
-                      CutCase{L"X;aC:\\A;Y", L"C:\\A", L"X;aY"}));    // cut from the match, not the entry
+INSTANTIATE_TEST_SUITE_P(Cases, CutFirstOccurrenceTest,
+                         ::testing::Values(CutCase{L"X;C:\\AB;Y", L"C:\\A", L"X;Y"},  // rest of the entry goes too
+                                           CutCase{L"X;C:\\A", L"C:\\A", L"X;"},  // last entry keeps the ';' before it
+                                           CutCase{L"C:\\A;Y", L"C:\\A", L"Y"},
+                                           CutCase{L"C:\\A;X;C:\\A", L"C:\\A", L"X;C:\\A"},  // first occurrence only
+                                           CutCase{L"X;c:\\a;Y", L"C:\\A", std::nullopt},    // case matters
+                                           CutCase{L"First;Second", L"", L"Second"},         // empty text is found at 0
+                                           CutCase{L"A;B", L"A;B;C", std::nullopt},          // longer than PATH
+                                           CutCase{L"X;Y", L"Z", std::nullopt},
+                                           CutCase{L"X;aC:\\A;Y", L"C:\\A",
+                                                   L"X;aY"}));  // cut from the match, not the entry
 
 // ---- RemoveAppPathSetting, with the App Paths entry in the sandboxed HKCU ----
 
@@ -178,8 +178,8 @@ INSTANTIATE_TEST_SUITE_P(
     ::testing::Values(RemovalCase{"CutToTheNextSeparator", L"C:\\A", L"X;C:\\AB;Y", L"X;Y"},
                       RemovalCase{"NotInPath", L"C:\\Elsewhere", L"X;C:\\AB;Y", L"X;C:\\AB;Y"},
                       RemovalCase{"OtherLetterCaseIsNotFound", L"c:\\a", L"X;C:\\A;Y", L"X;C:\\A;Y"},
-                      RemovalCase{"InTheLastEntryKeepsTheSeparatorBeforeIt", L"C:\\Kalvex\\Bin",
-                                  L"X;C:\\Kalvex\\Bin", L"X;"}),
+                      RemovalCase{"InTheLastEntryKeepsTheSeparatorBeforeIt", L"C:\\Kalvex\\Bin", L"X;C:\\Kalvex\\Bin",
+                                  L"X;"}),
     [](const ::testing::TestParamInfo<RemovalCase>& info) { return std::string(info.param.name); });
 
 TEST_F(RemoveAppPathSettingTest, EmptyTextRemovesTheFirstEntry) {

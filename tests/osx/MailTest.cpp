@@ -67,8 +67,7 @@ class MailTest : public ::testing::Test {
       EXPECT_EQ(lines[i].rfind("attach ", 0), 0u) << lines[i];
       if (lines[i].rfind("attach ", 0) == 0) {
         const std::wstring loaded = test::Widen(lines[i].substr(7));
-        EXPECT_EQ(_wcsicmp(loaded.c_str(), (test::TestBinDirectory() + L"\\MAPI32.dll").c_str()), 0)
-            << lines[i];
+        EXPECT_EQ(_wcsicmp(loaded.c_str(), (test::TestBinDirectory() + L"\\MAPI32.dll").c_str()), 0) << lines[i];
       }
       ++i;
       if (i < lines.size() && lines[i] == "call") {

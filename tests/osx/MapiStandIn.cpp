@@ -64,8 +64,8 @@ BOOL WINAPI DllMain(HINSTANCE instance, DWORD reason, LPVOID) {
 // Tells the tests that this, not the system's MAPI32, was loaded.
 extern "C" int AmbrelMapiStandIn() { return 1; }
 
-extern "C" ULONG WINAPI MAPISendMail(LHANDLE session, ULONG_PTR uiParam, lpMapiMessage message,
-                                    FLAGS flags, ULONG reserved) {
+extern "C" ULONG WINAPI MAPISendMail(LHANDLE session, ULONG_PTR uiParam, lpMapiMessage message, FLAGS flags,
+                                     ULONG reserved) {
   std::string record = "call\n";
   record += Field("session", Number(session));
   record += Field("uiParam", Number(uiParam));

@@ -190,7 +190,7 @@ TEST(WideToCodePageInDoubleLength, ConvertsWithinTwiceTheLengthPlusOne) {
 TEST(WideToCodePageInDoubleLength, TextThatDoesNotFitIsEmpty) {
   // The euro sign takes 3 bytes in UTF-8: more than 2 x 1 + 1 with its NUL.
   EXPECT_EQ(WideToCodePageInDoubleLength(L"\u20ac", CP_UTF8), "");
-  EXPECT_EQ(WideToCodePageInDoubleLength(L"\u20ac\u20ac", CP_UTF8), "");  // 7 bytes for 5
+  EXPECT_EQ(WideToCodePageInDoubleLength(L"\u20ac\u20ac", CP_UTF8), "");          // 7 bytes for 5
   EXPECT_EQ(WideToCodePageInDoubleLength(L"a\u20ac", CP_UTF8), "a\xe2\x82\xac");  // 5 bytes in 5, NUL included
 }
 

@@ -57,7 +57,7 @@ TEST(SetThreadName, RaisesTheNamingExceptionWithTheFourWords) {
   EXPECT_EQ(g_seen.parameters, 4u);
   EXPECT_EQ(g_seen.words[0], 0x1000u);
   EXPECT_EQ(g_seen.words[1], reinterpret_cast<ULONG_PTR>(name));  // the caller's text, not a copy
-  EXPECT_EQ(g_seen.words[2], ULONG_PTR{0x00000000FFFFFFFF});       // zero-extended
+  EXPECT_EQ(g_seen.words[2], ULONG_PTR{0x00000000FFFFFFFF});      // zero-extended
   EXPECT_EQ(g_seen.words[3], 0u);
 }
 

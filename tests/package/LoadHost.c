@@ -212,13 +212,15 @@ int wmain(int argc, wchar_t** argv) {
       for (int j = 1; j < closure.count && loader == NULL; ++j) {  // [0] is Ambrel.dll itself
         if (sizes[j] != size) continue;
         wchar_t arguments[2 * (MAX_MODULE_NAME32 + 1) + 16];
-        _snwprintf(arguments, sizeof arguments / sizeof arguments[0], L"--alone %ls %ls", closure.names[j], others.names[i]);
+        _snwprintf(arguments, sizeof arguments / sizeof arguments[0], L"--alone %ls %ls", closure.names[j],
+                   others.names[i]);
         arguments[sizeof arguments / sizeof arguments[0] - 1] = L'\0';
         if (RunSelf(arguments) == 0) loader = closure.names[j];
       }
     }
     if (loader != NULL) {
-      printf("%ls: no import; loaded by %ls on its own start (also when %ls is loaded alone)\n", others.names[i], loader, loader);
+      printf("%ls: no import; loaded by %ls on its own start (also when %ls is loaded alone)\n", others.names[i],
+             loader, loader);
     } else {
       printf("FAIL: %ls: no import of Ambrel.dll or of its imports\n", others.names[i]);
       ++failures;

@@ -82,8 +82,8 @@ constexpr unsigned char kUntouched = 0xA5;
 class FakeStack {
  public:
   FakeStack() {
-    base_ = static_cast<unsigned char*>(::VirtualAlloc(nullptr, kStackPages * kPage, MEM_RESERVE | MEM_COMMIT,
-                                                       PAGE_READWRITE));
+    base_ = static_cast<unsigned char*>(
+        ::VirtualAlloc(nullptr, kStackPages * kPage, MEM_RESERVE | MEM_COMMIT, PAGE_READWRITE));
     if (base_ != nullptr) memset(base_, kUntouched, kStackPages * kPage);
   }
   ~FakeStack() {

@@ -46,13 +46,13 @@ UniqueCertStore TestRootStore() {
     return {};
   }
   std::vector<BYTE> der(size);
-  if (!::CryptStringToBinaryA(pem.c_str(), static_cast<DWORD>(pem.size()), CRYPT_STRING_BASE64HEADER, der.data(),
-                              &size, nullptr, nullptr)) {
+  if (!::CryptStringToBinaryA(pem.c_str(), static_cast<DWORD>(pem.size()), CRYPT_STRING_BASE64HEADER, der.data(), &size,
+                              nullptr, nullptr)) {
     return {};
   }
   UniqueCertStore store(::CertOpenStore(CERT_STORE_PROV_MEMORY, 0, 0, 0, nullptr));
-  if (store && !::CertAddEncodedCertificateToStore(store.get(), X509_ASN_ENCODING, der.data(), size,
-                                                   CERT_STORE_ADD_NEW, nullptr)) {
+  if (store && !::CertAddEncodedCertificateToStore(store.get(), X509_ASN_ENCODING, der.data(), size, CERT_STORE_ADD_NEW,
+                                                   nullptr)) {
     return {};
   }
   return store;
@@ -72,8 +72,8 @@ struct ChainVerdict {
 class TestRootEngine {
  public:
   explicit TestRootEngine(bool trustTestRoot) {
-    roots_ = trustTestRoot ? TestRootStore()
-                           : UniqueCertStore(::CertOpenStore(CERT_STORE_PROV_MEMORY, 0, 0, 0, nullptr));
+    roots_ =
+        trustTestRoot ? TestRootStore() : UniqueCertStore(::CertOpenStore(CERT_STORE_PROV_MEMORY, 0, 0, 0, nullptr));
     if (!roots_) return;
     CERT_CHAIN_ENGINE_CONFIG config{};
     config.cbSize = sizeof config;

@@ -66,8 +66,8 @@ TEST_F(VersionInfo, TranslationIsUsEnglishUnicode) {
     WORD codePage;
   }* translation = nullptr;
   UINT length = 0;
-  ASSERT_TRUE(::VerQueryValueW(data_.data(), L"\\VarFileInfo\\Translation", reinterpret_cast<void**>(&translation),
-                               &length));
+  ASSERT_TRUE(
+      ::VerQueryValueW(data_.data(), L"\\VarFileInfo\\Translation", reinterpret_cast<void**>(&translation), &length));
   ASSERT_GE(length, sizeof(Translation));
   EXPECT_EQ(translation->language, 0x0409);
   EXPECT_EQ(translation->codePage, 1200);
@@ -76,7 +76,8 @@ TEST_F(VersionInfo, TranslationIsUsEnglishUnicode) {
 // ambrel-diagnose.exe: a version resource of its own, and a manifest that
 // asks for no elevation and keeps the host's 260-character path limit.
 std::string ResourceText(const std::wstring& file, LPCWSTR type, LPCWSTR name) {
-  const HMODULE image = ::LoadLibraryExW(file.c_str(), nullptr, LOAD_LIBRARY_AS_DATAFILE | LOAD_LIBRARY_AS_IMAGE_RESOURCE);
+  const HMODULE image =
+      ::LoadLibraryExW(file.c_str(), nullptr, LOAD_LIBRARY_AS_DATAFILE | LOAD_LIBRARY_AS_IMAGE_RESOURCE);
   if (!image) return {};
   std::string text;
   if (const HRSRC resource = ::FindResourceW(image, name, type)) {

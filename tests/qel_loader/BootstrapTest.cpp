@@ -17,13 +17,13 @@ namespace ambrel {
 namespace {
 
 using test::BinFile;
-using test::SdkSandbox;
 using test::CopyFileTo;
-using test::KalvexIniBesideTheProgram;
 using test::EnvGuard;
+using test::KalvexIniBesideTheProgram;
 using test::kMarker;
 using test::LibraryCopy;
 using test::ScratchDir;
+using test::SdkSandbox;
 
 using Calls = std::vector<std::string>;
 using test::kWholeSession;
@@ -306,8 +306,8 @@ struct ScriptedSession {
   QelStatus initializeStatus = QelStatus::Success;
   QelStatus lockStatus = QelStatus::Success;
   std::wstring location;
-  bool lockThrows = false;   // LockInstallLocation runs out of memory
-  bool endThrows = false;    // so does Uninitialize
+  bool lockThrows = false;  // LockInstallLocation runs out of memory
+  bool endThrows = false;   // so does Uninitialize
   std::vector<std::string> calls;
 
   QelStatus Initialize(const std::wstring& release) {

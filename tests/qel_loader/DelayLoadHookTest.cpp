@@ -15,9 +15,9 @@ namespace ambrel {
 namespace {
 
 using test::BinFile;
-using test::SdkSandbox;
 using test::CopyFileTo;
 using test::ScratchDir;
+using test::SdkSandbox;
 
 using Calls = std::vector<std::string>;
 using test::kWholeSession;
@@ -36,7 +36,8 @@ std::wstring ModuleFile(HMODULE module) {
 }
 
 bool SamePath(const std::wstring& a, const std::wstring& b) {
-  return _wcsicmp(std::filesystem::path(a).lexically_normal().c_str(), std::filesystem::path(b).lexically_normal().c_str()) == 0;
+  return _wcsicmp(std::filesystem::path(a).lexically_normal().c_str(),
+                  std::filesystem::path(b).lexically_normal().c_str()) == 0;
 }
 
 // In this test program the library's objects are linked in, so "this
@@ -75,14 +76,16 @@ TEST_F(DelayLoadHookInProcess, FirstFailingLoadLooksTheFolderUpOnceAndKeepsIt) {
 
   const FARPROC first = CallHook(dliFailLoadLib, "ambrel_dl_lookup_a.dll");
   ASSERT_NE(first, nullptr);
-  EXPECT_TRUE(SamePath(ModuleFile(reinterpret_cast<HMODULE>(first)), sandbox.sharedDir() + L"\\ambrel_dl_lookup_a.dll"));
+  EXPECT_TRUE(
+      SamePath(ModuleFile(reinterpret_cast<HMODULE>(first)), sandbox.sharedDir() + L"\\ambrel_dl_lookup_a.dll"));
   EXPECT_EQ(DelayLoadSharedDllPath(), sandbox.sharedDir());
   EXPECT_EQ(sandbox.SdkCalls(), kWholeSession);
 
   sandbox.sdk().ClearCalls();
   const FARPROC second = CallHook(dliFailLoadLib, "ambrel_dl_lookup_b.dll");
   ASSERT_NE(second, nullptr);
-  EXPECT_TRUE(SamePath(ModuleFile(reinterpret_cast<HMODULE>(second)), sandbox.sharedDir() + L"\\ambrel_dl_lookup_b.dll"));
+  EXPECT_TRUE(
+      SamePath(ModuleFile(reinterpret_cast<HMODULE>(second)), sandbox.sharedDir() + L"\\ambrel_dl_lookup_b.dll"));
   EXPECT_TRUE(sandbox.SdkCalls(true).empty()) << "the folder is kept: no second session";
   ::FreeLibrary(reinterpret_cast<HMODULE>(first));
   ::FreeLibrary(reinterpret_cast<HMODULE>(second));
@@ -272,9 +275,9 @@ bool UnloadableHostHasUnloadTables() {
   return all;
 }
 
-#define SKIP_WITHOUT_UNLOAD_TABLES()                                                                   \
-  if (!UnloadableHostHasUnloadTables())                                                                \
-  GTEST_SKIP() << "the host image has no unload IAT (lld-link 16 ignores /DELAY:UNLOAD), so "          \
+#define SKIP_WITHOUT_UNLOAD_TABLES()                                                          \
+  if (!UnloadableHostHasUnloadTables())                                                       \
+  GTEST_SKIP() << "the host image has no unload IAT (lld-link 16 ignores /DELAY:UNLOAD), so " \
                   "__FUnloadDelayLoadedDLL2 can unload nothing"
 
 TEST_F(DelayLoadHookChild, DocumentedShutdownCodeUnloadsAndTheNextCallLoadsThroughTheHookAgain) {

@@ -19,8 +19,7 @@ std::map<std::string, std::string> HostLayout::Run(const SdkSandbox& sandbox, co
 std::map<std::string, std::string> HostLayout::RunHost(const std::wstring& program, const SdkSandbox& sandbox,
                                                        const std::wstring& mode, const std::wstring& folder) const {
   if (!std::filesystem::exists(hostDir_ / program)) CopyFileTo(BinFile(program), hostDir_ / program);
-  std::wstring arguments =
-      L"\"" + libraryDir_.path() + L"\" \"" + sandbox.registry().ScratchKeyPath() + L"\" " + mode;
+  std::wstring arguments = L"\"" + libraryDir_.path() + L"\" \"" + sandbox.registry().ScratchKeyPath() + L"\" " + mode;
   if (!folder.empty()) arguments += L" \"" + folder + L"\"";
   const ProcessResult result = RunProcess(hostDir_ / program, arguments);
   std::map<std::string, std::string> lines;

@@ -132,7 +132,8 @@ std::wstring PathOfLength(const ScratchDir& dir, size_t length) {
 
 // InstallPath of a given length, existing with its Version folder: read up to
 // 129 characters, missing from 130 on (the query offers 260 bytes).
-class InstallPathLengthTest : public IsQELInstalledTest, public ::testing::WithParamInterface<std::pair<size_t, bool>> {};
+class InstallPathLengthTest : public IsQELInstalledTest,
+                              public ::testing::WithParamInterface<std::pair<size_t, bool>> {};
 
 TEST_P(InstallPathLengthTest, IsReadOnlyWithinTheQuerysSize) {
   const auto [length, installed] = GetParam();
@@ -205,7 +206,8 @@ TEST(IsLiteEdition, KlxliteInTheSectionIsLite) {
 TEST(IsLiteEdition, OnlyTheExactValueCounts) {
   ScratchDir dir;
   for (const char* value : {"klxlite", "KLXLITE2", "KLX", "KLXPRO", ""}) {
-    dir.WriteFile(L"Kalvex.ini", std::string("[Tavrel Kalvex Installation Options]\r\nProductEdition=") + value + "\r\n");
+    dir.WriteFile(L"Kalvex.ini",
+                  std::string("[Tavrel Kalvex Installation Options]\r\nProductEdition=") + value + "\r\n");
     EXPECT_FALSE(IsLiteEditionIn(dir.path())) << value;
   }
   // A quoted value keeps a trailing blank, which makes it another edition.

@@ -12,10 +12,10 @@
 namespace ambrel {
 namespace {
 
-using test::SdkSandbox;
 using test::EnvGuard;
 using test::kMarker;
 using test::LibraryCopy;
+using test::SdkSandbox;
 
 using Calls = std::vector<std::string>;
 using test::kWholeSession;

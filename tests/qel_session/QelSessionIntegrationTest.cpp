@@ -123,10 +123,9 @@ TEST_F(SessionWithSdkTest, SdkErrorCodesReachTheMessagesWithTheirSign) {
   sandbox_.sdk().SetResult("Uninitialize", -1);
 
   EXPECT_EQ(RunWholeConversation(), expected);
-  EXPECT_EQ(messages(),
-            (Messages{{L"WARN", L"Failed to lock" + expected + L"\\, HALDO SDK wrapper status code : 5"},
-                      {L"WARN", L"Failed to Unlock HALDO SDK wrapper status code:-3"},
-                      {L"WARN", L"Failed to Uninitialize HALDO SDK wrapper status code:-1"}}));
+  EXPECT_EQ(messages(), (Messages{{L"WARN", L"Failed to lock" + expected + L"\\, HALDO SDK wrapper status code : 5"},
+                                  {L"WARN", L"Failed to Unlock HALDO SDK wrapper status code:-3"},
+                                  {L"WARN", L"Failed to Uninitialize HALDO SDK wrapper status code:-1"}}));
 }
 
 TEST_F(SessionWithSdkTest, SdkRefusingToStartIsPassedThrough) {

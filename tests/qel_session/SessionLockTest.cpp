@@ -67,8 +67,7 @@ TEST_F(SessionTest, FailedLockIsMessage13AndStillHandsOutTheLocation) {
   std::wstring location;
   EXPECT_EQ(session().LockInstallLocation(location), Success);
   EXPECT_EQ(location, expected);
-  EXPECT_EQ(messages(),
-            (Messages{{L"WARN", L"Failed to lock" + expected + L"\\, HALDO SDK wrapper status code : 5"}}));
+  EXPECT_EQ(messages(), (Messages{{L"WARN", L"Failed to lock" + expected + L"\\, HALDO SDK wrapper status code : 5"}}));
   // The lock's result replaced the start's: the next attempt shows it.
   EXPECT_EQ(SdkStatusShownByTheNextLock(), L"5");
 }
@@ -81,8 +80,9 @@ TEST_F(SessionTest, Message13RenderingForAnOverrideLocation) {
   std::wstring location;
   EXPECT_EQ(session().LockInstallLocation(location), Success);
   EXPECT_EQ(location, L"D:\\Shared\\2026.1");  // an override is never tested for existence
-  EXPECT_EQ(messages(), (Messages{{L"INFO", L"EnablePathOverride is set to 1"},
-                                  {L"WARN", L"Failed to lockD:\\Shared\\2026.1\\, HALDO SDK wrapper status code : 3"}}));
+  EXPECT_EQ(messages(),
+            (Messages{{L"INFO", L"EnablePathOverride is set to 1"},
+                      {L"WARN", L"Failed to lockD:\\Shared\\2026.1\\, HALDO SDK wrapper status code : 3"}}));
 }
 
 TEST_F(SessionTest, LocationEndingInABackslashIsLockedWithASecondOne) {
@@ -140,7 +140,9 @@ TEST_F(SessionTest, Message12RenderingForADriveRoot) {
   EXPECT_EQ(session().LockInstallLocation(location), Success);
   EXPECT_EQ(location, L"");
   ASSERT_EQ(messages().size(), 3u);
-  EXPECT_EQ(messages()[1], (Message{L"ERROR", L"The Install Location Path is Incorrect" L"D:\\"}));
+  EXPECT_EQ(messages()[1], (Message{L"ERROR",
+                                    L"The Install Location Path is Incorrect"
+                                    L"D:\\"}));
   EXPECT_EQ(messages()[2], (Message{L"WARN", kSdkInitFailed + L"2"}));
 }
 

@@ -44,7 +44,9 @@ TEST(SessionLogSink, ReceivesLevelThenMessage) {
 TEST(SessionMessage, LevelAndTextComeBackFromUtf8) {
   SinkCapture sink;
   std::ostringstream text = NewSessionMessage();
-  text << "path " << "\xC3\xA9t\xC3\xA9 \xE8\xB7\xAF\xF0\x9F\x98\x80" << " code:" << -17;
+  text << "path "
+       << "\xC3\xA9t\xC3\xA9 \xE8\xB7\xAF\xF0\x9F\x98\x80"
+       << " code:" << -17;
   DeliverSessionMessage("ERROR", text);
   EXPECT_EQ(sink.messages(), (Messages{{L"ERROR", L"path \u00E9t\u00E9 \u8DEF\U0001F600 code:-17"}}));
 }

@@ -83,8 +83,8 @@ TEST_F(SessionTest, EmptyVersionIsMessage8AndResult13) {
   Initialized(0);
   std::wstring location;
   EXPECT_EQ(session().LockInstallLocation(location), VersionEmpty);
-  EXPECT_EQ(messages(), (Messages{{L"FATAL", L"Entry for Version in Registry is Empty."},
-                                  {L"WARN", kSdkInitFailed + L"0"}}));
+  EXPECT_EQ(messages(),
+            (Messages{{L"FATAL", L"Entry for Version in Registry is Empty."}, {L"WARN", kSdkInitFailed + L"0"}}));
 }
 
 TEST_F(SessionTest, MissingVersionFolderIsMessage9WithTheVersionTextOnly) {

@@ -30,7 +30,9 @@ struct VariantRow {
 Message Lock(int code) {
   return {L"WARN", L"Failed to lock{lock}, HALDO SDK wrapper status code : " + std::to_wstring(code)};
 }
-Message Unlock(int code) { return {L"WARN", L"Failed to Unlock HALDO SDK wrapper status code:" + std::to_wstring(code)}; }
+Message Unlock(int code) {
+  return {L"WARN", L"Failed to Unlock HALDO SDK wrapper status code:" + std::to_wstring(code)};
+}
 Message End(int code) {
   return {L"WARN", L"Failed to Uninitialize HALDO SDK wrapper status code:" + std::to_wstring(code)};
 }

@@ -53,8 +53,9 @@ TEST(RunProcess, StopsAHungChildAtTheTimeLimitWhileReadingItsOutput) {
   EXPECT_LT(Elapsed(start), 20000u);
   EXPECT_EQ(result.exitCode, std::nullopt);
   EXPECT_TRUE(result.timedOut);
-  EXPECT_THAT(SplitLines(result.output),
-              ::testing::ElementsAre("child: hanging", ::testing::StartsWith("run: timed-out after 2000 ms, terminated ")));
+  EXPECT_THAT(
+      SplitLines(result.output),
+      ::testing::ElementsAre("child: hanging", ::testing::StartsWith("run: timed-out after 2000 ms, terminated ")));
   EXPECT_THAT(log.Lines(), ::testing::Contains(::testing::StartsWith("timed-out after 2000 ms")));
 }
 

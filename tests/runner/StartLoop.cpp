@@ -23,7 +23,8 @@ std::wstring CopyToFreshFolder(const std::wstring& program, const std::wstring& 
   if (mode == L"copy") return ::CopyFileW(program.c_str(), copy.c_str(), FALSE) ? copy : L"";
   std::error_code error;
   if (!std::filesystem::copy_file(program, copy, error)) return L"";
-  HANDLE probe = ::CreateFileW(copy.c_str(), GENERIC_READ | GENERIC_WRITE | DELETE, 0, nullptr, OPEN_EXISTING, 0, nullptr);
+  HANDLE probe =
+      ::CreateFileW(copy.c_str(), GENERIC_READ | GENERIC_WRITE | DELETE, 0, nullptr, OPEN_EXISTING, 0, nullptr);
   if (probe == INVALID_HANDLE_VALUE) {
     ++held;
     std::printf("copy %d still held: error %lu\n", index, ::GetLastError());

@@ -29,8 +29,8 @@ void Record(const std::string& line) {
   const DWORD length = ::GetEnvironmentVariableW(L"AMBREL_PROCESS_START_LOG", path, MAX_PATH);
   if (length == 0 || length >= MAX_PATH) return;
   // Appending only: concurrent test programs add whole lines, never overwrite.
-  UniqueFileHandle log(::CreateFileW(path, FILE_APPEND_DATA, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
-                                     OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr));
+  UniqueFileHandle log(::CreateFileW(path, FILE_APPEND_DATA, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr, OPEN_ALWAYS,
+                                     FILE_ATTRIBUTE_NORMAL, nullptr));
   if (!log) return;
   const std::string text = line + "\n";
   DWORD written = 0;
@@ -60,7 +60,8 @@ std::optional<OutputPipe> CreateOutputPipe(std::string& failure) {
   const std::wstring name = L"\\\\.\\pipe\\ambrel-test-run-" + std::to_wstring(::GetCurrentProcessId()) + L"-" +
                             std::to_wstring(g_pipeCounter++);
   OutputPipe pipe;
-  pipe.read.reset(::CreateNamedPipeW(name.c_str(), PIPE_ACCESS_INBOUND | FILE_FLAG_OVERLAPPED | FILE_FLAG_FIRST_PIPE_INSTANCE,
+  pipe.read.reset(::CreateNamedPipeW(name.c_str(),
+                                     PIPE_ACCESS_INBOUND | FILE_FLAG_OVERLAPPED | FILE_FLAG_FIRST_PIPE_INSTANCE,
                                      PIPE_TYPE_BYTE | PIPE_WAIT, 1, 4096, 4096, 0, nullptr));
   if (!pipe.read) {
     failure = "CreateNamedPipeW failed with error " + std::to_string(::GetLastError());
@@ -100,8 +101,8 @@ std::optional<PROCESS_INFORMATION> Start(const std::wstring& program, std::wstri
     }
     const DWORD error = ::GetLastError();
     ++result.failedStarts;
-    const std::string line = "start-failed " + std::to_string(error) + " attempt " + std::to_string(attempt) +
-                             " of " + std::to_string(kStartAttempts) + " " + Narrowed(program);
+    const std::string line = "start-failed " + std::to_string(error) + " attempt " + std::to_string(attempt) + " of " +
+                             std::to_string(kStartAttempts) + " " + Narrowed(program);
     Report(line);
     result.output += "run: " + line + "\n";
     if (IsLasting(error)) break;

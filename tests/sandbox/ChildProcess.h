@@ -16,7 +16,7 @@ namespace ambrel::test {
 struct ProcessResult {
   // None when the program never started or was still running at the time limit.
   std::optional<DWORD> exitCode;
-  std::string output;  // stdout and stderr together, then the runner's own "run: " lines where it failed
+  std::string output;         // stdout and stderr together, then the runner's own "run: " lines where it failed
   unsigned failedStarts = 0;  // start attempts that failed, whether or not a later one succeeded
   bool timedOut = false;      // the time limit ended the reading or the wait
 };

@@ -12,7 +12,8 @@ LibraryCopy::LibraryCopy(const std::wstring& parent, const std::vector<std::wstr
   for (const auto& companion : companions)
     std::filesystem::copy_file(bin / companion, std::filesystem::path(dir_.path()) / companion);
   module_ = ::LoadLibraryW(file_.c_str());
-  if (!module_) throw std::runtime_error("LoadLibraryW of the Ambrel.dll copy failed: " + std::to_string(::GetLastError()));
+  if (!module_)
+    throw std::runtime_error("LoadLibraryW of the Ambrel.dll copy failed: " + std::to_string(::GetLastError()));
 }
 
 LibraryCopy::~LibraryCopy() {

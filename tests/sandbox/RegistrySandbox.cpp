@@ -92,8 +92,7 @@ std::wstring NewGuidText() {
 
 }  // namespace
 
-RegistrySandbox::ScratchTree::ScratchTree(std::vector<std::wstring> linkedHklmKeys)
-    : links(std::move(linkedHklmKeys)) {
+RegistrySandbox::ScratchTree::ScratchTree(std::vector<std::wstring> linkedHklmKeys) : links(std::move(linkedHklmKeys)) {
   PurgeStaleSandboxes();
   path = std::wstring(kSandboxRoot) + L"\\" + std::to_wstring(static_cast<long long>(std::time(nullptr))) + L"-" +
          std::to_wstring(::GetCurrentProcessId()) + L"-" + NewGuidText();
@@ -146,8 +145,10 @@ void RegistrySandbox::SetDword(HKEY root, const std::wstring& subkey, const std:
 
 void RegistrySandbox::CreateKey(HKEY root, const std::wstring& subkey) { ::RegCloseKey(CreateKeyUnder(root, subkey)); }
 
-void RegistrySandbox::DeleteKey(HKEY root, const std::wstring& subkey) { ::RegDeleteTreeW(root, subkey.c_str());
-  ::RegDeleteKeyW(root, subkey.c_str()); }
+void RegistrySandbox::DeleteKey(HKEY root, const std::wstring& subkey) {
+  ::RegDeleteTreeW(root, subkey.c_str());
+  ::RegDeleteKeyW(root, subkey.c_str());
+}
 
 bool RegistrySandbox::ValueExists(HKEY root, const std::wstring& subkey, const std::wstring& name) {
   return ::RegGetValueW(root, subkey.c_str(), name.c_str(), RRF_RT_ANY, nullptr, nullptr, nullptr) == ERROR_SUCCESS;

@@ -215,5 +215,4 @@ class KalvexIniBesideTheProgram {
   std::wstring file_;
 };
 
-
 }  // namespace ambrel::test

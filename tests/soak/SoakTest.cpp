@@ -91,11 +91,11 @@ TEST_F(SoakTest, FiveThousandSessionCyclesKeepOnlyTheDeliberatelyOpenKeys) {
   const Usage after = Measure();
   const double seconds = (static_cast<double>(::GetTickCount64()) - start) / 1000;
 
-  std::printf("[soak] %d session cycles in %.1f s: handles %lld -> %lld (growth %lld, deliberately open keys %lld), "
-              "private bytes %lld -> %lld (growth %lld, allowed < %lld)\n",
-              kCycles, seconds, before.handles, after.handles, after.handles - before.handles, deliberatelyOpen,
-              before.privateBytes, after.privateBytes, after.privateBytes - before.privateBytes,
-              kPrivateBytesAllowance);
+  std::printf(
+      "[soak] %d session cycles in %.1f s: handles %lld -> %lld (growth %lld, deliberately open keys %lld), "
+      "private bytes %lld -> %lld (growth %lld, allowed < %lld)\n",
+      kCycles, seconds, before.handles, after.handles, after.handles - before.handles, deliberatelyOpen,
+      before.privateBytes, after.privateBytes, after.privateBytes - before.privateBytes, kPrivateBytesAllowance);
   // Growth below the allowance over all cycles: the smallest leak per cycle
   // this run would have caught.
   std::printf("[soak] bound: a leak of more than %lld bytes a cycle, or of one handle in %d cycles, fails this run\n",
@@ -163,14 +163,14 @@ TEST_F(SoakTest, SixtyCallStacksLeaveNothingBehind) {
   const int setUps = kCalls + libraryFailures + debugHelpRefusals;
   const long long debugHelpShare = bareHeapGrowth * setUps / kBareCalls;
 
-  std::printf("[soak] %d GetCallStack calls in %.1f s: %d failed with Debug Help working, %d while Debug Help "
-              "refused the bare sequence too; handles %lld -> %lld (growth %lld); private bytes %lld -> %lld "
-              "(growth %lld); heap in use growth %lld, of which the bare sequence accounts for %lld "
-              "(%lld bytes a call over %d calls), so the library kept %lld beyond it\n",
-              kCalls, seconds, libraryFailures, debugHelpRefusals, before.handles, after.handles,
-              after.handles - before.handles, before.privateBytes, after.privateBytes,
-              after.privateBytes - before.privateBytes, heapGrowth, debugHelpShare, bareHeapGrowth / kBareCalls,
-              kBareCalls, heapGrowth - debugHelpShare);
+  std::printf(
+      "[soak] %d GetCallStack calls in %.1f s: %d failed with Debug Help working, %d while Debug Help "
+      "refused the bare sequence too; handles %lld -> %lld (growth %lld); private bytes %lld -> %lld "
+      "(growth %lld); heap in use growth %lld, of which the bare sequence accounts for %lld "
+      "(%lld bytes a call over %d calls), so the library kept %lld beyond it\n",
+      kCalls, seconds, libraryFailures, debugHelpRefusals, before.handles, after.handles,
+      after.handles - before.handles, before.privateBytes, after.privateBytes, after.privateBytes - before.privateBytes,
+      heapGrowth, debugHelpShare, bareHeapGrowth / kBareCalls, kBareCalls, heapGrowth - debugHelpShare);
   // The check below fails once the library keeps more than the headroom over
   // all calls: that is the smallest leak per call this run would have caught.
   const long long headroom = debugHelpShare - heapGrowth;

@@ -29,8 +29,8 @@ constexpr LONG kStatusInfoLengthMismatch = static_cast<LONG>(0xC0000004);
 
 std::size_t CountProcessHandles() {
   using QueryFunction = LONG(NTAPI*)(ULONG, PVOID, ULONG, PULONG);
-  static const auto query = reinterpret_cast<QueryFunction>(
-      ::GetProcAddress(::GetModuleHandleW(L"ntdll.dll"), "NtQuerySystemInformation"));
+  static const auto query =
+      reinterpret_cast<QueryFunction>(::GetProcAddress(::GetModuleHandleW(L"ntdll.dll"), "NtQuerySystemInformation"));
   if (!query) return 0;
   std::vector<unsigned char> buffer(1 << 16);
   for (;;) {

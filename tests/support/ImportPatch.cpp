@@ -41,7 +41,8 @@ void** FindSlot(HMODULE module, const char* importedDll, const char* function) {
       const HMODULE imported = ::GetModuleHandleA(importedDll);
       const FARPROC target = imported ? ::GetProcAddress(imported, function) : nullptr;
       for (; target && slots->u1.Function != 0; ++slots) {
-        if (slots->u1.Function == reinterpret_cast<ULONG_PTR>(target)) return reinterpret_cast<void**>(&slots->u1.Function);
+        if (slots->u1.Function == reinterpret_cast<ULONG_PTR>(target))
+          return reinterpret_cast<void**>(&slots->u1.Function);
       }
     }
   }

@@ -19,7 +19,8 @@ long long PrivateBytes() {
   MEMORY_BASIC_INFORMATION region{};
   for (const char* address = nullptr; ::VirtualQuery(address, &region, sizeof region) == sizeof region;
        address = static_cast<const char*>(region.BaseAddress) + region.RegionSize) {
-    if (region.State == MEM_COMMIT && region.Type == MEM_PRIVATE) committed += static_cast<long long>(region.RegionSize);
+    if (region.State == MEM_COMMIT && region.Type == MEM_PRIVATE)
+      committed += static_cast<long long>(region.RegionSize);
   }
   return committed;
 }

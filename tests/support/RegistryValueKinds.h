@@ -81,7 +81,7 @@ inline ValueShape Raw(DWORD type, std::string bytes) { return {ValueShape::kRaw,
 inline std::string DwordBytes(DWORD value) { return std::string(reinterpret_cast<const char*>(&value), sizeof value); }
 
 inline void WriteShape(HKEY root, const std::wstring& key, const std::wstring& name, const ValueShape& shape,
-                      const ScratchDir& dir) {
+                       const ScratchDir& dir) {
   switch (shape.kind) {
     case ValueShape::kAbsent: WriteValue(root, key, name, Absent()); break;
     case ValueShape::kText:

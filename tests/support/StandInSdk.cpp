@@ -151,7 +151,8 @@ std::vector<std::string> SuccessfulInitializeLog(const std::string& dllPath, con
   return {kLogSeparator,
           "[INFO] HALDOAPIWrapperImpl::Initialize: plc = \"" + plc + "\", release = \"" + release +
               "\", language = \"" + language + "\"",
-          "[INFO] Load: HALDO SDK path = " + dllPath, "[INFO] HALDOAPIWrapperImpl::Initialize: HALDO SDK loaded successfully",
+          "[INFO] Load: HALDO SDK path = " + dllPath,
+          "[INFO] HALDOAPIWrapperImpl::Initialize: HALDO SDK loaded successfully",
           "[INFO] HALDOAPIWrapperImpl::Initialize: session id = " + sessionId};
 }
 

@@ -61,8 +61,8 @@ __declspec(noinline) DWORD TryDelayImport(DelayImportFn fn, wchar_t* buffer, uns
   DWORD code = 0;
   __try {  // Compiler-specific: structured exception handling (-fms-extensions on clang).
     fn(buffer, size);
-  } __except (code = GetExceptionCode(), code == kDelayLoadModuleNotFound ? EXCEPTION_EXECUTE_HANDLER
-                                                                          : EXCEPTION_CONTINUE_SEARCH) {
+  } __except (code = GetExceptionCode(),
+              code == kDelayLoadModuleNotFound ? EXCEPTION_EXECUTE_HANDLER : EXCEPTION_CONTINUE_SEARCH) {
     return code;
   }
   return 0;

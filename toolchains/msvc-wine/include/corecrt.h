@@ -21,11 +21,11 @@ static_assert(sizeof(_Mbstatet) == 8, "_Mbstatet is 8 bytes in the Universal CRT
 // The v*scanf functions, inline over the Universal CRT's common entry points
 // as its headers have them; stdio.h makes the char ones, wchar.h the wchar_t
 // ones (Wine declares neither).
-#define AMBREL_VSCANF_FAMILY(Char, vfName, vsName, vName, commonFile, commonString)                           \
-  static __inline int __cdecl vfName(FILE* stream, const Char* format, va_list args) {                        \
-    return commonFile(_CRT_INTERNAL_LOCAL_SCANF_OPTIONS, stream, format, NULL, args);                         \
-  }                                                                                                           \
-  static __inline int __cdecl vsName(const Char* buffer, const Char* format, va_list args) {                  \
-    return commonString(_CRT_INTERNAL_LOCAL_SCANF_OPTIONS, buffer, (size_t)-1, format, NULL, args);           \
-  }                                                                                                           \
+#define AMBREL_VSCANF_FAMILY(Char, vfName, vsName, vName, commonFile, commonString)                 \
+  static __inline int __cdecl vfName(FILE* stream, const Char* format, va_list args) {              \
+    return commonFile(_CRT_INTERNAL_LOCAL_SCANF_OPTIONS, stream, format, NULL, args);               \
+  }                                                                                                 \
+  static __inline int __cdecl vsName(const Char* buffer, const Char* format, va_list args) {        \
+    return commonString(_CRT_INTERNAL_LOCAL_SCANF_OPTIONS, buffer, (size_t)-1, format, NULL, args); \
+  }                                                                                                 \
   static __inline int __cdecl vName(const Char* format, va_list args) { return vfName(stdin, format, args); }

@@ -98,7 +98,9 @@ static __inline long double __cdecl remquol(long double x, long double y, int* q
 static __inline long double __cdecl nanl(const char* tag) { return nan(tag); }
 static __inline double __cdecl nexttoward(double x, long double y) { return nextafter(x, (double)y); }
 static __inline float __cdecl nexttowardf(float x, long double y) { return nextafterf(x, (float)y); }
-static __inline long double __cdecl nexttowardl(long double x, long double y) { return nextafter((double)x, (double)y); }
+static __inline long double __cdecl nexttowardl(long double x, long double y) {
+  return nextafter((double)x, (double)y);
+}
 
 #ifdef __cplusplus
 #undef fpclassify
@@ -117,20 +119,56 @@ extern "C++" {
 inline int fpclassify(double x) noexcept { return _dclass(x); }
 inline int fpclassify(float x) noexcept { return _fdclass(x); }
 inline int fpclassify(long double x) noexcept { return _dclass((double)x); }
-template <class T> inline int fpclassify(T x) noexcept { return _dclass((double)x); }
+template <class T>
+inline int fpclassify(T x) noexcept {
+  return _dclass((double)x);
+}
 inline bool signbit(double x) noexcept { return _dsign(x) != 0; }
 inline bool signbit(float x) noexcept { return _fdsign(x) != 0; }
 inline bool signbit(long double x) noexcept { return _dsign((double)x) != 0; }
-template <class T> inline bool signbit(T x) noexcept { return _dsign((double)x) != 0; }
-template <class T> inline bool isinf(T x) noexcept { return fpclassify(x) == FP_INFINITE; }
-template <class T> inline bool isnan(T x) noexcept { return fpclassify(x) == FP_NAN; }
-template <class T> inline bool isnormal(T x) noexcept { return fpclassify(x) == FP_NORMAL; }
-template <class T> inline bool isfinite(T x) noexcept { return fpclassify(x) <= 0; }
-template <class T, class U> inline bool isunordered(T x, U y) noexcept { return isnan(x) || isnan(y); }
-template <class T, class U> inline bool isgreater(T x, U y) noexcept { return !isunordered(x, y) && x > y; }
-template <class T, class U> inline bool isgreaterequal(T x, U y) noexcept { return !isunordered(x, y) && x >= y; }
-template <class T, class U> inline bool isless(T x, U y) noexcept { return !isunordered(x, y) && x < y; }
-template <class T, class U> inline bool islessequal(T x, U y) noexcept { return !isunordered(x, y) && x <= y; }
-template <class T, class U> inline bool islessgreater(T x, U y) noexcept { return !isunordered(x, y) && x != y; }
+template <class T>
+inline bool signbit(T x) noexcept {
+  return _dsign((double)x) != 0;
+}
+template <class T>
+inline bool isinf(T x) noexcept {
+  return fpclassify(x) == FP_INFINITE;
+}
+template <class T>
+inline bool isnan(T x) noexcept {
+  return fpclassify(x) == FP_NAN;
+}
+template <class T>
+inline bool isnormal(T x) noexcept {
+  return fpclassify(x) == FP_NORMAL;
+}
+template <class T>
+inline bool isfinite(T x) noexcept {
+  return fpclassify(x) <= 0;
+}
+template <class T, class U>
+inline bool isunordered(T x, U y) noexcept {
+  return isnan(x) || isnan(y);
+}
+template <class T, class U>
+inline bool isgreater(T x, U y) noexcept {
+  return !isunordered(x, y) && x > y;
+}
+template <class T, class U>
+inline bool isgreaterequal(T x, U y) noexcept {
+  return !isunordered(x, y) && x >= y;
+}
+template <class T, class U>
+inline bool isless(T x, U y) noexcept {
+  return !isunordered(x, y) && x < y;
+}
+template <class T, class U>
+inline bool islessequal(T x, U y) noexcept {
+  return !isunordered(x, y) && x <= y;
+}
+template <class T, class U>
+inline bool islessgreater(T x, U y) noexcept {
+  return !isunordered(x, y) && x != y;
+}
 }
 #endif

@@ -68,7 +68,9 @@
 #endif
 #ifndef _CRT_BEGIN_C_HEADER
 #define _CRT_BEGIN_C_HEADER __pragma(pack(push, 8)) extern "C" {
-#define _CRT_END_C_HEADER } __pragma(pack(pop))
+#define _CRT_END_C_HEADER \
+  }                       \
+  __pragma(pack(pop))
 #endif
 #ifndef _CRT_PACKING
 #define _CRT_PACKING 8

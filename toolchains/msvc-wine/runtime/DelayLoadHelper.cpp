@@ -52,7 +52,8 @@ extern "C" FARPROC WINAPI __delayLoadHelper2(PCImgDelayDescr descriptor, FARPROC
   const IMAGE_THUNK_DATA& import = names[reinterpret_cast<const IMAGE_THUNK_DATA*>(iatEntry) - iat];
   info.dlp.fImportByName = !IMAGE_SNAP_BY_ORDINAL(import.u1.Ordinal);
   if (info.dlp.fImportByName) {
-    info.dlp.szProcName = reinterpret_cast<LPCSTR>(FromRva<PIMAGE_IMPORT_BY_NAME>(static_cast<RVA>(import.u1.AddressOfData))->Name);
+    info.dlp.szProcName =
+        reinterpret_cast<LPCSTR>(FromRva<PIMAGE_IMPORT_BY_NAME>(static_cast<RVA>(import.u1.AddressOfData))->Name);
   } else {
     info.dlp.dwOrdinal = static_cast<DWORD>(IMAGE_ORDINAL(import.u1.Ordinal));
   }
@@ -71,9 +72,9 @@ extern "C" FARPROC WINAPI __delayLoadHelper2(PCImgDelayDescr descriptor, FARPROC
     }
     function = Notify(dliNotePreGetProcAddress, info);
     if (function == nullptr) {
-      function = ::GetProcAddress(info.hmodCur, info.dlp.fImportByName
-                                                    ? info.dlp.szProcName
-                                                    : reinterpret_cast<LPCSTR>(static_cast<ULONG_PTR>(info.dlp.dwOrdinal)));
+      function = ::GetProcAddress(
+          info.hmodCur, info.dlp.fImportByName ? info.dlp.szProcName
+                                               : reinterpret_cast<LPCSTR>(static_cast<ULONG_PTR>(info.dlp.dwOrdinal)));
       if (function == nullptr) function = Fail(dliFailGetProc, info, ERROR_PROC_NOT_FOUND);
     }
     *iatEntry = function;

@@ -16,8 +16,8 @@
 extern "C" {
 void AmbrelStartProgram();
 _ACRTIMP int* __cdecl __p___argc(void);
-_ACRTIMP AMBREL_PICK(char, wchar_t)*** __cdecl AMBREL_PICK(__p___argv, __p___wargv)(void);
-int __cdecl AMBREL_PICK(main, wmain)(int, AMBREL_PICK(char, wchar_t)**, AMBREL_PICK(char, wchar_t)**);
+_ACRTIMP AMBREL_PICK(char, wchar_t) * **__cdecl AMBREL_PICK(__p___argv, __p___wargv)(void);
+int __cdecl AMBREL_PICK(main, wmain)(int, AMBREL_PICK(char, wchar_t) **, AMBREL_PICK(char, wchar_t) **);
 
 int __cdecl AMBREL_PICK(mainCRTStartup, wmainCRTStartup)(void) {
   AMBREL_PICK(_configure_narrow_argv, _configure_wide_argv)(_crt_argv_unexpanded_arguments);

@@ -20,18 +20,18 @@ __asm__(
     ".globl __chkstk\n"
     ".p2align 4\n"
     "__chkstk:\n"
-    "  leaq 8(%rsp), %r10\n"         // the caller's rsp
-    "  subq %rax, %r10\n"            // its new bottom
+    "  leaq 8(%rsp), %r10\n"  // the caller's rsp
+    "  subq %rax, %r10\n"     // its new bottom
     "  jae 1f\n"
-    "  xorl %r10d, %r10d\n"          // below address 0: probe to the end
+    "  xorl %r10d, %r10d\n"  // below address 0: probe to the end
     "1:\n"
-    "  movq %gs:0x10, %r11\n"        // StackLimit: the lowest committed byte
+    "  movq %gs:0x10, %r11\n"  // StackLimit: the lowest committed byte
     "  cmpq %r11, %r10\n"
-    "  jae 3f\n"                     // within the committed stack
-    "  andq $-0x1000, %r10\n"        // the page of the new bottom
+    "  jae 3f\n"               // within the committed stack
+    "  andq $-0x1000, %r10\n"  // the page of the new bottom
     "2:\n"
     "  subq $0x1000, %r11\n"
-    "  movb $0, (%r11)\n"            // touch the next page down
+    "  movb $0, (%r11)\n"  // touch the next page down
     "  cmpq %r10, %r11\n"
     "  jne 2b\n"
     "3:\n"

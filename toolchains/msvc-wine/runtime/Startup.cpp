@@ -46,9 +46,11 @@ char _tls_start = 0;
 char _tls_end = 0;
 #pragma data_seg()
 extern const IMAGE_TLS_DIRECTORY64 _tls_used = {reinterpret_cast<ULONGLONG>(&_tls_start),
-                                               reinterpret_cast<ULONGLONG>(&_tls_end),
-                                               reinterpret_cast<ULONGLONG>(&_tls_index),
-                                               reinterpret_cast<ULONGLONG>(&__xl_a + 1), 0, 0};
+                                                reinterpret_cast<ULONGLONG>(&_tls_end),
+                                                reinterpret_cast<ULONGLONG>(&_tls_index),
+                                                reinterpret_cast<ULONGLONG>(&__xl_a + 1),
+                                                0,
+                                                0};
 
 // The compiler references it whenever floating point is used.
 int _fltused = 0x9875;
@@ -103,8 +105,7 @@ void AmbrelGuardDispatch(void);
 extern void* const __guard_check_icall_fptr;
 extern void* const __guard_dispatch_icall_fptr;
 __declspec(allocate(".00cfg")) void* const __guard_check_icall_fptr = reinterpret_cast<void*>(&AmbrelGuardCheck);
-__declspec(allocate(".00cfg")) void* const __guard_dispatch_icall_fptr =
-    reinterpret_cast<void*>(&AmbrelGuardDispatch);
+__declspec(allocate(".00cfg")) void* const __guard_dispatch_icall_fptr = reinterpret_cast<void*>(&AmbrelGuardDispatch);
 }  // extern "C"
 
 // The dispatch stub, and the load configuration: its GuardFlags is a 32-bit
@@ -119,20 +120,20 @@ __asm__(
     ".globl _load_config_used\n"
     ".p2align 3\n"
     "_load_config_used:\n"
-    "  .long 192\n"                 // Size
-    "  .long 0, 0, 0, 0, 0\n"       // TimeDateStamp, versions, global flags, timeout
-    "  .quad 0, 0, 0, 0, 0, 0\n"    // de-commit thresholds .. ProcessAffinityMask
-    "  .long 0\n"                   // ProcessHeapFlags
-    "  .short 0, 0\n"               // CSDVersion, DependentLoadFlags
-    "  .quad 0\n"                   // EditList
+    "  .long 192\n"               // Size
+    "  .long 0, 0, 0, 0, 0\n"     // TimeDateStamp, versions, global flags, timeout
+    "  .quad 0, 0, 0, 0, 0, 0\n"  // de-commit thresholds .. ProcessAffinityMask
+    "  .long 0\n"                 // ProcessHeapFlags
+    "  .short 0, 0\n"             // CSDVersion, DependentLoadFlags
+    "  .quad 0\n"                 // EditList
     "  .quad __security_cookie\n"
-    "  .quad 0, 0\n"                // SEHandlerTable, SEHandlerCount
+    "  .quad 0, 0\n"  // SEHandlerTable, SEHandlerCount
     "  .quad __guard_check_icall_fptr\n"
     "  .quad __guard_dispatch_icall_fptr\n"
     "  .quad __guard_fids_table\n"
     "  .quad __guard_fids_count\n"
     "  .long __guard_flags\n"
-    "  .short 0, 0\n"               // CodeIntegrity
+    "  .short 0, 0\n"  // CodeIntegrity
     "  .long 0, 0\n"
     "  .quad __guard_iat_table\n"
     "  .quad __guard_iat_count\n"
@@ -284,9 +285,7 @@ void* __cdecl operator new(size_t size, const std::nothrow_t&) noexcept {
     return nullptr;
   }
 }
-void* __cdecl operator new[](size_t size, const std::nothrow_t&) noexcept {
-  return ::operator new(size, std::nothrow);
-}
+void* __cdecl operator new[](size_t size, const std::nothrow_t&) noexcept { return ::operator new(size, std::nothrow); }
 void* __cdecl operator new(size_t size, std::align_val_t alignment, const std::nothrow_t&) noexcept {
   try {
     return ::operator new(size, alignment);
@@ -308,9 +307,7 @@ void __cdecl operator delete[](void* block, std::align_val_t) noexcept { _aligne
 void __cdecl operator delete(void* block, size_t, std::align_val_t) noexcept { _aligned_free(block); }
 void __cdecl operator delete[](void* block, size_t, std::align_val_t) noexcept { _aligned_free(block); }
 void __cdecl operator delete(void* block, std::align_val_t, const std::nothrow_t&) noexcept { _aligned_free(block); }
-void __cdecl operator delete[](void* block, std::align_val_t, const std::nothrow_t&) noexcept {
-  _aligned_free(block);
-}
+void __cdecl operator delete[](void* block, std::align_val_t, const std::nothrow_t&) noexcept { _aligned_free(block); }
 
 // ---- type_info: its destructor and vtable, which Wine's vcruntime140 does
 // not export. Type descriptors never die, so the destructor does nothing.
