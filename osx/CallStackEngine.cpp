@@ -106,9 +106,9 @@ bool CallStackEngine::WalkFrom(CONTEXT& context, std::wstring& scratch) {
 
 // Reached only when the walk itself throws (out of memory while the text
 // grows), which no test can bring about inside an exception filter.
-void CallStackEngine::KeepError(std::exception_ptr error) noexcept {
-  pendingError_ = std::move(error);
-}  // GCOVR_EXCL_LINE
+// GCOVR_EXCL_START
+void CallStackEngine::KeepError(std::exception_ptr error) noexcept { pendingError_ = std::move(error); }
+// GCOVR_EXCL_STOP
 
 void CallStackEngine::RethrowError() {
   if (pendingError_) std::rethrow_exception(std::exchange(pendingError_, nullptr));  // GCOVR_EXCL_LINE
