@@ -79,7 +79,8 @@ bool LoadSdk(int& code) {
     return false;
   }
   if (check.refusal == kWrapperSignatureRejected) {
-    LogSignatureFindings(*check.signature);
+    // A rejection always carries its findings.
+    if (check.signature) LogSignatureFindings(*check.signature);
     check.signature.reset();  // the store and message closed after their line
     WriteWrapperLogLine(L"[ERROR] IsSignatureValid: Signature invalid at path = " + check.path);
     code = check.refusal;
