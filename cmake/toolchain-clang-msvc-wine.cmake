@@ -55,20 +55,19 @@ set(CMAKE_CXX_FLAGS_INIT "${_ambrel_msvc_compile}")
 # A Debug tree (CMAKE_BUILD_TYPE=Debug: /MDd) links the debug runtime's
 # pieces (toolchains/msvc-wine/BuildDebugRuntime.cmake).
 if(CMAKE_BUILD_TYPE STREQUAL "Debug")
-  set(AMBREL_LINKED_INTO_EVERY_IMAGE
-      "${AMBREL_MSVC_RUNTIME}/lib/ambrel_msvc_runtime_debug.lib" "${AMBREL_MSVC_RUNTIME}/lib/ambrel_msvc_stl_debug.lib")
-  set(AMBREL_MSVC_RUNTIME_LIBS
-      ${AMBREL_LINKED_INTO_EVERY_IMAGE}
-      msvcp140d.lib msvcp140_1d.lib msvcp140_2d.lib
-      msvcp140d_atomic_wait.lib vcruntime140d.lib vcruntime140_1d.lib ucrtbased.lib kernel32.lib ntdll.lib)
+  set(_ambrel_d d)
+  set(_ambrel_archive _debug)
 else()
-  set(AMBREL_LINKED_INTO_EVERY_IMAGE
-      "${AMBREL_MSVC_RUNTIME}/lib/ambrel_msvc_runtime.lib" "${AMBREL_MSVC_RUNTIME}/lib/ambrel_msvc_stl.lib")
-  set(AMBREL_MSVC_RUNTIME_LIBS
-      ${AMBREL_LINKED_INTO_EVERY_IMAGE}
-      msvcp140.lib msvcp140_1.lib msvcp140_2.lib
-      msvcp140_atomic_wait.lib vcruntime140.lib vcruntime140_1.lib ucrtbase.lib kernel32.lib ntdll.lib)
+  set(_ambrel_d "")
+  set(_ambrel_archive "")
 endif()
+set(AMBREL_LINKED_INTO_EVERY_IMAGE
+    "${AMBREL_MSVC_RUNTIME}/lib/ambrel_msvc_runtime${_ambrel_archive}.lib"
+    "${AMBREL_MSVC_RUNTIME}/lib/ambrel_msvc_stl${_ambrel_archive}.lib")
+set(AMBREL_MSVC_RUNTIME_LIBS
+    ${AMBREL_LINKED_INTO_EVERY_IMAGE}
+    msvcp140${_ambrel_d}.lib msvcp140_1${_ambrel_d}.lib msvcp140_2${_ambrel_d}.lib msvcp140${_ambrel_d}_atomic_wait.lib
+    vcruntime140${_ambrel_d}.lib vcruntime140_1${_ambrel_d}.lib ucrtbase${_ambrel_d}.lib kernel32.lib ntdll.lib)
 # CMake's own default list follows; set in the cache, since CMake's MSVC
 # platform code would otherwise put its default list alone there.
 string(JOIN " " _ambrel_msvc_libs ${AMBREL_MSVC_RUNTIME_LIBS} kernel32.lib user32.lib gdi32.lib winspool.lib
