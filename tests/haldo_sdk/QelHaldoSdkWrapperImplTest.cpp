@@ -1,6 +1,7 @@
 #include "haldo_sdk/QelHaldoSdkWrapperImpl.h"
 
 #include <memory>
+#include <ostream>
 #include <type_traits>
 
 #include "haldo_sdk/SdkModule.h"
@@ -33,6 +34,9 @@ struct SessionIdCase {
   const char* name;
   std::string sessionId;
 };
+
+// Named in the test list and failure messages by its case name.
+void PrintTo(const SessionIdCase& c, std::ostream* os) { *os << c.name; }
 
 class SuccessfulInitializeTest : public WrapperTest, public ::testing::WithParamInterface<SessionIdCase> {};
 

@@ -6,6 +6,7 @@
 #include <shlobj.h>
 
 #include <filesystem>
+#include <ostream>
 #include <stdexcept>
 #include <thread>
 
@@ -247,6 +248,9 @@ struct EmptyReadCase {
   int getPathCalls;
 };
 
+// Named in the test list and failure messages by its case name.
+void PrintTo(const EmptyReadCase& c, std::ostream* os) { *os << c.name; }
+
 void NoTarget(FakeShellLink& fake) {
   fake.getPathResult = S_FALSE;
   fake.getPathText = L"";
@@ -308,6 +312,9 @@ struct FailedRewriteCase {
   int saveCalls;
   LONG references;
 };
+
+// Named in the test list and failure messages by its case name.
+void PrintTo(const FailedRewriteCase& c, std::ostream* os) { *os << c.name; }
 
 // name, arrange, result, then the Load, SetPath and Save calls made and the references left
 const FailedRewriteCase kFailedRewrites[] = {

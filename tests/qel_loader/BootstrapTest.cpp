@@ -6,6 +6,7 @@
 #include <cwctype>
 #include <filesystem>
 #include <map>
+#include <ostream>
 
 #include "Ambrel.h"
 #include "qel_loader/InstallQueries.h"
@@ -133,6 +134,9 @@ struct UnusableLocationCase {
   const char* name;
   std::wstring (*make)(const ScratchDir& scratch);
 };
+
+// Named in the test list and failure messages by its case name.
+void PrintTo(const UnusableLocationCase& c, std::ostream* os) { *os << c.name; }
 
 class UnusableLockedLocationTest : public InitializeQelTest,
                                    public ::testing::WithParamInterface<UnusableLocationCase> {};

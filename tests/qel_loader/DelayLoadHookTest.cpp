@@ -4,6 +4,7 @@
 
 #include <filesystem>
 #include <map>
+#include <ostream>
 #include <system_error>
 
 #include "Ambrel.h"
@@ -339,6 +340,9 @@ struct ElsewhereCase {
   const char* name;
   const wchar_t* mode;
 };
+
+// Named in the test list and failure messages by its case name.
+void PrintTo(const ElsewhereCase& c, std::ostream* os) { *os << c.name; }
 
 class DllOnlyElsewhereTest : public DelayLoadHookChild, public ::testing::WithParamInterface<ElsewhereCase> {};
 

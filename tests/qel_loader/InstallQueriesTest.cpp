@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <optional>
+#include <ostream>
 #include <string>
 #include <utility>
 
@@ -93,6 +94,9 @@ struct EntryCase {
   std::optional<std::wstring> version;
   bool installed;
 };
+
+// Named in the test list and failure messages by its case name.
+void PrintTo(const EntryCase& c, std::ostream* os) { *os << c.name; }
 
 const EntryCase kEntries[] = {
     {"CompleteEntry", L"", L"2026.1", true},
