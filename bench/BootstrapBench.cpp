@@ -254,14 +254,8 @@ void PrintGrowthOfPieces(int count, const std::wstring& expected) {
   PrintGrowth("locate (registry, existence tests)", count, [&] { FloorLocate(location); });
 }
 
-}  // namespace
-}  // namespace ambrel::test
-
-int main(int argc, char** argv) {
-  using namespace ambrel::bench;
-  using namespace ambrel;
-  using namespace ambrel::test;
-  const int rounds = RoundsArgument(argc, argv, 150);
+int RunBench(int argc, char** argv) {
+  const int rounds = bench::RoundsArgument(argc, argv, 150);
 
   SdkSandbox sandbox{SdkSandbox::Contents::Installed, SdkSandbox::Record::Nothing};
   const WrapperLogFolder& log = sandbox.log();
@@ -269,14 +263,14 @@ int main(int argc, char** argv) {
 
   // Both paths must succeed and write the same number of log lines before
   // any figure counts.
-  Require(LibraryCycle(expected), "the library's session cycle did not succeed");
+  bench::Require(LibraryCycle(expected), "the library's session cycle did not succeed");
   const size_t afterFirst = log.Lines().size();
-  Require(LibraryCycle(expected), "the library's session cycle did not succeed");
+  bench::Require(LibraryCycle(expected), "the library's session cycle did not succeed");
   const size_t libraryLines = log.Lines().size() - afterFirst;
-  Require(FloorCycle(expected), "the floor's cycle did not succeed");
+  bench::Require(FloorCycle(expected), "the floor's cycle did not succeed");
   const size_t floorLines = log.Lines().size() - afterFirst - libraryLines;
   std::printf("log lines per cycle: library %zu, floor %zu\n", libraryLines, floorLines);
-  Require(libraryLines == floorLines && libraryLines > 0, "the two paths write different numbers of log lines");
+  bench::Require(libraryLines == floorLines && libraryLines > 0, "the two paths write different numbers of log lines");
 
   // A stale self-update lock file: 4294967295 is no process id, so the
   // snapshot is walked to its end on every cycle.
@@ -289,16 +283,21 @@ int main(int argc, char** argv) {
   }
 
   sandbox.programData().WriteLock("4294967295");
-  Require(LibraryCycle(expected) && FloorCycle(expected), "a cycle failed with the stale lock file");
+  bench::Require(LibraryCycle(expected) && FloorCycle(expected), "a cycle failed with the stale lock file");
   bool allSucceeded = true;
-  const Comparison stale = Compare(
+  const bench::Comparison stale = bench::Compare(
       rounds, 1, [&] { allSucceeded &= LibraryCycle(expected); }, [&] { allSucceeded &= FloorCycle(expected); });
-  Print("bootstrap cycle (stale lock file)", stale, 1.10);
+  bench::Print("bootstrap cycle (stale lock file)", stale, 1.10);
 
   sandbox.programData().RemoveLock();
-  const Comparison noLock = Compare(
+  const bench::Comparison noLock = bench::Compare(
       rounds, 1, [&] { allSucceeded &= LibraryCycle(expected); }, [&] { allSucceeded &= FloorCycle(expected); });
-  Print("bootstrap cycle (no lock file)", noLock, 1.10);
-  Require(allSucceeded, "a timed cycle failed");
+  bench::Print("bootstrap cycle (no lock file)", noLock, 1.10);
+  bench::Require(allSucceeded, "a timed cycle failed");
   return 0;
 }
+
+}  // namespace
+}  // namespace ambrel::test
+
+int main(int argc, char** argv) { return ambrel::test::RunBench(argc, argv); }

@@ -38,27 +38,21 @@ bool HookLoadAndFree() {
   return module != nullptr;
 }
 
-}  // namespace
-}  // namespace ambrel::test
-
-int main(int argc, char** argv) {
-  using namespace ambrel::bench;
-  using namespace ambrel;
-  using namespace ambrel::test;
-  const int rounds = RoundsArgument(argc, argv, 300);
+int RunBench(int argc, char** argv) {
+  const int rounds = bench::RoundsArgument(argc, argv, 300);
   constexpr int kBatch = 10;
 
   SdkSandbox sandbox{SdkSandbox::Contents::Installed, SdkSandbox::Record::Nothing};
   const std::wstring probeFile = TestBinDirectory() + L"\\" + Widen(kProbe);
-  Require(::GetModuleHandleA(kProbe) == nullptr, "the probe DLL is already loaded");
+  bench::Require(::GetModuleHandleA(kProbe) == nullptr, "the probe DLL is already loaded");
 
   // The first call looks the shared folder up and keeps it.
-  const double start = NowMicroseconds();
+  const double start = bench::NowMicroseconds();
   const HMODULE first = HookLoad();
-  const double firstCall = NowMicroseconds() - start;
-  Require(first != nullptr, "the hook did not load the probe DLL");
+  const double firstCall = bench::NowMicroseconds() - start;
+  bench::Require(first != nullptr, "the hook did not load the probe DLL");
   ::FreeLibrary(first);
-  Require(DelayLoadSharedDllPath() == sandbox.sharedDir(), "the hook did not keep the shared folder");
+  bench::Require(DelayLoadSharedDllPath() == sandbox.sharedDir(), "the hook did not keep the shared folder");
   std::printf("first hook call (folder look-up through a whole session): %.1f us\n", firstCall);
 
   bool allSucceeded = true;
@@ -67,14 +61,14 @@ int main(int argc, char** argv) {
     allSucceeded &= module != nullptr;
     ::FreeLibrary(module);
   };
-  const Comparison c = Compare(
+  const bench::Comparison c = bench::Compare(
       rounds, kBatch, [&] { allSucceeded &= HookLoadAndFree(); }, plainLoad);
-  Print("DelayLoadHook (folder cached)", c, 1.10);
+  bench::Print("DelayLoadHook (folder cached)", c, 1.10);
 
   // The same hook against a floor that also registers and removes the shared
   // folder around the load, as the hook must: what is left is the hook's own work.
   const std::wstring& shared = DelayLoadSharedDllPath();
-  const Comparison registered = Compare(
+  const bench::Comparison registered = bench::Compare(
       rounds, kBatch, [&] { allSucceeded &= HookLoadAndFree(); },
       [&] {
         const DLL_DIRECTORY_COOKIE cookie = ::AddDllDirectory(shared.c_str());
@@ -83,13 +77,18 @@ int main(int argc, char** argv) {
         allSucceeded &= module != nullptr && cookie != nullptr;
         ::FreeLibrary(module);
       });
-  Print("DelayLoadHook vs load + registration", registered, 1.10);
+  bench::Print("DelayLoadHook vs load + registration", registered, 1.10);
 
   // The first comparison once more: shows whether the times drifted during the run.
-  const Comparison again = Compare(
+  const bench::Comparison again = bench::Compare(
       rounds, kBatch, [&] { allSucceeded &= HookLoadAndFree(); }, plainLoad);
-  Print("DelayLoadHook (folder cached, again)", again, 1.10);
-  Require(allSucceeded, "a timed load failed");
-  Require(::GetModuleHandleA(kProbe) == nullptr, "the probe DLL stayed loaded");
+  bench::Print("DelayLoadHook (folder cached, again)", again, 1.10);
+  bench::Require(allSucceeded, "a timed load failed");
+  bench::Require(::GetModuleHandleA(kProbe) == nullptr, "the probe DLL stayed loaded");
   return 0;
 }
+
+}  // namespace
+}  // namespace ambrel::test
+
+int main(int argc, char** argv) { return ambrel::test::RunBench(argc, argv); }

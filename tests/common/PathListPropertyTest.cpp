@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "common/PathList.h"
+#include "tests/support/RandomText.h"
 
 namespace ambrel {
 namespace {
@@ -39,12 +40,7 @@ bool ModelContains(const std::wstring& list, const std::wstring& entry) {
 // Few distinct characters, so that matches, near misses, doubled and
 // trailing separators all turn up often.
 std::wstring RandomText(std::mt19937& random, size_t maxLength) {
-  static const wchar_t alphabet[] = L"aAbB\\;; .%";
-  std::uniform_int_distribution<size_t> length(0, maxLength);
-  std::uniform_int_distribution<size_t> pick(0, sizeof(alphabet) / sizeof(wchar_t) - 2);
-  std::wstring text(length(random), L' ');
-  for (auto& c : text) c = alphabet[pick(random)];
-  return text;
+  return test::RandomText(random, L"aAbB\\;; .%", maxLength);
 }
 
 TEST(PathListContainsProperty, AgreesWithTheModelOnGeneratedInputs) {

@@ -27,7 +27,8 @@ TEST(WindowsError, MessageIsTheSystemsOwnText) {
 }
 
 TEST(WindowsError, OneCategoryForEveryCode) {
-  EXPECT_EQ(&MakeWindowsError(5).category(), &MakeWindowsError(2).category());
+  EXPECT_TRUE(MakeWindowsError(5).category() == MakeWindowsError(2).category());
+  EXPECT_TRUE(MakeWindowsError(5).category() == WindowsErrorCategory());
   EXPECT_EQ(MakeWindowsError(5), MakeWindowsError(5));
   EXPECT_NE(MakeWindowsError(5), MakeWindowsError(2));
 }

@@ -1,6 +1,7 @@
 #include "haldo_sdk/QelHaldoSdkWrapperImpl.h"
 
 #include <memory>
+#include <ostream>
 #include <type_traits>
 
 #include "haldo_sdk/SdkModule.h"
@@ -24,27 +25,40 @@ std::vector<std::string> Concat(std::vector<std::string> a, const std::vector<st
   return a;
 }
 
-const std::string kArgsLine =
-    "[INFO] HALDOAPIWrapperImpl::Initialize: plc = \"QEL\", release = \"2026\", language = \"neutral\"";
-const std::string kLoadedLine = "[INFO] HALDOAPIWrapperImpl::Initialize: HALDO SDK loaded successfully";
-const std::string kUnloadedLine = "[INFO] HALDOAPIWrapperImpl::Initialize: HALDO SDK unloaded successfully";
-
 // ---- Initialize
 
 using WrapperInitializeTest = WrapperTest;
 
-TEST_F(WrapperInitializeTest, SuccessfulInitializeWritesTheFullSequence) {
+// A session id the SDK hands out: its default and one a test sets.
+struct SessionIdCase {
+  const char* name;
+  std::string sessionId;
+};
+
+// Named in the test list and failure messages by its case name.
+void PrintTo(const SessionIdCase& c, std::ostream* os) { *os << c.name; }
+
+class SuccessfulInitializeTest : public WrapperTest, public ::testing::WithParamInterface<SessionIdCase> {};
+
+TEST_P(SuccessfulInitializeTest, WritesTheFullSequenceAndKeepsTheSessionIdTheSdkReturned) {
+  const std::string& id = GetParam().sessionId;
   SetSdkLocation(StandInKind::Signed);
+  if (id != StandInSdk::kDefaultSessionId) sandbox_.sdk().SetSessionId(id);
   EXPECT_EQ(wrapper_.Initialize("QEL", "2026", "neutral"), 0);
   EXPECT_TRUE(wrapper_.IsInitialized());
-  EXPECT_EQ(WrapperState().sessionId, "standin-session");
+  EXPECT_EQ(WrapperState().sessionId, id);
   EXPECT_NE(WrapperState().module.get(), nullptr);
-  EXPECT_THAT(sandbox_.log().Messages(), ElementsAreArray(SuccessfulInitializeLines(SdkPath(StandInKind::Signed))));
+  EXPECT_THAT(sandbox_.log().Messages(), ElementsAreArray(SuccessfulInitializeLines(SdkPath(StandInKind::Signed), id)));
   // The session-id slot is null when the SDK gets it, and the memory it handed
   // out goes back to it through ReleaseMemory.
   EXPECT_THAT(sandbox_.sdk().Calls(),
-              ElementsAre("Initialize\tQEL\t2026\tneutral\tnull\t0", "ReleaseMemory\tstandin-session\thanded-out"));
+              ElementsAre("Initialize\tQEL\t2026\tneutral\tnull\t0", "ReleaseMemory\t" + id + "\thanded-out"));
 }
+
+INSTANTIATE_TEST_SUITE_P(SessionIds, SuccessfulInitializeTest,
+                         ::testing::Values(SessionIdCase{"TheStandInsDefault", StandInSdk::kDefaultSessionId},
+                                           SessionIdCase{"AnotherTheSdkReturned", "3f2a-77"}),
+                         [](const ::testing::TestParamInfo<SessionIdCase>& info) { return info.param.name; });
 
 TEST_F(WrapperInitializeTest, EveryRecordCarriesATimestampOfTheDocumentedShape) {
   SetSdkLocation(StandInKind::Signed);
@@ -53,17 +67,6 @@ TEST_F(WrapperInitializeTest, EveryRecordCarriesATimestampOfTheDocumentedShape) 
   ASSERT_EQ(lines.size(), 5u);
   EXPECT_EQ(lines[0], kLogSeparator);
   for (size_t i = 1; i < lines.size(); ++i) EXPECT_TRUE(HasTimestampShape(lines[i])) << lines[i];
-}
-
-TEST_F(WrapperInitializeTest, TheSessionIdIsTheOneTheSdkReturned) {
-  SetSdkLocation(StandInKind::Signed);
-  sandbox_.sdk().SetSessionId("3f2a-77");
-  ASSERT_EQ(wrapper_.Initialize("QEL", "2026", "neutral"), 0);
-  EXPECT_EQ(WrapperState().sessionId, "3f2a-77");
-  EXPECT_THAT(sandbox_.log().Messages(),
-              ElementsAreArray(SuccessfulInitializeLines(SdkPath(StandInKind::Signed), "3f2a-77")));
-  EXPECT_THAT(sandbox_.sdk().Calls(),
-              ElementsAre("Initialize\tQEL\t2026\tneutral\tnull\t0", "ReleaseMemory\t3f2a-77\thanded-out"));
 }
 
 TEST_F(WrapperInitializeTest, EmptyLanguageIsAccepted) {
@@ -215,11 +218,11 @@ TEST_F(WrapperInstanceTest, CreateInstanceSharesTheOneState) {
   ASSERT_EQ(other->Initialize("QEL", "2026", "neutral"), 0);
   EXPECT_TRUE(wrapper_.IsInitialized());
   EXPECT_EQ(wrapper_.Initialize("QEL", "2026", "neutral"), 2);
-  // Destroying a wrapper leaves the session and the module alone.
-  const HMODULE module = WrapperState().module.get();
+  // Destroying a wrapper leaves the session and the module alone: the SDK
+  // stays loaded, attached once and never detached.
   other.reset();
   EXPECT_TRUE(wrapper_.IsInitialized());
-  EXPECT_EQ(WrapperState().module.get(), module);
+  EXPECT_NE(::GetModuleHandleW(StandInSdkPath(StandInKind::Signed).c_str()), nullptr);
   EXPECT_THAT(sandbox_.sdk().Calls(true), ElementsAre("Attach", "Initialize\tQEL\t2026\tneutral\tnull\t0",
                                                       "ReleaseMemory\tstandin-session\thanded-out"));
 }
@@ -403,9 +406,8 @@ TEST_F(WrapperUninitializeTest, SdkFailureKeepsTheSessionButUnloads) {
 TEST_F(WrapperUninitializeTest, MissingExportReturns4AndKeepsModuleAndSession) {
   SetSdkLocation(StandInKind::NoUninitialize);
   ASSERT_EQ(wrapper_.Initialize("QEL", "2026", "neutral"), 0);
-  const HMODULE module = WrapperState().module.get();
   EXPECT_EQ(wrapper_.Uninitialize(), 4);
-  EXPECT_EQ(WrapperState().module.get(), module);
+  EXPECT_NE(::GetModuleHandleW(StandInSdkPath(StandInKind::NoUninitialize).c_str()), nullptr);
   EXPECT_TRUE(wrapper_.IsInitialized());
   EXPECT_EQ(sandbox_.log().Messages().back(),
             "[ERROR] HALDOAPIWrapperImpl::Uninitialize: Failed to obtain UninitializeFunc handle!");

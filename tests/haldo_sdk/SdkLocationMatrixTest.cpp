@@ -13,10 +13,6 @@ namespace {
 
 using ::testing::ElementsAreArray;
 
-const std::string kArgs =
-    "[INFO] HALDOAPIWrapperImpl::Initialize: plc = \"QEL\", release = \"2026\", language = \"neutral\"";
-const std::string kLoadFailed = "[ERROR] HALDOAPIWrapperImpl::Initialize: Failed to load SDK! ";
-const std::string kPathEmpty = "[ERROR] Load: dll path empty!";
 const std::string kNotThere = "[ERROR] HALDOAPIWrapperImpl::GetDllPath: expanded Dll Path does not exist!";
 
 // A copy of the signed stand-in at a path of exactly `length` characters.
@@ -117,18 +113,18 @@ class SdkLocationMatrix : public WrapperTest, public ::testing::WithParamInterfa
 std::vector<std::string> Expected(Outcome outcome, const std::string& path) {
   switch (outcome) {
     case Outcome::Loads:
-      return {kLogSeparator, kArgs, "[INFO] Load: HALDO SDK path = " + path,
+      return {kLogSeparator, kArgsLine, "[INFO] Load: HALDO SDK path = " + path,
               "[INFO] HALDOAPIWrapperImpl::Initialize: HALDO SDK loaded successfully",
               "[INFO] HALDOAPIWrapperImpl::Initialize: session id = standin-session"};
     case Outcome::ReadFails:
       return {kLogSeparator,
-              kArgs,
+              kArgsLine,
               "[ERROR] HALDOAPIWrapperImpl::ReadStringFromRegistry: RegQueryValueEx failed!",
               "[ERROR] HALDOAPIWrapperImpl::GetDllPath: Failed to read registry!",
-              kPathEmpty,
-              kLoadFailed};
-    case Outcome::Empty: return {kLogSeparator, kArgs, kPathEmpty, kLoadFailed};
-    case Outcome::NotThere: return {kLogSeparator, kArgs, kNotThere, kPathEmpty, kLoadFailed};
+              kPathEmptyLine,
+              kLoadFailedLine};
+    case Outcome::Empty: return {kLogSeparator, kArgsLine, kPathEmptyLine, kLoadFailedLine};
+    case Outcome::NotThere: return {kLogSeparator, kArgsLine, kNotThere, kPathEmptyLine, kLoadFailedLine};
   }
   return {};
 }

@@ -17,10 +17,6 @@ using ::testing::ElementsAre;
 using ::testing::ElementsAreArray;
 using ::testing::IsEmpty;
 
-const std::string kArgsLine =
-    "[INFO] HALDOAPIWrapperImpl::Initialize: plc = \"QEL\", release = \"2026\", language = \"neutral\"";
-const std::string kLoadFailedLine = "[ERROR] HALDOAPIWrapperImpl::Initialize: Failed to load SDK! ";
-const std::string kPathEmptyLine = "[ERROR] Load: dll path empty!";
 const std::string kReadFailedLine = "[ERROR] HALDOAPIWrapperImpl::GetDllPath: Failed to read registry!";
 
 // Log of an Initialize whose load stopped at the given lines.

@@ -15,10 +15,6 @@ namespace {
 using ::testing::ElementsAreArray;
 
 const std::string kDirectory = "C:\\Shared\\1.0\\";
-const std::string kArgs =
-    "[INFO] HALDOAPIWrapperImpl::Initialize: plc = \"QEL\", release = \"2026\", language = \"neutral\"";
-const std::string kLoaded = "[INFO] HALDOAPIWrapperImpl::Initialize: HALDO SDK loaded successfully";
-const std::string kUnloaded = "[INFO] HALDOAPIWrapperImpl::Initialize: HALDO SDK unloaded successfully";
 const std::string kNotInitialized = "[ERROR] HALDOAPIWrapperImpl::Uninitialize: Not initialized!";
 const std::string kId = StandInSdk::kDefaultSessionId;
 
@@ -44,7 +40,7 @@ void RunConversation(QelHaldoSdkWrapperImpl& wrapper, const WrapperLogFolder& lo
   EXPECT_EQ(wrapper.IsInitialized(), expected.initializedAfter);
   EXPECT_EQ(WrapperState().module.get() != nullptr, expected.loadedAfter);
 
-  std::vector<std::string> lines = {kLogSeparator, kArgs, "[INFO] Load: HALDO SDK path = " + sdkPath};
+  std::vector<std::string> lines = {kLogSeparator, kArgsLine, "[INFO] Load: HALDO SDK path = " + sdkPath};
   lines.insert(lines.end(), expected.log.begin(), expected.log.end());
   EXPECT_THAT(log.Messages(), ElementsAreArray(lines));
   EXPECT_THAT(sdk.Calls(), ElementsAreArray(expected.calls));
@@ -71,7 +67,8 @@ std::vector<MissingRow> MissingRows() {
         7,
         false,
         true,
-        {kLoaded, "[ERROR] HALDOAPIWrapperImpl::Initialize: Failed to obtain InitializeFunc handle!", kNotInitialized},
+        {kLoadedLine, "[ERROR] HALDOAPIWrapperImpl::Initialize: Failed to obtain InitializeFunc handle!",
+         kNotInitialized},
         {"LockDirectory\t\t" + kDirectory + "\t0", "UnLockDirectory\t\t" + kDirectory + "\t0"}}},
       {StandInKind::NoReleaseMemory,
        {0,
@@ -80,8 +77,8 @@ std::vector<MissingRow> MissingRows() {
         0,
         false,
         false,
-        {kLoaded, IdLine(kId), "[ERROR] HALDOAPIWrapperImpl::ReleaseMemory: Failed to obtain ReleaseMemoryFunc handle!",
-         kUnloaded},
+        {kLoadedLine, IdLine(kId),
+         "[ERROR] HALDOAPIWrapperImpl::ReleaseMemory: Failed to obtain ReleaseMemoryFunc handle!", kUnloadedLine},
         {init, lock, unlock, "Uninitialize\t" + kId + "\t0"}}},
       // The module stays loaded and the session held.
       {StandInKind::NoUninitialize,
@@ -91,7 +88,8 @@ std::vector<MissingRow> MissingRows() {
         4,
         true,
         true,
-        {kLoaded, IdLine(kId), "[ERROR] HALDOAPIWrapperImpl::Uninitialize: Failed to obtain UninitializeFunc handle!"},
+        {kLoadedLine, IdLine(kId),
+         "[ERROR] HALDOAPIWrapperImpl::Uninitialize: Failed to obtain UninitializeFunc handle!"},
         {init, release, lock, unlock}}},
       {StandInKind::NoLockDirectory,
        {0,
@@ -100,8 +98,8 @@ std::vector<MissingRow> MissingRows() {
         0,
         false,
         false,
-        {kLoaded, IdLine(kId), "[ERROR] HALDOAPIWrapperImpl::LockDirectory: Failed to obtain LockDirectoryFunc handle!",
-         kUnloaded},
+        {kLoadedLine, IdLine(kId),
+         "[ERROR] HALDOAPIWrapperImpl::LockDirectory: Failed to obtain LockDirectoryFunc handle!", kUnloadedLine},
         {init, release, unlock, "Uninitialize\t" + kId + "\t0"}}},
       {StandInKind::NoUnLockDirectory,
        {0,
@@ -110,8 +108,8 @@ std::vector<MissingRow> MissingRows() {
         0,
         false,
         false,
-        {kLoaded, IdLine(kId),
-         "[ERROR] HALDOAPIWrapperImpl::UnLockDirectory: Failed to obtain UnLockDirectoryFunc handle!", kUnloaded},
+        {kLoadedLine, IdLine(kId),
+         "[ERROR] HALDOAPIWrapperImpl::UnLockDirectory: Failed to obtain UnLockDirectoryFunc handle!", kUnloadedLine},
         {init, release, lock, "Uninitialize\t" + kId + "\t0"}}},
   };
 }
@@ -150,12 +148,12 @@ Outcome ExpectedFor(const CodeRow& row) {
             7,
             false,
             true,
-            {kLoaded, kNotInitialized},
+            {kLoadedLine, kNotInitialized},
             {"Initialize\tQEL\t2026\tneutral\tnull\t" + Code(v), "ReleaseMemory\t\tnull",
              "LockDirectory\t\t" + kDirectory + "\t0", "UnLockDirectory\t\t" + kDirectory + "\t0"}};
   }
   if (row.exportName == "ReleaseMemory") {  // its answer is ignored
-    return {0, 0, 0, 0, false, false, {kLoaded, IdLine(kId), kUnloaded}, {init, release, lock, unlock, uninit}};
+    return {0, 0, 0, 0, false, false, {kLoadedLine, IdLine(kId), kUnloadedLine}, {init, release, lock, unlock, uninit}};
   }
   if (row.exportName == "LockDirectory") {
     return {0,
@@ -164,8 +162,8 @@ Outcome ExpectedFor(const CodeRow& row) {
             0,
             false,
             false,
-            {kLoaded, IdLine(kId), "[ERROR] HALDOAPIWrapperImpl::LockDirectory: API returned error code " + Code(v),
-             kUnloaded},
+            {kLoadedLine, IdLine(kId), "[ERROR] HALDOAPIWrapperImpl::LockDirectory: API returned error code " + Code(v),
+             kUnloadedLine},
             {init, release, "LockDirectory\t" + kId + "\t" + kDirectory + "\t" + Code(v), unlock, uninit}};
   }
   if (row.exportName == "UnLockDirectory") {
@@ -175,8 +173,8 @@ Outcome ExpectedFor(const CodeRow& row) {
             0,
             false,
             false,
-            {kLoaded, IdLine(kId), "[ERROR] HALDOAPIWrapperImpl::UnLockDirectory: API returned error code " + Code(v),
-             kUnloaded},
+            {kLoadedLine, IdLine(kId),
+             "[ERROR] HALDOAPIWrapperImpl::UnLockDirectory: API returned error code " + Code(v), kUnloadedLine},
             {init, release, lock, "UnLockDirectory\t" + kId + "\t" + kDirectory + "\t" + Code(v), uninit}};
   }
   // Uninitialize: passed through, the session kept, the SDK unloaded all the same.
@@ -186,7 +184,7 @@ Outcome ExpectedFor(const CodeRow& row) {
           v,
           true,
           false,
-          {kLoaded, IdLine(kId), kUnloaded},
+          {kLoadedLine, IdLine(kId), kUnloadedLine},
           {init, release, lock, unlock, "Uninitialize\t" + kId + "\t" + Code(v)}};
 }
 
@@ -228,7 +226,7 @@ TEST_F(SessionIdSizeTest, EmptyIdIsASuccessThatHoldsNoSession) {
                    7,
                    false,
                    true,
-                   {kLoaded, IdLine(""), kNotInitialized},
+                   {kLoadedLine, IdLine(""), kNotInitialized},
                    {"Initialize\tQEL\t2026\tneutral\tnull\t0", "ReleaseMemory\t\thanded-out",
                     "LockDirectory\t\t" + kDirectory + "\t0", "UnLockDirectory\t\t" + kDirectory + "\t0"}});
   // A second Initialize is not refused with 2: there is no session to keep.
@@ -247,7 +245,7 @@ TEST_F(SessionIdSizeTest, IdOf64KiBIsKeptWhole) {
                    0,
                    false,
                    false,
-                   {kLoaded, IdLine(id), kUnloaded},
+                   {kLoadedLine, IdLine(id), kUnloadedLine},
                    {"Initialize\tQEL\t2026\tneutral\tnull\t0", "ReleaseMemory\t" + id + "\thanded-out",
                     "LockDirectory\t" + id + "\t" + kDirectory + "\t0",
                     "UnLockDirectory\t" + id + "\t" + kDirectory + "\t0", "Uninitialize\t" + id + "\t0"}});

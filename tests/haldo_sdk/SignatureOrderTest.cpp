@@ -8,6 +8,7 @@
 #include <windows.h>
 #include <wincrypt.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
 #include <map>
@@ -24,7 +25,24 @@ using ::testing::ElementsAre;
 using ::testing::ElementsAreArray;
 using ::testing::IsEmpty;
 
-using SignatureOrderTest = TrustStandInTest;
+using ::testing::_;
+
+class SignatureOrderTest : public TrustStandInTest {
+ protected:
+  // Starts the wrapper over the stand-in of `kind` and expects the SDK
+  // refused (9); gives the log line that names the SDK's path.
+  std::string RefusedInitialize(StandInKind kind) {
+    SetSdkLocation(kind);
+    EXPECT_EQ(wrapper_.Initialize("QEL", "2026", "neutral"), 9);
+    return "[INFO] Load: HALDO SDK path = " + SdkPath(kind);
+  }
+
+  // The log's messages after the separator, the arguments and the path line.
+  std::vector<std::string> MessagesAfterThePath() const {
+    const std::vector<std::string> messages = sandbox_.log().Messages();
+    return {messages.begin() + std::min<size_t>(3, messages.size()), messages.end()};
+  }
+};
 
 TEST_F(SignatureOrderTest, TheSdkPathIsLoggedBeforeTheSignatureIsVerified) {
   const std::string path = SdkPath(StandInKind::Signed);
@@ -40,48 +58,37 @@ TEST_F(SignatureOrderTest, TheSdkPathIsLoggedBeforeTheSignatureIsVerified) {
 }
 
 TEST_F(SignatureOrderTest, AFailedStatusIsLoggedBeforeTheVerificationStateIsReleased) {
-  const std::string path = SdkPath(StandInKind::Unsigned);
-  SetSdkLocation(StandInKind::Unsigned);
   SetTrustStatus(TRUST_E_NOSIGNATURE);
-  EXPECT_EQ(wrapper_.Initialize("QEL", "2026", "neutral"), 9);
+  const std::string pathLine = RefusedInitialize(StandInKind::Unsigned);
   const std::string statusLine = "[ERROR] WinVerifyTrust returned status: -2146762496";
   // The publisher stage does not run after a failed verification.
-  EXPECT_THAT(Calls(), ElementsAre(Call{"WinVerifyTrust\tverify", "[INFO] Load: HALDO SDK path = " + path},
-                                   Call{"WinVerifyTrust\tclose", statusLine}));
-  const auto messages = sandbox_.log().Messages();
-  ASSERT_EQ(messages.size(), 7u);
-  EXPECT_EQ(messages[3], statusLine);
-  EXPECT_EQ(messages[4], "[ERROR] VerifyCertificate failed!");
-  EXPECT_EQ(messages[5], "[ERROR] IsSignatureValid: Signature invalid at path = " + path);
+  EXPECT_THAT(Calls(),
+              ElementsAre(Call{"WinVerifyTrust\tverify", pathLine}, Call{"WinVerifyTrust\tclose", statusLine}));
+  EXPECT_THAT(
+      MessagesAfterThePath(),
+      ElementsAre(statusLine, "[ERROR] VerifyCertificate failed!",
+                  "[ERROR] IsSignatureValid: Signature invalid at path = " + SdkPath(StandInKind::Unsigned), _));
 }
 
 TEST_F(SignatureOrderTest, AMissingPublisherIsLoggedBeforeTheStoreAndMessageAreClosed) {
-  const std::string path = SdkPath(StandInKind::OtherPublisher);
-  SetSdkLocation(StandInKind::OtherPublisher);
   SetSignature(L"other");
-  EXPECT_EQ(wrapper_.Initialize("QEL", "2026", "neutral"), 9);
-  const std::string pathLine = "[INFO] Load: HALDO SDK path = " + path;
+  const std::string pathLine = RefusedInitialize(StandInKind::OtherPublisher);
   const std::string notFound = "[ERROR] CertFindCertificateInStore returned ERROR: 2148081668";
   EXPECT_THAT(Calls(), ElementsAre(Call{"WinVerifyTrust\tverify", pathLine}, Call{"WinVerifyTrust\tclose", pathLine},
                                    Call{"CryptQueryObject", pathLine}, Call{"CertFindCertificateInStore", pathLine},
                                    Call{"CertCloseStore", notFound}, Call{"CryptMsgClose", notFound}));
-  const auto messages = sandbox_.log().Messages();
-  ASSERT_EQ(messages.size(), 6u);
-  EXPECT_EQ(messages[3], notFound);
-  EXPECT_EQ(messages[4], "[ERROR] IsSignatureValid: Signature invalid at path = " + path);
+  EXPECT_THAT(
+      MessagesAfterThePath(),
+      ElementsAre(notFound,
+                  "[ERROR] IsSignatureValid: Signature invalid at path = " + SdkPath(StandInKind::OtherPublisher), _));
 }
 
 TEST_F(SignatureOrderTest, AnUnreadableSignatureHasNothingToClose) {
-  const std::string path = SdkPath(StandInKind::Signed);
-  SetSdkLocation(StandInKind::Signed);
   SetSignature(L"unreadable");
-  EXPECT_EQ(wrapper_.Initialize("QEL", "2026", "neutral"), 9);
-  const std::string pathLine = "[INFO] Load: HALDO SDK path = " + path;
+  const std::string pathLine = RefusedInitialize(StandInKind::Signed);
   EXPECT_THAT(Calls(), ElementsAre(Call{"WinVerifyTrust\tverify", pathLine}, Call{"WinVerifyTrust\tclose", pathLine},
                                    Call{"CryptQueryObject", pathLine}));
-  const auto messages = sandbox_.log().Messages();
-  ASSERT_EQ(messages.size(), 6u);
-  EXPECT_EQ(messages[3], "[ERROR] CryptQueryObject returned false!");
+  EXPECT_THAT(MessagesAfterThePath(), ElementsAre("[ERROR] CryptQueryObject returned false!", _, _));
 }
 
 TEST_F(SignatureOrderTest, VerifyCertificateWritesEachLineAtItsStep) {

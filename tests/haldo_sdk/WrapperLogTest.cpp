@@ -21,12 +21,6 @@ std::string LocalNow() {
 
 using WrapperLogTest = WrapperTest;
 
-TEST_F(WrapperLogTest, FirstUninitializeWritesASeparatorThenOneErrorRecord) {
-  EXPECT_EQ(wrapper_.Uninitialize(), 7);
-  EXPECT_THAT(sandbox_.log().Messages(),
-              ElementsAre(kLogSeparator, "[ERROR] HALDOAPIWrapperImpl::Uninitialize: Not initialized!"));
-}
-
 TEST_F(WrapperLogTest, LinesEndWithCarriageReturnLineFeedOneBytePerCharacter) {
   EXPECT_EQ(wrapper_.Uninitialize(), 7);
   const std::string bytes = ReadFileBytes(sandbox_.log().LogFile());

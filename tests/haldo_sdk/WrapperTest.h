@@ -16,6 +16,14 @@
 
 namespace ambrel::test {
 
+// Log lines the wrapper writes as they stand, shared by its tests.
+inline const std::string kArgsLine =
+    "[INFO] HALDOAPIWrapperImpl::Initialize: plc = \"QEL\", release = \"2026\", language = \"neutral\"";
+inline const std::string kLoadedLine = "[INFO] HALDOAPIWrapperImpl::Initialize: HALDO SDK loaded successfully";
+inline const std::string kUnloadedLine = "[INFO] HALDOAPIWrapperImpl::Initialize: HALDO SDK unloaded successfully";
+inline const std::string kLoadFailedLine = "[ERROR] HALDOAPIWrapperImpl::Initialize: Failed to load SDK! ";
+inline const std::string kPathEmptyLine = "[ERROR] Load: dll path empty!";
+
 class WrapperTest : public ::testing::Test {
  protected:
   static std::string Path(const std::wstring& path) { return Narrow(path); }

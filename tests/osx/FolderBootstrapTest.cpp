@@ -7,31 +7,19 @@
 
 #include "Ambrel.h"
 #include "qel_loader/InstallQueries.h"
+#include "tests/qel_loader/FreshProcessTest.h"
 #include "tests/support/SdkSandbox.h"
 
 namespace ambrel {
 namespace {
 
-using test::EnvGuard;
+using test::Env;
 using test::KalvexIniBesideTheProgram;
 using test::kMarker;
+using test::kOldPath;
 using test::kWholeSession;
-using test::SdkSandbox;
 
-const std::wstring kOldPath = L"C:\\windows\\system32;C:\\windows;C:\\Tools\\bin";
-
-std::optional<std::wstring> Env(const std::wstring& name) { return EnvGuard::Get(name); }
-
-class FolderBootstrapTest : public ::testing::Test {
- protected:
-  void SetUp() override {
-    SharedDllPath().clear();
-    sandbox.env().Set(L"PATH", kOldPath);
-  }
-  void TearDown() override { SharedDllPath().clear(); }
-
-  SdkSandbox sandbox{SdkSandbox::Contents::Installed};
-};
+using FolderBootstrapTest = test::FreshProcessTest;
 
 // The folder utilities' entry onto the bootstrap: with the edition honoured a
 // KLXLITE installation is left alone; without, the bootstrap runs all the same,

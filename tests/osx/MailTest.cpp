@@ -96,30 +96,43 @@ class MailTest : public ::testing::Test {
   EnvGuard env;
 };
 
-void ExpectFixedCallShape(const Fields& call) {
-  EXPECT_EQ(call.at("session"), "0");
-  EXPECT_EQ(call.at("uiParam"), "0");
-  EXPECT_EQ(call.at("flags"), "9");  // MAPI_LOGON_UI | MAPI_DIALOG
-  EXPECT_EQ(call.at("reserved"), "0");
-  EXPECT_EQ(call.at("message"), "set");
-  EXPECT_EQ(call.at("ulReserved"), "0");
-  EXPECT_EQ(call.at("lpszMessageType"), "null");
-  EXPECT_EQ(call.at("lpszDateReceived"), "null");
-  EXPECT_EQ(call.at("lpszConversationID"), "null");
-  EXPECT_EQ(call.at("flFlags"), "0");
-  EXPECT_EQ(call.at("lpOriginator"), "null");
+// Expects each of `expected`'s fields in the call, with the value given.
+void ExpectFields(const Fields& call, const Fields& expected) {
+  for (const auto& [name, value] : expected) {
+    const auto found = call.find(name);
+    if (found == call.end()) {
+      ADD_FAILURE() << "the call has no field " << name;
+    } else {
+      EXPECT_EQ(found->second, value) << name;
+    }
+  }
 }
+
+// What every call passes the same: no session, window or reserved values, the
+// flags MAPI_LOGON_UI | MAPI_DIALOG (9), and no message type, date,
+// conversation or originator.
+const Fields kFixedCallShape = {{"session", "0"},
+                                {"uiParam", "0"},
+                                {"flags", "9"},
+                                {"reserved", "0"},
+                                {"message", "set"},
+                                {"ulReserved", "0"},
+                                {"lpszMessageType", "null"},
+                                {"lpszDateReceived", "null"},
+                                {"lpszConversationID", "null"},
+                                {"flFlags", "0"},
+                                {"lpOriginator", "null"}};
 
 TEST_F(MailTest, AllArgumentsNullStillCallsMapiWithAnEmptyMessage) {
   EXPECT_TRUE(OSxMisc::SendEMail(nullptr, nullptr, nullptr, nullptr));
   const Fields call = OnlyCall();
-  ExpectFixedCallShape(call);
-  EXPECT_EQ(call.at("lpszSubject"), "null");
-  EXPECT_EQ(call.at("lpszNoteText"), "null");
-  EXPECT_EQ(call.at("nRecipCount"), "0");
-  EXPECT_EQ(call.at("lpRecips"), "null");
-  EXPECT_EQ(call.at("nFileCount"), "0");
-  EXPECT_EQ(call.at("lpFiles"), "null");
+  ExpectFields(call, kFixedCallShape);
+  ExpectFields(call, {{"lpszSubject", "null"},
+                      {"lpszNoteText", "null"},
+                      {"nRecipCount", "0"},
+                      {"lpRecips", "null"},
+                      {"nFileCount", "0"},
+                      {"lpFiles", "null"}});
 }
 
 TEST_F(MailTest, UserAbortCountsAsSuccess) {
@@ -141,17 +154,17 @@ TEST_F(MailTest, OtherResultsAreFailures) {
 TEST_F(MailTest, RecipientOnlyIsNamedAndAddressedWithTheSmtpPrefix) {
   EXPECT_TRUE(OSxMisc::SendEMail(L"someone", nullptr, nullptr, nullptr));
   const Fields call = OnlyCall();
-  ExpectFixedCallShape(call);
-  EXPECT_EQ(call.at("nRecipCount"), "1");
-  EXPECT_EQ(call.at("recip0.ulReserved"), "0");
-  EXPECT_EQ(call.at("recip0.ulRecipClass"), "1");  // MAPI_TO
-  EXPECT_EQ(call.at("recip0.lpszName"), Hex("someone"));
-  EXPECT_EQ(call.at("recip0.lpszAddress"), Hex("SMTP:someone"));
-  EXPECT_EQ(call.at("recip0.ulEIDSize"), "0");
-  EXPECT_EQ(call.at("recip0.lpEntryID"), "null");
-  EXPECT_EQ(call.at("lpszSubject"), "null");
-  EXPECT_EQ(call.at("lpszNoteText"), "null");
-  EXPECT_EQ(call.at("nFileCount"), "0");
+  ExpectFields(call, kFixedCallShape);
+  ExpectFields(call, {{"nRecipCount", "1"},
+                      {"recip0.ulReserved", "0"},
+                      {"recip0.ulRecipClass", "1"},  // MAPI_TO
+                      {"recip0.lpszName", Hex("someone")},
+                      {"recip0.lpszAddress", Hex("SMTP:someone")},
+                      {"recip0.ulEIDSize", "0"},
+                      {"recip0.lpEntryID", "null"},
+                      {"lpszSubject", "null"},
+                      {"lpszNoteText", "null"},
+                      {"nFileCount", "0"}});
 }
 
 TEST_F(MailTest, PrefixIsPutInFrontWithoutAnyCheck) {
@@ -162,16 +175,16 @@ TEST_F(MailTest, PrefixIsPutInFrontWithoutAnyCheck) {
 TEST_F(MailTest, AttachmentWithoutSubjectGivesItsFileNameAsSubject) {
   EXPECT_TRUE(OSxMisc::SendEMail(nullptr, nullptr, nullptr, L"C:\\Out\\report.txt"));
   const Fields call = OnlyCall();
-  ExpectFixedCallShape(call);
-  EXPECT_EQ(call.at("lpszSubject"), Hex("report.txt"));
-  EXPECT_EQ(call.at("nFileCount"), "1");
-  EXPECT_EQ(call.at("file0.ulReserved"), "0");
-  EXPECT_EQ(call.at("file0.flFlags"), "0");
-  EXPECT_EQ(call.at("file0.nPosition"), "4294967295");
-  EXPECT_EQ(call.at("file0.lpszPathName"), Hex("C:\\Out\\report.txt"));
-  EXPECT_EQ(call.at("file0.lpszFileName"), Hex("C:\\Out\\report.txt"));
-  EXPECT_EQ(call.at("file0.lpFileType"), "null");
-  EXPECT_EQ(call.at("nRecipCount"), "0");
+  ExpectFields(call, kFixedCallShape);
+  ExpectFields(call, {{"lpszSubject", Hex("report.txt")},
+                      {"nFileCount", "1"},
+                      {"file0.ulReserved", "0"},
+                      {"file0.flFlags", "0"},
+                      {"file0.nPosition", "4294967295"},
+                      {"file0.lpszPathName", Hex("C:\\Out\\report.txt")},
+                      {"file0.lpszFileName", Hex("C:\\Out\\report.txt")},
+                      {"file0.lpFileType", "null"},
+                      {"nRecipCount", "0"}});
 }
 
 TEST_F(MailTest, AttachmentWithoutBackslashIsItsOwnSubject) {
@@ -181,11 +194,10 @@ TEST_F(MailTest, AttachmentWithoutBackslashIsItsOwnSubject) {
 
 TEST_F(MailTest, GivenSubjectWinsOverTheAttachmentName) {
   EXPECT_TRUE(OSxMisc::SendEMail(L"someone", L"Results", L"See the file.", L"C:\\Out\\report.txt"));
-  const Fields call = OnlyCall();
-  EXPECT_EQ(call.at("lpszSubject"), Hex("Results"));
-  EXPECT_EQ(call.at("lpszNoteText"), Hex("See the file."));
-  EXPECT_EQ(call.at("recip0.lpszName"), Hex("someone"));
-  EXPECT_EQ(call.at("file0.lpszPathName"), Hex("C:\\Out\\report.txt"));
+  ExpectFields(OnlyCall(), {{"lpszSubject", Hex("Results")},
+                            {"lpszNoteText", Hex("See the file.")},
+                            {"recip0.lpszName", Hex("someone")},
+                            {"file0.lpszPathName", Hex("C:\\Out\\report.txt")}});
 }
 
 TEST_F(MailTest, EmptySubjectIsAnEmptyTextNotTheAttachmentName) {

@@ -7,6 +7,7 @@
 #include <string>
 
 #include "osx/HostPath.h"
+#include "tests/support/RandomText.h"
 #include "tests/support/TestSupport.h"
 
 namespace ambrel {
@@ -30,12 +31,7 @@ std::optional<std::wstring> ModelCut(const std::wstring& path, const std::wstrin
 // Few distinct characters, both letter cases and doubled separators, so that
 // matches, near misses and cuts at every kind of boundary turn up often.
 std::wstring RandomText(std::mt19937& random, size_t maxLength) {
-  static const wchar_t alphabet[] = L"aAbB\\;; %";
-  std::uniform_int_distribution<size_t> length(0, maxLength);
-  std::uniform_int_distribution<size_t> pick(0, sizeof(alphabet) / sizeof(wchar_t) - 2);
-  std::wstring text(length(random), L' ');
-  for (auto& c : text) c = alphabet[pick(random)];
-  return text;
+  return test::RandomText(random, L"aAbB\\;; %", maxLength);
 }
 
 // Every other case cuts a piece that is really in the path.

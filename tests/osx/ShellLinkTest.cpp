@@ -6,6 +6,7 @@
 #include <shlobj.h>
 
 #include <filesystem>
+#include <ostream>
 #include <stdexcept>
 #include <thread>
 
@@ -238,32 +239,45 @@ TEST(ReadShortcutTarget, GetPathFailureThrowsLengthError) {
   EXPECT_EQ(fake.references, 0);  // released before the throw
 }
 
-TEST(ReadShortcutTarget, GetPathSuccessWithoutTargetIsEmpty) {
-  FakeShellLink fake;
+// A step that fails or finds no target: the answer is empty, the steps after
+// it are not taken, and every reference is released.
+struct EmptyReadCase {
+  const char* name;
+  void (*arrange)(FakeShellLink&);
+  int loadCalls;
+  int getPathCalls;
+};
+
+// Named in the test list and failure messages by its case name.
+void PrintTo(const EmptyReadCase& c, std::ostream* os) { *os << c.name; }
+
+void NoTarget(FakeShellLink& fake) {
   fake.getPathResult = S_FALSE;
   fake.getPathText = L"";
-  EXPECT_EQ(ReadShortcutTarget(Giving(fake), L"C:\\a.lnk"), L"");
 }
 
-TEST(ReadShortcutTarget, LoadFailureIsEmptyWithoutGetPath) {
+// name, arrange, then the Load and GetPath calls made
+const EmptyReadCase kEmptyReads[] = {
+    {"GetPathSucceedsWithoutATarget", NoTarget, 1, 1},
+    {"LoadFails", [](FakeShellLink& f) { f.loadResult = STG_E_FILENOTFOUND; }, 1, 0},
+    {"NoPersistFile", [](FakeShellLink& f) { f.queryPersistResult = E_NOINTERFACE; }, 0, 0},
+    {"PersistFileAnsweredWithNull", [](FakeShellLink& f) { f.queryPersistGivesNull = true; }, 0, 0},
+};
+
+class EmptyReadTest : public ::testing::TestWithParam<EmptyReadCase> {};
+
+TEST_P(EmptyReadTest, GivesAnEmptyAnswer) {
+  const EmptyReadCase& c = GetParam();
   FakeShellLink fake;
-  fake.loadResult = STG_E_FILENOTFOUND;
+  c.arrange(fake);
   EXPECT_EQ(ReadShortcutTarget(Giving(fake), L"C:\\a.lnk"), L"");
-  EXPECT_EQ(fake.getPathCalls, 0);
+  EXPECT_EQ(fake.loadCalls, c.loadCalls);
+  EXPECT_EQ(fake.getPathCalls, c.getPathCalls);
   EXPECT_EQ(fake.references, 0);
 }
 
-TEST(ReadShortcutTarget, MissingPersistFileIsEmpty) {
-  FakeShellLink fake;
-  fake.queryPersistResult = E_NOINTERFACE;
-  EXPECT_EQ(ReadShortcutTarget(Giving(fake), L"C:\\a.lnk"), L"");
-  EXPECT_EQ(fake.loadCalls, 0);
-  EXPECT_EQ(fake.references, 0);
-  FakeShellLink nullPersist;
-  nullPersist.queryPersistGivesNull = true;
-  EXPECT_EQ(ReadShortcutTarget(Giving(nullPersist), L"C:\\a.lnk"), L"");
-  EXPECT_EQ(nullPersist.loadCalls, 0);
-}
+INSTANTIATE_TEST_SUITE_P(ReadShortcutTarget, EmptyReadTest, ::testing::ValuesIn(kEmptyReads),
+                         [](const ::testing::TestParamInfo<EmptyReadCase>& info) { return info.param.name; });
 
 TEST(ReadShortcutTarget, NoLinkObjectIsEmpty) {
   EXPECT_EQ(ReadShortcutTarget([](IShellLinkW**) { return REGDB_E_CLASSNOTREG; }, L"C:\\a.lnk"), L"");
@@ -287,43 +301,45 @@ TEST(RewriteShortcutTarget, LoadsSetsAndSavesToTheSameFile) {
   EXPECT_EQ(fake.references, 0);
 }
 
-TEST(RewriteShortcutTarget, SetPathFailureIsTrueWithoutSave) {
+// A step of the rewrite that fails: the result, the steps taken, and the
+// references left (without IPersistFile the link is deliberately not released).
+struct FailedRewriteCase {
+  const char* name;
+  void (*arrange)(FakeShellLink&);
+  bool result;
+  int loadCalls;
+  int setPathCalls;
+  int saveCalls;
+  LONG references;
+};
+
+// Named in the test list and failure messages by its case name.
+void PrintTo(const FailedRewriteCase& c, std::ostream* os) { *os << c.name; }
+
+// name, arrange, result, then the Load, SetPath and Save calls made and the references left
+const FailedRewriteCase kFailedRewrites[] = {
+    {"SetPathFailsIsTrueWithoutSave", [](FakeShellLink& f) { f.setPathResult = E_INVALIDARG; }, true, 1, 1, 0, 0},
+    {"SaveFailsIsFalse", [](FakeShellLink& f) { f.saveResult = STG_E_ACCESSDENIED; }, false, 1, 1, 1, 0},
+    {"LoadFailsIsFalseWithoutSetPath", [](FakeShellLink& f) { f.loadResult = E_FAIL; }, false, 1, 0, 0, 0},
+    {"NoPersistFileIsTrue", [](FakeShellLink& f) { f.queryPersistResult = E_NOINTERFACE; }, true, 0, 0, 0, 1},
+    {"NullPersistFileIsTrue", [](FakeShellLink& f) { f.queryPersistGivesNull = true; }, true, 0, 0, 0, 1},
+};
+
+class FailedRewriteTest : public ::testing::TestWithParam<FailedRewriteCase> {};
+
+TEST_P(FailedRewriteTest, DecidesTheResultAndStopsTheRest) {
+  const FailedRewriteCase& c = GetParam();
   FakeShellLink fake;
-  fake.setPathResult = E_INVALIDARG;
-  EXPECT_TRUE(RewriteShortcutTarget(Giving(fake), L"C:\\a.lnk", L"D:\\new.exe"));
-  EXPECT_EQ(fake.setPathCalls, 1);
-  EXPECT_EQ(fake.saveCalls, 0);
-  EXPECT_EQ(fake.references, 0);
+  c.arrange(fake);
+  EXPECT_EQ(RewriteShortcutTarget(Giving(fake), L"C:\\a.lnk", L"D:\\new.exe"), c.result);
+  EXPECT_EQ(fake.loadCalls, c.loadCalls);
+  EXPECT_EQ(fake.setPathCalls, c.setPathCalls);
+  EXPECT_EQ(fake.saveCalls, c.saveCalls);
+  EXPECT_EQ(fake.references, c.references);
 }
 
-TEST(RewriteShortcutTarget, SaveFailureIsFalse) {
-  FakeShellLink fake;
-  fake.saveResult = STG_E_ACCESSDENIED;
-  EXPECT_FALSE(RewriteShortcutTarget(Giving(fake), L"C:\\a.lnk", L"D:\\new.exe"));
-  EXPECT_EQ(fake.saveCalls, 1);
-}
-
-TEST(RewriteShortcutTarget, LoadFailureIsFalseWithoutSetPath) {
-  FakeShellLink fake;
-  fake.loadResult = E_FAIL;
-  EXPECT_FALSE(RewriteShortcutTarget(Giving(fake), L"C:\\a.lnk", L"D:\\new.exe"));
-  EXPECT_EQ(fake.setPathCalls, 0);
-  EXPECT_EQ(fake.saveCalls, 0);
-  EXPECT_EQ(fake.references, 0);
-}
-
-TEST(RewriteShortcutTarget, MissingPersistFileIsTrueAndKeepsTheLinkReference) {
-  FakeShellLink fake;
-  fake.queryPersistResult = E_NOINTERFACE;
-  EXPECT_TRUE(RewriteShortcutTarget(Giving(fake), L"C:\\a.lnk", L"D:\\new.exe"));
-  EXPECT_EQ(fake.loadCalls, 0);
-  EXPECT_EQ(fake.references, 1);  // the link is deliberately not released here
-  FakeShellLink nullPersist;
-  nullPersist.queryPersistGivesNull = true;
-  EXPECT_TRUE(RewriteShortcutTarget(Giving(nullPersist), L"C:\\a.lnk", L"D:\\new.exe"));
-  EXPECT_EQ(nullPersist.loadCalls, 0);
-  EXPECT_EQ(nullPersist.references, 1);
-}
+INSTANTIATE_TEST_SUITE_P(RewriteShortcutTarget, FailedRewriteTest, ::testing::ValuesIn(kFailedRewrites),
+                         [](const ::testing::TestParamInfo<FailedRewriteCase>& info) { return info.param.name; });
 
 TEST(RewriteShortcutTarget, CreationDecidesWhenThereIsNoLinkObject) {
   EXPECT_FALSE(RewriteShortcutTarget([](IShellLinkW**) { return REGDB_E_CLASSNOTREG; }, L"C:\\a.lnk", L"x"));

@@ -6,10 +6,12 @@
 #include <cwctype>
 #include <filesystem>
 #include <map>
+#include <ostream>
 
 #include "Ambrel.h"
 #include "qel_loader/InstallQueries.h"
 #include "common/TextConvert.h"
+#include "tests/qel_loader/FreshProcessTest.h"
 #include "tests/qel_loader/HostLayout.h"
 #include "tests/qel_session/SessionTestSupport.h"
 
@@ -18,29 +20,20 @@ namespace {
 
 using test::BinFile;
 using test::CopyFileTo;
-using test::EnvGuard;
+using test::Env;
 using test::KalvexIniBesideTheProgram;
 using test::kMarker;
+using test::kOldPath;
 using test::LibraryCopy;
 using test::ScratchDir;
-using test::SdkSandbox;
 
 using Calls = std::vector<std::string>;
 using test::kWholeSession;
-const std::wstring kOldPath = L"C:\\windows\\system32;C:\\windows;C:\\Tools\\bin";
 
-std::optional<std::wstring> Env(const std::wstring& name) { return EnvGuard::Get(name); }
-
-// Each case starts in the Fresh state: nothing recorded, no marker (the
-// sandbox removes it), and the wrapper's state reset.
-class InitializeQelTest : public ::testing::Test {
+// Each case starts in the Fresh state: nothing recorded, no marker, and the
+// wrapper's state reset.
+class InitializeQelTest : public test::FreshProcessTest {
  protected:
-  void SetUp() override {
-    SharedDllPath().clear();
-    sandbox.env().Set(L"PATH", kOldPath);
-  }
-  void TearDown() override { SharedDllPath().clear(); }
-
   // The directory field of the stand-in's LockDirectory record, or "".
   std::string LockedDirectory() {
     for (const std::string& line : sandbox.sdk().Calls()) {
@@ -52,8 +45,6 @@ class InitializeQelTest : public ::testing::Test {
     }
     return "";
   }
-
-  SdkSandbox sandbox{SdkSandbox::Contents::Installed};
 };
 
 TEST_F(InitializeQelTest, FreshRunPrependsRecordsAndMarks) {
@@ -138,23 +129,33 @@ TEST_F(InitializeQelTest, FailedRunLeavesTheProcessFreshAndTheNextCallRetries) {
   EXPECT_EQ(SharedDllPath(), sandbox.sharedDir());
 }
 
-TEST_F(InitializeQelTest, LockedDirectoryThatDoesNotExistFailsAndTheSessionIsEnded) {
-  sandbox.OverrideLocation(sandbox.scratch() / L"not-there");
+// A locked location that is not a folder, made in the sandbox's scratch folder.
+struct UnusableLocationCase {
+  const char* name;
+  std::wstring (*make)(const ScratchDir& scratch);
+};
+
+// Named in the test list and failure messages by its case name.
+void PrintTo(const UnusableLocationCase& c, std::ostream* os) { *os << c.name; }
+
+class UnusableLockedLocationTest : public InitializeQelTest,
+                                   public ::testing::WithParamInterface<UnusableLocationCase> {};
+
+TEST_P(UnusableLockedLocationTest, FailsAndTheSessionIsEnded) {
+  sandbox.OverrideLocation(GetParam().make(sandbox.scratch()));
   EXPECT_FALSE(InitializeQel());
-  EXPECT_EQ(Env(L"PATH"), kOldPath);
-  EXPECT_TRUE(SharedDllPath().empty());
-  EXPECT_EQ(Env(kMarker), std::nullopt);
+  ExpectProcessUntouched();
   EXPECT_EQ(sandbox.SdkCalls(), kWholeSession);
 }
 
-TEST_F(InitializeQelTest, LockedPathThatIsARegularFileFailsAndTheSessionIsEnded) {
-  sandbox.OverrideLocation(sandbox.scratch().WriteFile(L"a-file.txt", "not a folder"));
-  EXPECT_FALSE(InitializeQel());
-  EXPECT_EQ(Env(L"PATH"), kOldPath);
-  EXPECT_TRUE(SharedDllPath().empty());
-  EXPECT_EQ(Env(kMarker), std::nullopt);
-  EXPECT_EQ(sandbox.SdkCalls(), kWholeSession);
-}
+INSTANTIATE_TEST_SUITE_P(
+    Locations, UnusableLockedLocationTest,
+    ::testing::Values(UnusableLocationCase{"ADirectoryThatDoesNotExist",
+                                           [](const ScratchDir& scratch) { return scratch / L"not-there"; }},
+                      UnusableLocationCase{
+                          "ARegularFile",
+                          [](const ScratchDir& scratch) { return scratch.WriteFile(L"a-file.txt", "not a folder"); }}),
+    [](const ::testing::TestParamInfo<UnusableLocationCase>& info) { return info.param.name; });
 
 TEST_F(InitializeQelTest, NoUsableLocationFailsWithoutALockButTheSessionIsEnded) {
   ASSERT_TRUE(::RemoveDirectoryW(sandbox.sharedDir().c_str()));  // the version folder is gone
@@ -192,24 +193,12 @@ TEST_F(InitializeQelTest, UnexpectedFileSystemErrorPropagatesWithoutEndingTheSes
     EXPECT_NE(std::string(error.what()).find("status"), std::string::npos) << error.what();
     EXPECT_EQ(error.path1().wstring(), L"\\\\.\\PhysicalDrive0");
   }
-  EXPECT_EQ(Env(L"PATH"), kOldPath);
-  EXPECT_TRUE(SharedDllPath().empty());
-  EXPECT_EQ(Env(kMarker), std::nullopt);
+  ExpectProcessUntouched();
   EXPECT_EQ(sandbox.SdkCalls(), (Calls{"Initialize", "LockDirectory"}));
 }
 
 TEST_F(InitializeQelTest, AnotherExceptionInsideTheSessionEndsItBeforeItPropagates) {
-  // The installer cannot lock, and the host's sink throws on that warning:
-  // the exception comes out of InitializeQel, but the lock request is undone
-  // and the SDK session ended first.
-  sandbox.sdk().SetResult("LockDirectory", 5);
-  test::ThrowingSink sink(L"Failed to lock");
-  EXPECT_THROW((void)InitializeQel(), test::SinkFault);
-  EXPECT_EQ(sink.throws(), 1);
-  EXPECT_EQ(sandbox.SdkCalls(), kWholeSession);
-  EXPECT_EQ(Env(L"PATH"), kOldPath);
-  EXPECT_TRUE(SharedDllPath().empty());
-  EXPECT_EQ(Env(kMarker), std::nullopt);
+  ExpectASinkExceptionAtTheLockToEndTheSession([] { return InitializeQel(); });
 }
 
 TEST_F(InitializeQelTest, AnExceptionWhileEndingTheSessionGivesWayToTheFirst) {
@@ -248,9 +237,7 @@ TEST_F(InitializeQelTest, EditionAwareEntryDoesNothingOnALiteInstallation) {
   ASSERT_TRUE(ini.WasAbsent()) << "a Kalvex.ini is already there";
   ASSERT_TRUE(ini.SetEdition(L"KLXLITE"));
   EXPECT_TRUE(InitializeQelForEdition());
-  EXPECT_EQ(Env(L"PATH"), kOldPath);
-  EXPECT_EQ(Env(kMarker), std::nullopt);
-  EXPECT_TRUE(SharedDllPath().empty());
+  ExpectProcessUntouched();
   EXPECT_TRUE(sandbox.SdkCalls(true).empty());
 
   // Another edition runs the bootstrap.
@@ -357,9 +344,7 @@ TEST_F(InitializeQelTest, FailedOrEmptyLocationFailsAndUninitializes) {
   ScriptedSession empty;
   EXPECT_FALSE(RunBootstrapSession(empty));
   EXPECT_EQ(empty.calls, (Calls{"Initialize 2026", "LockInstallLocation", "Uninitialize"}));
-  EXPECT_EQ(Env(L"PATH"), kOldPath);
-  EXPECT_TRUE(SharedDllPath().empty());
-  EXPECT_EQ(Env(kMarker), std::nullopt);
+  ExpectProcessUntouched();
 }
 
 TEST_F(InitializeQelTest, OutOfMemoryInsideTheSessionEndsItAndPropagates) {

@@ -4,6 +4,7 @@
 
 #include <filesystem>
 #include <map>
+#include <ostream>
 #include <system_error>
 
 #include "Ambrel.h"
@@ -333,21 +334,30 @@ TEST_F(DelayLoadHookChild, WithDlltoolDelayLibrariesTheRuntimeUnloadsNothing) {
 }
 #endif
 
-TEST_F(DelayLoadHookChild, DllOnlyInTheCurrentDirectoryIsNotLoadedByTheHook) {
-  ScratchDir current;
-  CopyFileTo(BinFile(L"ambrel_dlloose.dll"), current / L"ambrel_dlloose.dll");
-  auto out = Run(L"hook-cwd", current.path());
+// A folder the ordinary search looks in but the hook does not: the host's
+// mode names it (the current directory, a folder on PATH).
+struct ElsewhereCase {
+  const char* name;
+  const wchar_t* mode;
+};
+
+// Named in the test list and failure messages by its case name.
+void PrintTo(const ElsewhereCase& c, std::ostream* os) { *os << c.name; }
+
+class DllOnlyElsewhereTest : public DelayLoadHookChild, public ::testing::WithParamInterface<ElsewhereCase> {};
+
+TEST_P(DllOnlyElsewhereTest, IsNotLoadedByTheHook) {
+  ScratchDir elsewhere;
+  CopyFileTo(BinFile(L"ambrel_dlloose.dll"), elsewhere / L"ambrel_dlloose.dll");
+  auto out = Run(GetParam().mode, elsewhere.path());
   EXPECT_EQ(out["hook"], "null");
-  EXPECT_EQ(out["ordinary"], Expected(current, L"ambrel_dlloose.dll")) << "control: the ordinary search finds it";
+  EXPECT_EQ(out["ordinary"], Expected(elsewhere, L"ambrel_dlloose.dll")) << "control: the ordinary search finds it";
 }
 
-TEST_F(DelayLoadHookChild, DllOnlyOnPathIsNotLoadedByTheHook) {
-  ScratchDir onPath;
-  CopyFileTo(BinFile(L"ambrel_dlloose.dll"), onPath / L"ambrel_dlloose.dll");
-  auto out = Run(L"hook-path", onPath.path());
-  EXPECT_EQ(out["hook"], "null");
-  EXPECT_EQ(out["ordinary"], Expected(onPath, L"ambrel_dlloose.dll")) << "control: the ordinary search finds it";
-}
+INSTANTIATE_TEST_SUITE_P(Folders, DllOnlyElsewhereTest,
+                         ::testing::Values(ElsewhereCase{"InTheCurrentDirectory", L"hook-cwd"},
+                                           ElsewhereCase{"OnPath", L"hook-path"}),
+                         [](const ::testing::TestParamInfo<ElsewhereCase>& info) { return info.param.name; });
 
 TEST_F(DelayLoadHookChild, AfterInitializeQelTheHookFindsNoSharedFolderButPathDoes) {
   InShared(L"ambrel_dlchain.dll");

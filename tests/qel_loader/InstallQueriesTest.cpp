@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <optional>
+#include <ostream>
 #include <string>
 #include <utility>
 
@@ -83,27 +85,44 @@ class IsQELInstalledTest : public ::testing::Test {
   ScratchDir dir;
 };
 
-TEST_F(IsQELInstalledTest, CompleteEntryIsInstalled) {
+// An entry of release 2026 over a scratch folder that holds a folder
+// "2026.1": InstallPath is the scratch folder with `installPathSuffix`
+// appended; a value left out where nullopt (neither: no key at all).
+struct EntryCase {
+  const char* name;
+  std::optional<std::wstring> installPathSuffix;
+  std::optional<std::wstring> version;
+  bool installed;
+};
+
+// Named in the test list and failure messages by its case name.
+void PrintTo(const EntryCase& c, std::ostream* os) { *os << c.name; }
+
+const EntryCase kEntries[] = {
+    {"CompleteEntry", L"", L"2026.1", true},
+    {"InstallPathWithTrailingBackslashJoinsWithoutDoubling", L"\\", L"2026.1", true},
+    {"MissingKey", std::nullopt, std::nullopt, false},
+    {"MissingInstallPathValue", std::nullopt, L"2026.1", false},
+    {"MissingInstallDirectory", L"\\absent", L"2026.1", false},
+    {"EmptyVersion", L"", L"", false},
+    {"MissingVersionValue", L"", std::nullopt, false},
+    {"VersionNamingAMissingFolder", L"", L"2026.9", false},
+};
+
+class InstallEntryTest : public IsQELInstalledTest, public ::testing::WithParamInterface<EntryCase> {};
+
+TEST_P(InstallEntryTest, IsInstalledOnlyWhenTheVersionFolderIsThere) {
+  const EntryCase& entry = GetParam();
   dir.MakeDir(L"2026.1");
-  RegistrySandbox::SetString(HKEY_LOCAL_MACHINE, kSharedComponentsKey, L"InstallPath", dir.path());
-  RegistrySandbox::SetString(HKEY_LOCAL_MACHINE, kSharedComponentsKey, L"Version", L"2026.1");
-  EXPECT_TRUE(QelLoadHelper::IsQELInstalled());
+  if (entry.installPathSuffix)
+    RegistrySandbox::SetString(HKEY_LOCAL_MACHINE, kSharedComponentsKey, L"InstallPath",
+                               dir.path() + *entry.installPathSuffix);
+  if (entry.version) RegistrySandbox::SetString(HKEY_LOCAL_MACHINE, kSharedComponentsKey, L"Version", *entry.version);
+  EXPECT_EQ(QelLoadHelper::IsQELInstalled(), entry.installed);
 }
 
-TEST_F(IsQELInstalledTest, InstallPathWithTrailingBackslashJoinsWithoutDoubling) {
-  dir.MakeDir(L"2026.1");
-  RegistrySandbox::SetString(HKEY_LOCAL_MACHINE, kSharedComponentsKey, L"InstallPath", dir.path() + L"\\");
-  RegistrySandbox::SetString(HKEY_LOCAL_MACHINE, kSharedComponentsKey, L"Version", L"2026.1");
-  EXPECT_TRUE(QelLoadHelper::IsQELInstalled());
-}
-
-TEST_F(IsQELInstalledTest, MissingKeyIsNotInstalled) { EXPECT_FALSE(QelLoadHelper::IsQELInstalled()); }
-
-TEST_F(IsQELInstalledTest, MissingInstallPathValueIsNotInstalled) {
-  dir.MakeDir(L"2026.1");
-  RegistrySandbox::SetString(HKEY_LOCAL_MACHINE, kSharedComponentsKey, L"Version", L"2026.1");
-  EXPECT_FALSE(QelLoadHelper::IsQELInstalled());
-}
+INSTANTIATE_TEST_SUITE_P(Entries, InstallEntryTest, ::testing::ValuesIn(kEntries),
+                         [](const ::testing::TestParamInfo<EntryCase>& info) { return info.param.name; });
 
 TEST_F(IsQELInstalledTest, ValuesOfAnotherTypeAreReadAsText) {
   dir.MakeDir(L"2026.1");
@@ -150,29 +169,6 @@ INSTANTIATE_TEST_SUITE_P(Lengths, InstallPathLengthTest,
                          [](const ::testing::TestParamInfo<std::pair<size_t, bool>>& info) {
                            return "Of" + std::to_string(info.param.first) + "Characters";
                          });
-
-TEST_F(IsQELInstalledTest, MissingInstallDirectoryIsNotInstalled) {
-  RegistrySandbox::SetString(HKEY_LOCAL_MACHINE, kSharedComponentsKey, L"InstallPath", dir / L"absent");
-  RegistrySandbox::SetString(HKEY_LOCAL_MACHINE, kSharedComponentsKey, L"Version", L"2026.1");
-  EXPECT_FALSE(QelLoadHelper::IsQELInstalled());
-}
-
-TEST_F(IsQELInstalledTest, EmptyVersionIsNotInstalled) {
-  RegistrySandbox::SetString(HKEY_LOCAL_MACHINE, kSharedComponentsKey, L"InstallPath", dir.path());
-  RegistrySandbox::SetString(HKEY_LOCAL_MACHINE, kSharedComponentsKey, L"Version", L"");
-  EXPECT_FALSE(QelLoadHelper::IsQELInstalled());
-}
-
-TEST_F(IsQELInstalledTest, MissingVersionValueIsNotInstalled) {
-  RegistrySandbox::SetString(HKEY_LOCAL_MACHINE, kSharedComponentsKey, L"InstallPath", dir.path());
-  EXPECT_FALSE(QelLoadHelper::IsQELInstalled());
-}
-
-TEST_F(IsQELInstalledTest, VersionNamingAMissingFolderIsNotInstalled) {
-  RegistrySandbox::SetString(HKEY_LOCAL_MACHINE, kSharedComponentsKey, L"InstallPath", dir.path());
-  RegistrySandbox::SetString(HKEY_LOCAL_MACHINE, kSharedComponentsKey, L"Version", L"2026.9");
-  EXPECT_FALSE(QelLoadHelper::IsQELInstalled());
-}
 
 TEST_F(IsQELInstalledTest, OtherReleasesDoNotCount) {
   dir.MakeDir(L"2025.1");

@@ -6,39 +6,23 @@
 
 #include "Ambrel.h"
 #include "qel_loader/InstallQueries.h"
+#include "tests/qel_loader/FreshProcessTest.h"
 #include "tests/qel_loader/HostLayout.h"
 #include "tests/qel_session/SessionTestSupport.h"
 
 namespace ambrel {
 namespace {
 
-using test::EnvGuard;
+using test::Env;
 using test::kMarker;
+using test::kOldPath;
 using test::LibraryCopy;
-using test::SdkSandbox;
 
 using Calls = std::vector<std::string>;
 using test::kWholeSession;
-const std::wstring kOldPath = L"C:\\windows\\system32;C:\\windows";
 
-std::optional<std::wstring> Env(const std::wstring& name) { return EnvGuard::Get(name); }
-
-class SharedDllLookupTest : public ::testing::Test {
- protected:
-  void SetUp() override {
-    SharedDllPath().clear();
-    sandbox.env().Set(L"PATH", kOldPath);
-  }
-
-  // The process is left as it was: a lookup prepares nothing.
-  void ExpectProcessUntouched() {
-    EXPECT_EQ(Env(L"PATH"), kOldPath);
-    EXPECT_EQ(Env(kMarker), std::nullopt);
-    EXPECT_TRUE(SharedDllPath().empty());
-  }
-
-  SdkSandbox sandbox{SdkSandbox::Contents::Installed};
-};
+// A lookup prepares nothing: the process is left as it was.
+using SharedDllLookupTest = test::FreshProcessTest;
 
 // ---- FindSharedDllPath (this program's own objects) ----
 
@@ -71,12 +55,7 @@ TEST_F(SharedDllLookupTest, FindWithAFailedLockStillGivesTheDirectory) {
 }
 
 TEST_F(SharedDllLookupTest, FindEndsTheSessionWhenAnExceptionLeavesTheLock) {
-  sandbox.sdk().SetResult("LockDirectory", 5);
-  test::ThrowingSink sink(L"Failed to lock");
-  EXPECT_THROW((void)FindSharedDllPath(), test::SinkFault);
-  EXPECT_EQ(sink.throws(), 1);
-  EXPECT_EQ(sandbox.SdkCalls(), kWholeSession);
-  ExpectProcessUntouched();
+  ExpectASinkExceptionAtTheLockToEndTheSession([] { return FindSharedDllPath(); });
 }
 
 TEST_F(SharedDllLookupTest, FindWithALocationThatIsNotAnExistingDirectoryGivesNothing) {

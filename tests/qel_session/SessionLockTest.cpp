@@ -39,10 +39,7 @@ TEST_F(SessionTest, LocksTheVersionFolderWithATrailingBackslashAndUnlocksIt) {
 TEST_F(SessionTest, MissingOverrideSwitchIsMessage10ThenTheRegistryDecides) {
   const std::wstring expected = WriteCompleteInstall(std::nullopt);
   Initialized(0);
-  EXPECT_CALL(*wrapper_, LockDirectory(Narrow(expected) + "\\")).WillOnce(Return(0));
-  std::wstring location;
-  EXPECT_EQ(session().LockInstallLocation(location), Success);
-  EXPECT_EQ(location, expected);
+  LockExpecting(expected);
   EXPECT_EQ(messages(), (Messages{{L"FATAL", kNoCustomPath}}));
 }
 
@@ -52,10 +49,7 @@ TEST_F(SessionTest, InstallPathEndingInABackslashGetsASecondOne) {
   WriteRegistry(installPath, L"1.0");
   Initialized(0);
   const std::wstring expected = installPath + L"\\1.0";
-  EXPECT_CALL(*wrapper_, LockDirectory(Narrow(expected) + "\\")).WillOnce(Return(0));
-  std::wstring location;
-  EXPECT_EQ(session().LockInstallLocation(location), Success);
-  EXPECT_EQ(location, expected);
+  LockExpecting(expected);
 }
 
 // ---- LockDirectory failures ----
@@ -63,10 +57,7 @@ TEST_F(SessionTest, InstallPathEndingInABackslashGetsASecondOne) {
 TEST_F(SessionTest, FailedLockIsMessage13AndStillHandsOutTheLocation) {
   const std::wstring expected = WriteCompleteInstall();
   Initialized(0);
-  EXPECT_CALL(*wrapper_, LockDirectory(Narrow(expected) + "\\")).WillOnce(Return(5));
-  std::wstring location;
-  EXPECT_EQ(session().LockInstallLocation(location), Success);
-  EXPECT_EQ(location, expected);
+  LockExpecting(expected, 5);
   EXPECT_EQ(messages(), (Messages{{L"WARN", L"Failed to lock" + expected + L"\\, HALDO SDK wrapper status code : 5"}}));
   // The lock's result replaced the start's: the next attempt shows it.
   EXPECT_EQ(SdkStatusShownByTheNextLock(), L"5");
@@ -76,10 +67,7 @@ TEST_F(SessionTest, Message13RenderingForAnOverrideLocation) {
   RegistrySandbox::SetDword(HKEY_LOCAL_MACHINE, kSharedComponentsKey, L"EnablePathOverride", 1);
   env_.Set(L"QEL_PATH_2026", L"D:\\Shared\\2026.1");
   Initialized(0);
-  EXPECT_CALL(*wrapper_, LockDirectory("D:\\Shared\\2026.1\\")).WillOnce(Return(3));
-  std::wstring location;
-  EXPECT_EQ(session().LockInstallLocation(location), Success);
-  EXPECT_EQ(location, L"D:\\Shared\\2026.1");  // an override is never tested for existence
+  LockExpecting(L"D:\\Shared\\2026.1", 3);  // an override is never tested for existence
   EXPECT_EQ(messages(),
             (Messages{{L"INFO", L"EnablePathOverride is set to 1"},
                       {L"WARN", L"Failed to lockD:\\Shared\\2026.1\\, HALDO SDK wrapper status code : 3"}}));
@@ -89,10 +77,7 @@ TEST_F(SessionTest, LocationEndingInABackslashIsLockedWithASecondOne) {
   RegistrySandbox::SetDword(HKEY_LOCAL_MACHINE, kSharedComponentsKey, L"EnablePathOverride", 1);
   env_.Set(L"QEL_PATH_2026", L"D:\\Shared\\");
   Initialized(0);
-  EXPECT_CALL(*wrapper_, LockDirectory("D:\\Shared\\\\")).WillOnce(Return(0));
-  std::wstring location;
-  EXPECT_EQ(session().LockInstallLocation(location), Success);
-  EXPECT_EQ(location, L"D:\\Shared\\");
+  LockExpecting(L"D:\\Shared\\");
 }
 
 TEST_F(SessionTest, FailedLockStatusStopsASecondLock) {
@@ -127,9 +112,7 @@ TEST_F(SessionTest, ShortOverrideIsMessages12And3AndAnEmptyLocation) {
   EXPECT_EQ(HeldFolder(), L"D:\\x");
   RegistrySandbox::SetDword(HKEY_LOCAL_MACHINE, kSharedComponentsKey, L"EnablePathOverride", 0);
   const std::wstring installPath = dir_ / L"Shared";
-  EXPECT_CALL(*wrapper_, LockDirectory(Narrow(installPath) + "\\")).WillOnce(Return(0));
-  EXPECT_EQ(session().LockInstallLocation(location), Success);
-  EXPECT_EQ(location, installPath);
+  LockExpecting(installPath);
 }
 
 TEST_F(SessionTest, Message12RenderingForADriveRoot) {
@@ -150,10 +133,7 @@ TEST_F(SessionTest, FiveCharacterOverrideIsUsable) {
   WriteCompleteInstall(1);
   env_.Set(L"QEL_PATH_2026", L"D:\\ab");
   Initialized(0);
-  EXPECT_CALL(*wrapper_, LockDirectory("D:\\ab\\")).WillOnce(Return(0));
-  std::wstring location;
-  EXPECT_EQ(session().LockInstallLocation(location), Success);
-  EXPECT_EQ(location, L"D:\\ab");
+  LockExpecting(L"D:\\ab");
   EXPECT_EQ(messages(), (Messages{{L"INFO", L"EnablePathOverride is set to 1"}}));
 }
 
@@ -162,26 +142,18 @@ TEST_F(SessionTest, OverrideTakenAsItStandsWithoutExistenceCheck) {
   const std::wstring value = L"  Z:\\nowhere\\at all  ";
   env_.Set(L"QEL_PATH_2026", value);
   Initialized(0);
-  EXPECT_CALL(*wrapper_, LockDirectory(Narrow(value) + "\\")).WillOnce(Return(0));
-  std::wstring location;
-  EXPECT_EQ(session().LockInstallLocation(location), Success);
-  EXPECT_EQ(location, value);
+  LockExpecting(value);
 }
 
 TEST_F(SessionTest, EnabledOverrideWithoutVariableFallsBackToTheRegistry) {
   const std::wstring expected = WriteCompleteInstall(1);
   Initialized(0);
-  EXPECT_CALL(*wrapper_, LockDirectory(Narrow(expected) + "\\")).WillOnce(Return(0));
-  std::wstring location;
-  EXPECT_EQ(session().LockInstallLocation(location), Success);
-  EXPECT_EQ(location, expected);
+  LockExpecting(expected);
   EXPECT_EQ(messages(), (Messages{{L"INFO", L"EnablePathOverride is set to 1"}}));
   // Not taken as overridden: switched off, the override leaves the registry
   // step reading Version as before.
   RegistrySandbox::SetDword(HKEY_LOCAL_MACHINE, kSharedComponentsKey, L"EnablePathOverride", 0);
-  EXPECT_CALL(*wrapper_, LockDirectory(Narrow(expected) + "\\")).WillOnce(Return(0));
-  EXPECT_EQ(session().LockInstallLocation(location), Success);
-  EXPECT_EQ(location, expected);
+  LockExpecting(expected);
 }
 
 TEST_F(SessionTest, EnabledOverrideWithoutVariableTakesTheRegistryResultWhateverItIs) {
@@ -200,10 +172,7 @@ TEST_P(OverrideSwitchTest, OnlyExactlyOneEnablesTheOverride) {
   const std::wstring expected = WriteCompleteInstall(GetParam());
   env_.Set(L"QEL_PATH_2026", L"D:\\Override\\Folder");
   Initialized(0);
-  EXPECT_CALL(*wrapper_, LockDirectory(Narrow(expected) + "\\")).WillOnce(Return(0));
-  std::wstring location;
-  EXPECT_EQ(session().LockInstallLocation(location), Success);
-  EXPECT_EQ(location, expected);
+  LockExpecting(expected);
   EXPECT_TRUE(messages().empty());
 }
 

@@ -6,6 +6,8 @@
 
 #include <locale>
 #include <stdexcept>
+#include <string>
+#include <vector>
 
 #include "tests/qel_session/SessionTestSupport.h"
 
@@ -15,13 +17,22 @@ namespace {
 using ::testing::Return;
 using ::testing::StrictMock;
 
-void OtherSink(std::wstring, std::wstring) {}
+// What OtherSink was given, as "level: message".
+std::vector<std::wstring>& OtherSinkMessages() {
+  static std::vector<std::wstring> messages;
+  return messages;
+}
+
+void OtherSink(std::wstring level, std::wstring message) { OtherSinkMessages().push_back(level + L": " + message); }
 
 TEST(SessionLogSink, SetterReturnsTheSinkItReplaces) {
+  OtherSinkMessages().clear();
   const QelSessionLogSink original = SetQelSessionLogSink(&OtherSink);
-  EXPECT_EQ(SessionLogSink, &OtherSink);
+  LogSessionMessage(L"INFO", L"to the sink just set");
+  EXPECT_EQ(OtherSinkMessages(), std::vector<std::wstring>{L"INFO: to the sink just set"});
   EXPECT_EQ(SetQelSessionLogSink(nullptr), &OtherSink);
-  EXPECT_EQ(SessionLogSink, nullptr);
+  LogSessionMessage(L"INFO", L"to no sink");
+  EXPECT_EQ(OtherSinkMessages().size(), 1u) << "a replaced sink is not called again";
   EXPECT_EQ(SetQelSessionLogSink(original), nullptr);
 }
 

@@ -47,10 +47,7 @@ TEST_F(SessionOrderTest, AVariableSetWhenTheSwitchIsReportedIsTheOverride) {
     if (message == kOverrideOn) env_.Set(L"QEL_PATH_2026", override);
   });
   Initialized(0);
-  EXPECT_CALL(*wrapper_, LockDirectory(Narrow(override) + "\\")).WillOnce(Return(0));
-  std::wstring location;
-  EXPECT_EQ(session().LockInstallLocation(location), Success);
-  EXPECT_EQ(location, override);
+  LockExpecting(override);
   EXPECT_EQ(sink.messages(), (Messages{{L"INFO", kOverrideOn}}));
 }
 
@@ -62,10 +59,7 @@ TEST_F(SessionOrderTest, AVersionFolderMadeWhenNoCustomPathIsReportedIsFound) {
     if (message == kNoCustomPath) dir_.MakeDir(L"Shared\\1.0");
   });
   Initialized(0);
-  EXPECT_CALL(*wrapper_, LockDirectory(Narrow(versionFolder) + "\\")).WillOnce(Return(0));
-  std::wstring location;
-  EXPECT_EQ(session().LockInstallLocation(location), Success);
-  EXPECT_EQ(location, versionFolder);
+  LockExpecting(versionFolder);
   EXPECT_EQ(sink.messages(), (Messages{{L"FATAL", kNoCustomPath}}));
 }
 
@@ -94,8 +88,7 @@ TEST_F(SessionOrderTest, ASinkThatThrowsAtNoCustomPathStopsBeforeTheRegistryIsOp
   const std::wstring customKey = L"SOFTWARE\\Tavrel\\Elsewhere";
   const std::wstring installPath = dir_.MakeDir(L"Shared");
   dir_.MakeDir(L"Shared\\1.0");
-  RegistrySandbox::SetString(HKEY_LOCAL_MACHINE, customKey, L"InstallPath", installPath);
-  RegistrySandbox::SetString(HKEY_LOCAL_MACHINE, customKey, L"Version", L"1.0");
+  WriteInstallEntryUnder(customKey, installPath, L"1.0");
   QelSessionInspector::SetCustomRegistryKey(session(), customKey);
   Initialized(0);
   const long before = Handles();

@@ -9,8 +9,6 @@
 namespace ambrel::test {
 namespace {
 
-using ::testing::Return;
-
 // ---- registry failures ----
 
 TEST_F(SessionTest, MissingKeyIsMessages10And4AndResult6) {
@@ -105,17 +103,13 @@ TEST_F(SessionTest, CustomKeyIsUsedByTheRegistryLookupOnly) {
   const std::wstring customKey = L"SOFTWARE\\Elsewhere\\Shared";
   const std::wstring installPath = dir_.MakeDir(L"Custom");
   dir_.MakeDir(L"Custom\\2.0");
-  RegistrySandbox::SetString(HKEY_LOCAL_MACHINE, customKey, L"InstallPath", installPath);
-  RegistrySandbox::SetString(HKEY_LOCAL_MACHINE, customKey, L"Version", L"2.0");
+  WriteInstallEntryUnder(customKey, installPath, L"2.0");
   // Only the custom key switches the override on; the override lookup ignores it.
   RegistrySandbox::SetDword(HKEY_LOCAL_MACHINE, customKey, L"EnablePathOverride", 1);
   env_.Set(L"QEL_PATH_2026", L"D:\\Override\\Folder");
   QelSessionInspector::SetCustomRegistryKey(session(), customKey);
   Initialized(0);
-  EXPECT_CALL(*wrapper_, LockDirectory(Narrow(installPath) + "\\2.0\\")).WillOnce(Return(0));
-  std::wstring location;
-  EXPECT_EQ(session().LockInstallLocation(location), Success);
-  EXPECT_EQ(location, installPath + L"\\2.0");
+  LockExpecting(installPath + L"\\2.0");
   EXPECT_EQ(messages(), (Messages{{L"FATAL", kNoCustomPath}}));
 }
 
@@ -128,10 +122,7 @@ TEST_F(SessionTest, NonAsciiInstallPathSurvivesTheUtf8RoundTrip) {
   WriteRegistry(installPath, L"v\u00E9");
   Initialized(0);
   const std::wstring expected = installPath + L"\\v\u00E9";
-  EXPECT_CALL(*wrapper_, LockDirectory(Narrow(expected) + "\\")).WillOnce(Return(7));
-  std::wstring location;
-  EXPECT_EQ(session().LockInstallLocation(location), Success);
-  EXPECT_EQ(location, expected);
+  LockExpecting(expected, 7);
   // The path went into the narrow stream as UTF-8 and came back unchanged.
   EXPECT_EQ(messages(), (Messages{{L"WARN", L"Failed to lock" + expected + L"\\, HALDO SDK wrapper status code : 7"}}));
 }
@@ -157,38 +148,27 @@ TEST_F(SessionTest, PathOverriddenIsCarriedToTheNextLocateStep) {
   env_.Set(L"QEL_PATH_2026", overridePath);
   Initialized(0);
 
-  EXPECT_CALL(*wrapper_, LockDirectory("D:\\Override\\Folder\\")).WillOnce(Return(0));
-  std::wstring location;
-  EXPECT_EQ(session().LockInstallLocation(location), Success);
-  EXPECT_EQ(location, overridePath);
+  LockExpecting(overridePath);
 
   // The switch is off now: GetPathOverride answers 100 and leaves the flag, so
   // the registry lookup stops at InstallPath without a version folder.
   RegistrySandbox::SetDword(HKEY_LOCAL_MACHINE, kSharedComponentsKey, L"EnablePathOverride", 0);
   sink_.clear();
-  EXPECT_CALL(*wrapper_, LockDirectory(Narrow(installPath) + "\\")).WillOnce(Return(0));
-  EXPECT_EQ(session().LockInstallLocation(location), Success);
-  EXPECT_EQ(location, installPath);
+  LockExpecting(installPath);
   EXPECT_EQ(HeldFolder(), installPath);
   EXPECT_TRUE(messages().empty());
   // Still taken as overridden: the same step again stops at InstallPath.
-  EXPECT_CALL(*wrapper_, LockDirectory(Narrow(installPath) + "\\")).WillOnce(Return(0));
-  EXPECT_EQ(session().LockInstallLocation(location), Success);
-  EXPECT_EQ(location, installPath);
+  LockExpecting(installPath);
 
   // Switched on again without the variable: the flag is cleared and the
   // version folder is found again.
   env_.Unset(L"QEL_PATH_2026");
   RegistrySandbox::SetDword(HKEY_LOCAL_MACHINE, kSharedComponentsKey, L"EnablePathOverride", 1);
-  EXPECT_CALL(*wrapper_, LockDirectory(Narrow(versionFolder) + "\\")).WillOnce(Return(0));
-  EXPECT_EQ(session().LockInstallLocation(location), Success);
-  EXPECT_EQ(location, versionFolder);
+  LockExpecting(versionFolder);
   // No longer taken as overridden: switched off again, the registry step
   // reads Version.
   RegistrySandbox::SetDword(HKEY_LOCAL_MACHINE, kSharedComponentsKey, L"EnablePathOverride", 0);
-  EXPECT_CALL(*wrapper_, LockDirectory(Narrow(versionFolder) + "\\")).WillOnce(Return(0));
-  EXPECT_EQ(session().LockInstallLocation(location), Success);
-  EXPECT_EQ(location, versionFolder);
+  LockExpecting(versionFolder);
 }
 
 TEST_F(SessionTest, LocateStepsCalledDirectly) {
@@ -224,8 +204,7 @@ TEST_F(SessionTest, LocateStepsOpenTheKeyOfTheirArgumentAndTheOverrideVariableOf
   const std::wstring installPath = dir_.MakeDir(L"Old");
   dir_.MakeDir(L"Old\\0.9");
   RegistrySandbox::SetDword(HKEY_LOCAL_MACHINE, otherKey, L"EnablePathOverride", 1);
-  RegistrySandbox::SetString(HKEY_LOCAL_MACHINE, otherKey, L"InstallPath", installPath);
-  RegistrySandbox::SetString(HKEY_LOCAL_MACHINE, otherKey, L"Version", L"0.9");
+  WriteInstallEntryUnder(otherKey, installPath, L"0.9");
   env_.Set(L"QEL_PATH_1999", L"D:\\Not\\This\\One");
   env_.Set(L"QEL_PATH_2026", L"D:\\Override\\Folder");
   Initialized(0);

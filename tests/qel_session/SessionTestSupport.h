@@ -167,6 +167,13 @@ inline std::wstring HeldFolder(QelSession& session, MockWrapper& wrapper) {
   return Utf8ToWide(unlocked);
 }
 
+// InstallPath and Version under a registry key of the test's own.
+inline void WriteInstallEntryUnder(const std::wstring& key, const std::wstring& installPath,
+                                   const std::wstring& version) {
+  RegistrySandbox::SetString(HKEY_LOCAL_MACHINE, key, L"InstallPath", installPath);
+  RegistrySandbox::SetString(HKEY_LOCAL_MACHINE, key, L"Version", version);
+}
+
 // Whether the session takes the override as having named its folder: its
 // registry step then stops at InstallPath. Asked of a complete install under
 // a key of its own in `dir`, so the shared-components key is not touched;
@@ -175,8 +182,7 @@ inline bool TakesTheOverrideAsNamingTheFolder(QelSession& session, MockWrapper& 
   const std::wstring probeKey = L"SOFTWARE\\Tavrel\\OverrideProbe";
   const std::wstring installPath = dir.MakeDir(L"Probe");
   dir.MakeDir(L"Probe\\1.0");
-  RegistrySandbox::SetString(HKEY_LOCAL_MACHINE, probeKey, L"InstallPath", installPath);
-  RegistrySandbox::SetString(HKEY_LOCAL_MACHINE, probeKey, L"Version", L"1.0");
+  WriteInstallEntryUnder(probeKey, installPath, L"1.0");
   QelSessionInspector::SetCustomRegistryKey(session, probeKey);
   EXPECT_EQ(session.ReadInstallLocation(L"2026"), Success);
   QelSessionInspector::SetCustomRegistryKey(session, L"");
@@ -218,6 +224,15 @@ class SessionTest : public ::testing::Test {
   void Initialized(int sdkStatus = 0) {
     EXPECT_CALL(*wrapper_, Initialize("QEL", "2026", "neutral")).WillOnce(::testing::Return(sdkStatus));
     ASSERT_EQ(session_->Initialize(L"2026"), Success);
+  }
+
+  // Locks with the wrapper answering `lockResult` to a lock of `folder` (a
+  // backslash appended), and expects success with `folder` handed out.
+  void LockExpecting(const std::wstring& folder, int lockResult = 0) {
+    EXPECT_CALL(*wrapper_, LockDirectory(Narrow(folder) + "\\")).WillOnce(::testing::Return(lockResult));
+    std::wstring location;
+    EXPECT_EQ(session_->LockInstallLocation(location), Success);
+    EXPECT_EQ(location, folder);
   }
 
   std::wstring HeldFolder() {

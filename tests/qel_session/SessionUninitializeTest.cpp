@@ -10,7 +10,6 @@
 namespace ambrel::test {
 namespace {
 
-using ::testing::_;
 using ::testing::InSequence;
 using ::testing::Return;
 
@@ -19,9 +18,7 @@ using ::testing::Return;
 TEST_F(SessionTest, FailedUnlockAndUninitializeAreMessages15And16) {
   const std::wstring expected = WriteCompleteInstall();
   Initialized(0);
-  EXPECT_CALL(*wrapper_, LockDirectory(_)).WillOnce(Return(0));
-  std::wstring location;
-  ASSERT_EQ(session().LockInstallLocation(location), Success);
+  LockExpecting(expected);
   {
     InSequence order;
     EXPECT_CALL(*wrapper_, IsInitialized()).WillOnce(Return(true));
@@ -50,9 +47,7 @@ TEST_F(SessionTest, UnlockWithoutALocationIsALoneBackslash) {
 TEST_F(SessionTest, UnlockFollowsAFailedLock) {
   const std::wstring expected = WriteCompleteInstall();
   Initialized(0);
-  EXPECT_CALL(*wrapper_, LockDirectory(_)).WillOnce(Return(5));
-  std::wstring location;
-  ASSERT_EQ(session().LockInstallLocation(location), Success);
+  LockExpecting(expected, 5);
   EXPECT_CALL(*wrapper_, IsInitialized()).WillOnce(Return(true));
   EXPECT_CALL(*wrapper_, UnLockDirectory(Narrow(expected) + "\\")).WillOnce(Return(0));
   EXPECT_CALL(*wrapper_, Uninitialize()).WillOnce(Return(0));
