@@ -30,6 +30,7 @@
 #include <memory>
 #include <new>
 #include <optional>
+#include <ostream>
 #include <string>
 #include <vector>
 
@@ -313,6 +314,9 @@ struct Case {
   std::function<void(Scene&, const std::string& step)> afterFailure;
   const char* skip = nullptr;  // why this leg leaves the case out, if it does
 };
+
+// A failure names the case by its export, not by the struct's bytes.
+void PrintTo(const Case& c, std::ostream* out) { *out << c.name; }
 
 std::vector<Case> Cases() {
   return {
