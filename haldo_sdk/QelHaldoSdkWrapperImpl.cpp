@@ -44,6 +44,22 @@ int CallDirectoryExport(const std::string& directory, const std::string& exportN
   return result;
 }
 
+// Undoes what an interrupted Initialize started: ends the SDK session when
+// one started (under the id the wrapper kept, else the SDK's own copy of it),
+// gives back the memory the SDK handed out and unloads the SDK. Allocates
+// nothing, so running out of memory cannot stop it.
+void UndoInitialize(QelHaldoSdkWrapperState& state, bool started, char* returnedId) noexcept {
+  const char* id = !state.sessionId.empty() ? state.sessionId.c_str() : (returnedId ? returnedId : "");
+  if (const auto uninitialize = BindSdkExport<SdkUninitializeFunction>(state, kSdkUninitializeExport);
+      started && uninitialize)
+    uninitialize(id);
+  if (const auto releaseMemory = BindSdkExport<SdkReleaseMemoryFunction>(state, kSdkReleaseMemoryExport);
+      returnedId && releaseMemory)
+    releaseMemory(id, &returnedId);
+  state.sessionId.clear();
+  state.module.reset();
+}
+
 }  // namespace
 }  // namespace ambrel
 
@@ -65,31 +81,41 @@ int QelHaldoSdkWrapperImpl::Initialize(const std::string& plc, const std::string
     ambrel::LogWrapperError("Initialize: Failed to load SDK! ");
     return loadCode;
   }
-  ambrel::LogWrapperInfo("Initialize: HALDO SDK loaded successfully");
-
-  const auto initialize = ambrel::BindSdkExport<ambrel::SdkInitializeFunction>(state, ambrel::kSdkInitializeExport);
-  if (!initialize) {
-    ambrel::LogWrapperError("Initialize: Failed to obtain InitializeFunc handle!");
-    return ambrel::kWrapperExportMissing;
-  }
-
   // Null before the call, so an SDK that fails without writing it hands
   // ReleaseMemory a null pointer rather than stack garbage.
   char* returnedId = nullptr;
-  const int result = initialize(plc.c_str(), release.c_str(), language.c_str(), &returnedId);
-  if (result == 0) {
-    const std::string id = returnedId ? returnedId : "";
-    ambrel::LogWrapperInfo("Initialize: session id = " + id);
-    state.sessionId = id;
-  }
+  bool started = false;
+  try {
+    ambrel::LogWrapperInfo("Initialize: HALDO SDK loaded successfully");
 
-  if (const auto releaseMemory =
-          ambrel::BindSdkExport<ambrel::SdkReleaseMemoryFunction>(state, ambrel::kSdkReleaseMemoryExport)) {
-    releaseMemory(state.sessionId.c_str(), &returnedId);
-  } else {
-    ambrel::LogWrapperError("ReleaseMemory: Failed to obtain ReleaseMemoryFunc handle!");
+    const auto initialize = ambrel::BindSdkExport<ambrel::SdkInitializeFunction>(state, ambrel::kSdkInitializeExport);
+    if (!initialize) {
+      ambrel::LogWrapperError("Initialize: Failed to obtain InitializeFunc handle!");
+      return ambrel::kWrapperExportMissing;
+    }
+
+    const int result = initialize(plc.c_str(), release.c_str(), language.c_str(), &returnedId);
+    started = result == 0;
+    if (started) {
+      const std::string id = returnedId ? returnedId : "";
+      ambrel::LogWrapperInfo("Initialize: session id = " + id);
+      state.sessionId = id;
+    }
+
+    if (const auto releaseMemory =
+            ambrel::BindSdkExport<ambrel::SdkReleaseMemoryFunction>(state, ambrel::kSdkReleaseMemoryExport)) {
+      releaseMemory(state.sessionId.c_str(), &returnedId);
+    } else {
+      ambrel::LogWrapperError("ReleaseMemory: Failed to obtain ReleaseMemoryFunc handle!");
+    }
+    return result;
+  } catch (...) {
+    // Out of memory midway (a log line, the copy of the session id): what
+    // this call started is undone, so the failed Initialize leaves neither an
+    // SDK session nor the SDK loaded behind it.
+    ambrel::UndoInitialize(state, started, returnedId);
+    throw;
   }
-  return result;
 }
 
 bool QelHaldoSdkWrapperImpl::IsInitialized() { return !ambrel::WrapperState().sessionId.empty(); }

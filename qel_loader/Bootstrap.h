@@ -4,6 +4,7 @@
 
 #include <filesystem>
 #include <string>
+#include <utility>
 
 #include "common/Environment.h"
 #include "common/PathList.h"
@@ -40,8 +41,11 @@ bool PrepareProcess(Session& session) {
   const ProcessPreparation preparation = InspectProcessPreparation(directory);
   if (!preparation.possible()) return false;
 
+  // The record is made before PATH is written and moved in after it, so
+  // running out of memory cannot leave PATH changed with nothing recorded.
+  std::wstring record = directory;
   if (!PutInFrontOfPath(directory, preparation.path)) return false;
-  SharedDllPath() = directory;
+  SharedDllPath() = std::move(record);
   WriteEnvironmentVariable(kBypassMarker, L"1");  // a lost marker only costs children a session
   return true;
 }

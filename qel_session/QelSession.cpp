@@ -145,10 +145,21 @@ QelStatus QelSession::Uninitialize() {
     DeliverText("WARN", "HALDO SDK wrapper is not initialized");
     return Success;
   }
-  // Unlocked whether or not a lock was taken; an empty location gives a lone backslash.
-  const std::int32_t unlockStatus = sdkWrapper->UnLockDirectory(LockPathOf(installLocation));
-  if (unlockStatus != 0) {
-    DeliverWithCode("WARN", "Failed to Unlock HALDO SDK wrapper status code:", unlockStatus);
+  try {
+    // Unlocked whether or not a lock was taken; an empty location gives a lone backslash.
+    const std::int32_t unlockStatus = sdkWrapper->UnLockDirectory(LockPathOf(installLocation));
+    if (unlockStatus != 0) {
+      DeliverWithCode("WARN", "Failed to Unlock HALDO SDK wrapper status code:", unlockStatus);
+    }
+  } catch (...) {
+    // Out of memory before the unlock got through: the SDK session is ended
+    // all the same (which lets go of its lock) before the exception goes on;
+    // a second one raised while ending it is dropped.
+    try {
+      sdkWrapper->Uninitialize();
+    } catch (...) {
+    }
+    throw;
   }
   const std::int32_t uninitializeStatus = sdkWrapper->Uninitialize();
   if (uninitializeStatus != 0) {

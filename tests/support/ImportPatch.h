@@ -10,9 +10,17 @@
 // one slot must be undone in the reverse order of their making (scopes do
 // that). The replacement and the original have the same type; cast back with
 // reinterpret_cast.
+//
+// RebindImports points every named import of a module from one DLL at the
+// exports of the same names of another loaded module (a second copy of that
+// DLL, say), so the module's ordinary calls reach the other copy.
 #pragma once
 
 #include <windows.h>
+
+#include <string>
+#include <utility>
+#include <vector>
 
 namespace ambrel::test {
 
@@ -33,9 +41,30 @@ class ImportPatch {
   // True when `module` imports `function` from `importedDll`.
   static bool Imports(HMODULE module, const char* importedDll, const char* function);
 
+  // The names `module` imports from `importedDll`, in the order of its import
+  // table (imports by ordinal left out); empty when it imports none.
+  static std::vector<std::string> NamedImports(HMODULE module, const char* importedDll);
+
  private:
   void** slot_ = nullptr;
   void* original_ = nullptr;
+};
+
+class RebindImports {
+ public:
+  // Throws std::runtime_error, with nothing changed, when `module` imports
+  // nothing by name from `importedDll` or `target` lacks one of the names.
+  RebindImports(HMODULE module, const char* importedDll, HMODULE target);
+  ~RebindImports();  // every slot restored, in the reverse order
+  RebindImports(const RebindImports&) = delete;
+  RebindImports& operator=(const RebindImports&) = delete;
+  RebindImports(RebindImports&&) = delete;
+  RebindImports& operator=(RebindImports&&) = delete;
+
+  size_t count() const { return rebound_.size(); }
+
+ private:
+  std::vector<std::pair<void**, void*>> rebound_;  // slot, original
 };
 
 // The module that holds the code at `address` (for example a function of the

@@ -6,8 +6,6 @@
 #include <fstream>
 #include <stdexcept>
 
-#include "haldo_sdk/QelHaldoSdkWrapperState.h"
-
 namespace ambrel::test {
 namespace {
 
@@ -188,15 +186,5 @@ void ProgramDataFolder::WriteLock(const std::string& content) const {
 }
 
 void ProgramDataFolder::RemoveLock() const { ::DeleteFileW(LockFile().c_str()); }
-
-// --- wrapper state
-
-void ResetWrapperState() {
-  QelHaldoSdkWrapperState& state = WrapperState();
-  state.module.reset();
-  state.dllPath.clear();
-  state.logPath.clear();
-  state.sessionId.clear();
-}
 
 }  // namespace ambrel::test
