@@ -403,7 +403,7 @@ std::vector<Case> Cases() {
 #if defined(_MSC_VER)
        // Under Wine the process heap breaks in this leg after some dozens of
        // captures (Wine's heap checker reports blocks freed on the wrong heap
-       // during captures, test_callstack's too, and here frees of pointers
+       // by Wine's own PDB reader, test_callstack's too, and here frees of pointers
        // read from freed blocks); a later SymInitializeW then faults in
        // RtlAllocateHeap. That access violation reached GoogleTest as "SEH
        // exception with code 0x0", past the attempt's destructors (/EHsc),
